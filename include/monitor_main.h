@@ -1,0 +1,37 @@
+// The daemon's link to the supplicant: a thread that delivers its events, and a command channel
+// that any thread may use.
+#pragma once
+
+#include <cstddef>
+
+using wlan_monitor_event_cb = void (*)(const char *text);
+
+// Sets interface name (copied) and callback. Main thread, before the monitor thread is started.
+void wlan_monitor_init(const char *ifname, wlan_monitor_event_cb callback);
+
+// Thread body: connects when signalled, delivers events, leaves when told to.
+void *wlan_monitor_main(void *unused);
+
+// Wakes the thread to connect; blocks while it is connected already. Any thread.
+void wlan_monitor_signal_attach();
+
+// Asks the thread to disconnect, which it does within 5 s. Any thread.
+void wlan_monitor_signal_deattach();
+
+// Commands to the supplicant. The reply is terminated within `size`. 0, -1, or -2 when the
+// supplicant did not answer in 10 s. Any thread.
+int wlan_monitor_ctrl_status(char *reply, size_t size);
+int wlan_monitor_ctrl_scan(char *reply, size_t size);
+int wlan_monitor_ctrl_get_scan_results(char *reply, size_t size);
+int wlan_monitor_ctrl_roam(const char *bssid, char *reply, size_t size);
+int wlan_monitor_ctrl_disconnect(char *reply, size_t size);
+int wlan_monitor_ctrl_reconnect(char *reply, size_t size);
+int wlan_monitor_ctrl_blacklist(const char *bssid, char *reply, size_t size);
+int wlan_monitor_ctrl_blacklist_show(char *reply, size_t size);
+
+// 1 from a scan's request or start until its results or failure. Any thread.
+int wlan_monitor_ctrl_pending_scan();
+
+// Keeps the connection from being closed while at least one reference is held. Any thread.
+void wpa_ctrl_conn_increment_ref_count();
+void wpa_ctrl_conn_decrement_ref_count();

@@ -1,0 +1,64 @@
+// The command runner and the small text, time and lock helpers of the platform. Any thread.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <ctime>
+
+// Runs a command line through the shell, waits for it without a limit, and logs its outcome under
+// the module's name. 0 or -1; `detail` (may be null) gets the exit code or an errno.
+int pex_system(const char *module, const char *command, int *detail);
+
+// The rest of a stream as text, freed by the caller, `*length` with its terminator; null and 0
+// when there was nothing.
+char *pex_read_terminated_stream(FILE *stream, size_t *length);
+
+// Waits 10 s, flushes the file systems and reboots the robot. The shell's status.
+int pex_system_reboot();
+
+// Upper-case hexadecimal text, freed by the caller; null without memory.
+char *hex_encode_str_malloc(const void *bytes, size_t count);
+
+// The bytes of a hexadecimal text, terminated and freed by the caller; null for anything else.
+// Only the first (length modulo 256) characters count. `text` must not be null.
+char *hex_decode_str_malloc(const char *text);
+
+// 1 for an even number of hexadecimal digits (none counts), else 0.
+int ishexstring(const char *text);
+
+// 0 when every byte is printable ASCII, else -1.
+int non_print_char_check(const char *text);
+
+// Derives the 256-bit PSK of a WPA passphrase (IEEE 802.11, PBKDF2-HMAC-SHA1, 4096 rounds) as 64
+// lower-case digits. 0; 1 for a capacity below 65 or a failed derivation.
+int wpa_passphrase(const char *ssid, const char *passphrase, char *out, size_t capacity);
+
+// Masks the quoted value of the first "ssid=" with "*", in place.
+void pex_hide_ssid(char *text);
+
+// Masks the first `octets` octets of the first MAC address on the first line, in place. 1 when an
+// address was found, else 0.
+int pex_hide_mac_addr(char *text, int octets);
+
+// Decimal text, freed by the caller; null without memory.
+char *pex_get_string_from_int(int32_t value);
+
+// Replaces trailing newlines and carriage returns by terminators; how many, or -1.
+int pex_strip_trailing_newline_and_return_chars(char *buffer, size_t length);
+
+// Exclusive POSIX record lock on the whole file; the first blocks until it is free. The lock
+// call's result. Keeps processes apart, not threads.
+int get_file_lock(int fd);
+int release_file_lock(int fd);
+
+// Modification time in seconds since the epoch, 0 on failure.
+time_t pex_get_file_mtime(const char *path);
+
+// 1 when the two files were modified within two minutes of each other, else 0.
+int pex_files_modified_within(const char *path_a, const char *path_b);
+
+int pex_str_tolower(char *text);   // in place; 0, or -1 for null
+int pex_strip_spaces(char *text);  // removes every blank in place; 0, or -1 for null
+char *pex_generate_uuid_malloc();  // 32 upper-case digits, freed by the caller
+long pex_get_uptime();             // seconds since boot, -1 on failure

@@ -1,0 +1,73 @@
+// A robot for one test: reads what the code under test logs, sets up the store and the tools it
+// meets, and tells which command lines it ran. The test program runs inside tests/sandbox.
+#pragma once
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "owned.h"
+
+class Robot : public testing::Test {
+  protected:
+    Robot();
+    ~Robot() override;
+
+    // --- the log: every line that reached /dev/log, "<priority>" and time stamp cut --------------
+    std::vector<std::string> log_lines();
+    std::string log_text();  // all lines, newline-ended
+    // Waits up to two seconds for a line that contains `text`.
+    bool logged(const std::string &text);
+    int times_logged(const std::string &text);
+    void forget_log();
+
+    // --- the settings store ----------------------------------------------------------------------
+    static void kvs_set(const std::string &key, const std::string &value);
+    static std::string kvs_get(const std::string &key);  // as stored; "<none>" when missing
+    static std::string kvs_path(const std::string &key);
+
+    // --- tools -----------------------------------------------------------------------------------
+    // Puts a shell script named `tool` first in PATH. "sudo" is there from the start and runs what
+    // it is given.
+    static void fake(const std::string &tool, const std::string &script);
+    // The shell command lines that were run so far, to the letter, in order.
+    static std::vector<std::string> commands();
+    static void forget_commands();
+
+    static void write_file(const std::string &path, const std::string &content, int mode = 0644);
+    static std::string read_file(const std::string &path);  // "<none>" when missing
+
+    // Waits up to `limit` for the condition; its last value.
+    static bool eventually(const std::function<bool()> &condition,
+                           std::chrono::milliseconds limit = std::chrono::seconds(5));
+
+  private:
+    void read_log();
+
+    Fd log_socket_;
+    std::mutex lock_;
+    std::vector<std::string> lines_;
+    std::atomic<bool> stop_{false};
+    std::thread reader_;
+};
+
+// A broker of the robot's own on 127.0.0.1:1883, the real one, ended with the object.
+class Broker {
+  public:
+    Broker() { start(); }
+    ~Broker() { stop(); }
+    Broker(const Broker &) = delete;
+    Broker &operator=(const Broker &) = delete;
+    void start();  // returns when it accepts connections
+    void stop();
+
+  private:
+    pid_t pid_ = -1;
+};
