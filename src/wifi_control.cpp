@@ -1,0 +1,464 @@
+// Interfaces, soft AP and DHCP. Everything is done by the robot's scripts; the station's connect is
+// in wifi_connect.cpp, the connection's status in wifi_status.cpp.
+#include "wifi_control.h"
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <charconv>
+#include <climits>
+#include <cstdarg>
+#include <cstdlib>
+#include <cstring>
+#include <optional>
+#include <string_view>
+#include <vector>
+
+#include "log.h"
+#include "owned.h"
+#include "pex_kvs_helper.h"
+#include "pex_misc.h"
+#include "wifi_shared.h"
+#include "wifi_state.h"
+
+#define LOG_SOURCE "src/wifi_control"
+
+using namespace wifi_shared;
+
+namespace {
+
+constexpr char kModule[] = "netwarden";
+constexpr char kMonitorInterface[] = "mon0";
+constexpr char kStationListInterface[] = "p2p0";
+constexpr char kProvisionLock[] = "/tmp/provision.lock";
+constexpr char kDhcpPidFile[] = "/var/run/udhcpc.wlan0.pid";  // whatever the station's name
+constexpr char kRunNetworkDir[] = "/run/ifstate";
+constexpr size_t kCommandSize = 256;  // a command line with its terminator
+
+// Of the C library's normal kind: a second lock by the same thread is defined, it blocks.
+pthread_mutex_t command_lock = PTHREAD_MUTEX_INITIALIZER;
+
+// Nothing in the daemon asks for these two; they are there for whoever debugs a robot.
+std::atomic<int16_t> soft_ap_channel{0};
+std::atomic<bool> monitor_mode{false};
+
+}  // namespace
+
+namespace wifi_shared {
+
+CommandLock::CommandLock() {
+    pthread_mutex_lock(&command_lock);
+}
+CommandLock::~CommandLock() {
+    if (releases_)
+        pthread_mutex_unlock(&command_lock);
+}
+
+std::string format_text(const char *format, ...) {
+    va_list args;
+    va_start(args, format);
+    va_list again;
+    va_copy(again, args);
+    const int length = vsnprintf(nullptr, 0, format, args);
+    va_end(args);
+    std::string text(static_cast<size_t>(std::max(length, 0)), '\0');
+    vsnprintf(text.data(), text.size() + 1, format, again);
+    va_end(again);
+    return text;
+}
+
+int run_logged(const std::string &command) {
+    const int result = wifi_system_command(command.c_str());
+    if (failed(result))
+        LOGE("wifi_system_command failed");
+    return result;
+}
+
+int interface_down(const char *ifname) {
+    return run_logged(format_text("%s %s", "sudo ifdown", ifname));
+}
+int interface_up(const char *ifname) {
+    return run_logged(format_text("%s %s", "sudo ifup", ifname));
+}
+
+}  // namespace wifi_shared
+
+// --- running commands ----------------------------------------------------------------------------
+
+int wifi_system_command(const char *command) {
+    if (command == nullptr) {
+        LOGE("invalid input");
+        return -1;
+    }
+    const CommandLock lock;
+    const int status = system(command);
+    if (status == -1) {
+        if (errno != ECHILD) {
+            LOGE("system() failed for %s", command);
+            return -1;
+        }
+        LOGD("system() returned errno %d for %s", errno, command);  // reaped elsewhere
+        return 0;
+    }
+    if (!WIFEXITED(status))
+        return status;
+    if (WEXITSTATUS(status) != 0) {
+        LOGE("%s returned status %d", command, WEXITSTATUS(status));
+        return -1;
+    }
+    LOGD("system cmd returned EX_OK");
+    return 0;
+}
+
+void wifi_iface_control(wifi_iface_kind kind, int add) {
+    const std::string command = format_text(
+        "sudo network_device_interfaces_control.sh --interface=%s --action=%s",
+        kind == wifi_iface_kind::monitor ? "monitor" : "softap", add != 0 ? "add" : "del");
+    LOGI("iface control: %s", command.c_str());
+    wifi_system_command(command.c_str());
+}
+
+// --- soft AP -------------------------------------------------------------------------------------
+
+namespace {
+
+// The scripts and the driver need the second, whatever the script's result.
+void control_and_settle(wifi_iface_kind kind, bool add) {
+    wifi_iface_control(kind, add ? 1 : 0);
+    sleep(1);
+}
+
+bool is_word(std::string_view text) {
+    return !text.empty() &&
+           std::all_of(text.begin(), text.end(), [](unsigned char c) { return isalnum(c) != 0; });
+}
+
+// The soft AP's name: "Plover-" and the first four characters of the robot id, of which only those
+// that mean nothing to a shell are taken over.
+std::string soft_ap_name(const char *robot_id) {
+    std::string word(robot_id, strnlen(robot_id, 4));
+    std::erase_if(word, [](unsigned char c) { return isalnum(c) == 0 && c != '_' && c != '-'; });
+    std::array<char, 33> name;  // IEEE 802.11: at most 32 bytes
+    if (snprintf(name.data(), name.size(), "%s-%s", "Plover", word.c_str()) >=
+        static_cast<int>(name.size()))
+        LOGW("softAp ssid truncated");
+    return name.data();
+}
+
+void configure_soft_ap(int16_t channel, const char *mode) {
+    const MallocText robot_id(pex_kvs_get_key_str_malloc("product.robotid"));
+    if (!robot_id) {
+        LOGE("Error reading robot_id");
+        return;
+    }
+    soft_ap_channel = channel;
+    const std::string command =
+        format_text("sudo provision --apssid %s --apchan %d --aphwmode %s \n",
+                    soft_ap_name(robot_id.get()).c_str(), channel, mode);
+    LOGI("cmd = %s", command.c_str());
+    LOGD("\nCalling pex_system(%s) now...", command.c_str());
+    pex_system(kModule, command.c_str(), nullptr);
+}
+
+// "sudo ifdown" or "sudo ifup" for the soft AP's interface.
+int switch_soft_ap(const char *verb) {
+    const char *const ifname = wifi_get_uap_interface();
+    const size_t size = strlen(verb) + 1 + strlen(ifname) + 1;
+    const MallocText command(static_cast<char *>(malloc(size)));
+    if (!command) {
+        LOGE("%s", "out of memory");
+        return -1;
+    }
+    snprintf(command.get(), size, "%s %s", verb, ifname);
+    return run_logged(command.get());
+}
+
+}  // namespace
+
+int wifi_configure_and_start_uap(int16_t channel, const char *mode) {
+    if (mode == nullptr || !is_word(mode)) {
+        LOGE("invalid input");
+        return -1;
+    }
+    control_and_settle(wifi_iface_kind::monitor, false);
+    control_and_settle(wifi_iface_kind::soft_ap, true);
+    configure_soft_ap(channel, mode);
+    if (failed(switch_soft_ap("sudo ifdown")) || failed(switch_soft_ap("sudo ifup")))
+        return -1;
+    wifi_state_set_uap(1);
+    LOGI("SoftAP is up");
+    return 0;
+}
+
+int wifi_stop_uap() {
+    const int result = failed(switch_soft_ap("sudo ifdown")) ? -1 : 0;
+    if (result == 0) {
+        wifi_state_set_uap(0);
+        LOGI("SoftAP is down");
+    }
+    control_and_settle(wifi_iface_kind::soft_ap, false);
+    return result;
+}
+
+// --- monitor mode --------------------------------------------------------------------------------
+
+int wifi_start_monitor_mode() {
+    control_and_settle(wifi_iface_kind::soft_ap, false);
+    control_and_settle(wifi_iface_kind::monitor, true);
+    monitor_mode = true;
+    interface_down(kMonitorInterface);
+    sleep(1);
+    return failed(interface_up(kMonitorInterface)) ? -1 : 0;
+}
+
+void wifi_stop_monitor_mode() {
+    monitor_mode = false;
+    interface_down(kMonitorInterface);
+    control_and_settle(wifi_iface_kind::monitor, false);
+}
+
+int wifi_enable_noarp_mode(int flag) {
+    const std::string command =
+        format_text("sudo network_dhcp_arp_control.sh %s", flag != 0 ? "enable" : "disable");
+    LOGD("\nCalling pex_system(%s) now...", command.c_str());
+    return pex_system(kModule, command.c_str(), nullptr);
+}
+
+// --- IP configuration and DHCP -------------------------------------------------------------------
+
+namespace {
+
+constexpr std::string_view kAddress = "%";  // stands for an address in the forms below
+constexpr std::string_view kNoServer = "\"#\"";
+constexpr std::string_view kDhcpForm[] = {"sudo", "provision", "--clmode", "dhcp"};
+constexpr std::string_view kStaticForm[] = {
+    "sudo",   "provision", "--clmode", "static",     "--clipaddr", kAddress,     "--clnetmask",
+    kAddress, "--clgw",    kAddress,   "--cldnsns1", kAddress,     "--cldnsns2", kAddress};
+
+std::vector<std::string_view> split_at_blanks(std::string_view text) {
+    std::vector<std::string_view> words;
+    while (true) {
+        text.remove_prefix(std::min(text.find_first_not_of(' '), text.size()));
+        if (text.empty())
+            return words;
+        const size_t length = std::min(text.find(' '), text.size());
+        words.push_back(text.substr(0, length));
+        text.remove_prefix(length);
+    }
+}
+
+bool fits(std::string_view word, std::string_view wanted) {
+    if (wanted != kAddress)
+        return word == wanted;
+    return word == kNoServer || std::all_of(word.begin(), word.end(), [](unsigned char c) {
+               return isxdigit(c) != 0 || c == '.' || c == ':' || c == '/';
+           });
+}
+
+// The configuration line goes to a shell as it stands and comes from a store that other processes
+// write too: only the lines that the daemon itself makes may pass.
+bool is_provision_command(std::string_view line) {
+    if (line.ends_with('\n'))
+        line.remove_suffix(1);
+    const auto words = split_at_blanks(line);
+    const auto matches = [&](auto &form) {
+        return std::equal(words.begin(), words.end(), std::begin(form), std::end(form), fits);
+    };
+    return matches(kDhcpForm) || matches(kStaticForm);
+}
+
+// The pending, else the saved line; null when there is none.
+std::optional<std::string> ip_config_line() {
+    std::string pending = wifictl_copy_pending().ip_config;
+    if (!pending.empty())
+        return pending;
+    const MallocText saved(pex_kvs_get_key_str_malloc("network.ip_config"));
+    if (!saved)
+        return std::nullopt;
+    return saved.get();
+}
+
+}  // namespace
+
+int wifi_set_provision_ip_config() {
+    const auto command = ip_config_line();
+    if (!command) {
+        LOGW("no IP config saved");
+        return -1;
+    }
+    if (!is_provision_command(*command)) {
+        LOGE("IP config is not a provision command line");
+        return -1;
+    }
+    const Fd lock(open(kProvisionLock, O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (!lock) {
+        LOGE("error opening %s", kProvisionLock);
+        return -1;
+    }
+    if (const int error = get_file_lock(lock.get()); error != 0)
+        LOGW("error (%d) getting file lock", error);
+    const auto result = static_cast<int8_t>(wifi_system_command(command->c_str()));
+    if (result != 0)
+        LOGE("wifi_system_command failed");
+    if (const int error = release_file_lock(lock.get()); error != 0)
+        LOGE("error (%d) releasing file lock", error);
+    return result;
+}
+
+namespace {
+
+// 0 for a text that names no single process: kill would take 0 and -1 for whole groups, and
+// nothing the robot starts is process 1.
+pid_t parse_pid(const char *text) {
+    char *end = nullptr;
+    errno = 0;
+    const long value = strtol(text, &end, 10);
+    const bool valid = end != text && errno != ERANGE && value >= 2 && value <= INT_MAX;
+    return valid ? static_cast<pid_t>(value) : 0;
+}
+
+}  // namespace
+
+int wifi_renew_dhcp_lease() {
+    const File stream(fopen(kDhcpPidFile, "re"));
+    if (!stream) {
+        LOGE("fopen failed");
+        return -1;
+    }
+    size_t length = 0;
+    const MallocText text(pex_read_terminated_stream(stream.get(), &length));
+    if (!text) {
+        LOGE("failed to read PID from %s", "filename");  // names no path: tools match on it
+        return -1;
+    }
+    const pid_t pid = parse_pid(text.get());
+    if (pid == 0) {
+        LOGE("strtol() error");
+        return -1;
+    }
+    if (kill(pid, NETWARDEN_DHCP_RENEW_SIGNAL) != 0) {
+        LOGE("kill failed with errno %d", errno);
+        return -1;
+    }
+    return 0;
+}
+
+// --- station interface and start-up checks -------------------------------------------------------
+
+int wifi_sta_iface_down() {
+    const int result =
+        wifi_system_command(format_text("%s %s", "sudo ifdown", wifi_get_sta_interface()).c_str());
+    if (failed(result)) {
+        LOGE("wifi_system_command falied");  // misspelt for ever: tools match on it
+        return result;
+    }
+    wifi_state_set_wifi(WIFI_STATION_STOPPED);
+    station_started = false;
+    timers.clear();
+    connected = false;
+    assoc_rejected = false;
+    return result;
+}
+
+int wifi_check_sta_iface_available() {
+    const char *const ifname = wifi_get_sta_interface();
+    const std::string command = format_text("ifconfig %s | grep HWaddr", ifname);
+    if (command.size() >= kCommandSize) {
+        LOGE("snprintf error");
+        return -1;
+    }
+    const Pipe pipe(command.c_str());
+    if (!pipe) {
+        LOGE("popen failed");
+        return -1;
+    }
+    Line line;
+    if (!read_line(pipe.get(), line)) {
+        LOGE("ifconfig cmd returned no output");
+        return -1;
+    }
+    const char *const found = strstr(line.data(), "HWaddr");
+    if (found == nullptr) {
+        LOGE("Failed to get %s HW address", ifname);
+        return -1;
+    }
+    LOGI("found %s iface: %s", ifname, found);
+    return 0;
+}
+
+int wifi_check_run_network_dir() {
+    if (access(kRunNetworkDir, F_OK) == 0)
+        return 0;
+    LOGE("failed to access %s", kRunNetworkDir);
+    return -1;
+}
+
+// --- stations of the soft AP ---------------------------------------------------------------------
+
+namespace {
+
+using StationAddress = std::array<uint32_t, 6>;
+
+// Six hexadecimal numbers separated by colons begin the line; what follows does not matter.
+bool parse_address(std::string_view line, StationAddress &address) {
+    const char *next = line.data();
+    const char *const end = line.data() + line.size();
+    for (size_t i = 0; i < address.size(); i++) {
+        if (i > 0 && (next == end || *next++ != ':'))
+            return false;
+        const auto [stop, error] = std::from_chars(next, end, address[i], 16);
+        if (error != std::errc())
+            return false;
+        next = stop;
+    }
+    return true;
+}
+
+bool find_station(FILE *listing, char *line, size_t size, StationAddress &address) {
+    while (fgets(line, static_cast<int>(size), listing) != nullptr) {
+        if (parse_address(line, address)) {
+            LOGD("found STA - %s", line);
+            return true;
+        }
+        LOGD("all_sta line buffer = %s", line);
+    }
+    return false;
+}
+
+}  // namespace
+
+int wifi_get_associated_station_status(void *out, size_t size) {
+    constexpr size_t kLineSize = 100;
+    CommandLock lock;
+    const MallocText line(static_cast<char *>(malloc(kLineSize)));
+    if (!line) {
+        LOGD("malloc failed");
+        lock.keep();  // meant, here and below: no command runs on a robot that is out of resources
+        return 0;
+    }
+    const std::string command =
+        format_text("%s -i%s %s\n", "sudo hostapd_cli", kStationListInterface, "all_sta");
+    const Pipe listing(command.c_str());
+    if (!listing) {
+        LOGD("Failed to run command %s", command.c_str());
+        lock.keep();
+        return 0;
+    }
+    StationAddress address{};
+    if (!find_station(listing.get(), line.get(), kLineSize, address))
+        return 0;
+    memcpy(out, address.data(), std::min(size, sizeof address));
+    return 1;
+}
+
+// The listing asks p2p0 and this the soft AP's interface, on purpose: so the driver names them.
+int wifi_disassociate_uap_station(const uint32_t address[6]) {
+    return run_logged(format_text("%s -i%s disassociate %02x:%02x:%02x:%02x:%02x:%02x\n",
+                                  "sudo hostapd_cli", wifi_get_uap_interface(), address[0],
+                                  address[1], address[2], address[3], address[4], address[5]));
+}
