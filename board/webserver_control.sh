@@ -24,9 +24,9 @@ start() {
     setsid "$@" </dev/null >/dev/null 2>&1 &
     echo $! | replace_file "$pidfile" 644
     left=20
-    while [ "$left" -gt 0 ]; do
-        ! listens || return 0
-        kill -0 $! 2>/dev/null || break
+    while [ "$left" -gt 0 ] && kill -0 $! 2>/dev/null; do
+        # The port may be somebody else's: then httpd is about to end.
+        ! listens || { bb sleep 0.1 && kill -0 $! 2>/dev/null && return 0; }
         bb sleep 0.1
         left=$((left - 1))
     done

@@ -22,16 +22,18 @@ if [ "$(id -u)" -ne 0 ] && sudo -n -l "$0" >/dev/null 2>&1; then
     exec sudo -n "$0"
 fi
 
-limit_s=5
-limit_lines=400
+limit_s=2
+limit_lines=200
 
-# Values of keys that are secrets, names in quotes and in "ssid" fields other than `ssid=` at the
-# start of a line.
+# Secrets, in configuration files and in messages of the broker; then the names of networks, which
+# netwarden finds only where "SSID" is followed by a blank or "ssid=" starts a line. What follows a
+# name in quotes is kept: it holds the reason why a network was refused.
 mask() {
     sed -E \
-        -e 's/((psk|password|passphrase|wep_key[0-3]|sae_password|wpa_psk)[]0-9[]*[=:] *).*/\1********/I' \
-        -e "s/(ssid2?=?)(\"|').*(\"|')/\1'********'/gI" \
-        -e 's/(ssid(2|\[[0-9]+\])=).*/\1********/I'
+        -e 's/((psk|password|passphrase|wep_key[0-3])[]0-9[]*[=:] *).*/\1********/I' \
+        -e 's/("(ssid|pass|robotpass|password|psk)" *: *")[^"]*/\1********/gI' \
+        -e "s/(ssid2?=)(\"|').*(\"|')/\1'********'/I" \
+        -e "s/((^|[^a-z_])ssid2?(\[[0-9]+\])?=)[^\"'].*/\1********/I"
 }
 
 # section TITLE COMMAND ARGS...
@@ -57,14 +59,22 @@ wpa() {
 
 supplicant() {
     printf '\n==== supplicant: %s\n' "$STATION"
+    if [ "$(wpa ping)" != PONG ]; then
+        echo "(does not answer)"
+    else
+        supplicant_state
+    fi
+    echo "-- $WPA_CONF"
+    mask <"$WPA_CONF" 2>&1
+}
+
+supplicant_state() {
     wpa status | mask
     wpa signal_poll
     echo "-- networks"
     wpa list_networks | drop_column 2
     echo "-- access points in reach"
     wpa scan_results | drop_column 5 | tail -n 60
-    echo "-- $WPA_CONF"
-    mask <"$WPA_CONF" 2>&1
 }
 
 soft_ap() {
@@ -88,7 +98,7 @@ system_log() {
     [ -s "$scratch" ] || bb timeout "$limit_s" logread >"$scratch" 2>/dev/null </dev/null
     [ -s "$scratch" ] ||
         bb timeout "$limit_s" journalctl -q -n 5000 -o short >"$scratch" 2>/dev/null </dev/null
-    grep -E 'netwarden|wpa_supplicant|hostapd|udhcpc|udhcpd|station|softap|provision|default\.script|wlan|cfg80211|80211' \
+    grep -E 'netwarden|wpa_supplicant|hostapd|udhcpc|udhcpd|station:|softap:|provision:|default\.script|wlan|cfg80211|80211' \
         "$scratch" | tail -n 1500 | mask
 }
 
@@ -111,7 +121,6 @@ section "station statistics" iw dev "$STATION" station dump
 section "wireless statistics" cat /proc/net/wireless
 section "regulatory domain" iw reg get
 soft_ap
-section "processes" ps
-section "memory" cat /proc/meminfo
+section "processes" top -b -n 1
 section "kernel" dmesg
 system_log

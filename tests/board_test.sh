@@ -74,7 +74,7 @@ ln -s /run "$root/var/run"
 
 mounts=(--bind "$root" / --ro-bind "$root/usr" /usr --ro-bind "$here/tests/board" /test
     --ro-bind "$root/usr/bin/ip" /full-ip
-    --proc /proc --dev /dev --tmpfs /run --perms 1777 --tmpfs /tmp)
+    --tmpfs /usr/local --proc /proc --dev /dev --tmpfs /run --perms 1777 --tmpfs /tmp)
 if [ "$busybox" = yes ]; then
     # A multi-call binary is what it is called: mounted over a tool, it is that tool.
     for tool in dash ip sed grep sort tail head cat tr od cut sync mktemp timeout readlink \

@@ -90,6 +90,9 @@ setting() {
 # replace_file FILE MODE: standard input becomes the content of FILE; a power cut leaves either the
 # old or the new one. Equal content is not written again, which spares the flash. 1 on failure.
 replace_file() {
+    # Where the root is read-only, files of /etc are links into a writable file system.
+    replace_target=$(readlink -f "$1") || replace_target=$1
+    set -- "$replace_target" "$2"
     replace_tmp="$(dirname "$1")/.${1##*/}.$$"
     if ! (umask 077 && cat >"$replace_tmp") 2>/dev/null; then
         rm -f "$replace_tmp" 2>/dev/null
@@ -186,17 +189,15 @@ netmask_prefix() {
 # write_resolv_conf SERVER...: one line each, with one blank: netwarden splits it there. Nothing
 # else is written, search domains neither: nobody on the robot looks up short names.
 write_resolv_conf() {
-    # /etc/resolv.conf may be a link into a writable file system.
-    resolv_file=$(readlink -f /etc/resolv.conf) || resolv_file=/etc/resolv.conf
     resolv_text=
     for resolv_server in "$@"; do
         is_ipv4 "$resolv_server" || continue
         resolv_text="${resolv_text}nameserver $resolv_server
 "
     done
-    printf '%s' "$resolv_text" | replace_file "$resolv_file" 644 && return 0
+    printf '%s' "$resolv_text" | replace_file /etc/resolv.conf 644 && return 0
     # A file that is mounted by itself cannot be renamed over.
-    { printf '%s' "$resolv_text" >"$resolv_file"; } 2>/dev/null && return 0
-    say "cannot write $resolv_file"
+    { printf '%s' "$resolv_text" >/etc/resolv.conf; } 2>/dev/null && return 0
+    say "cannot write /etc/resolv.conf"
     return 1
 }

@@ -16,7 +16,7 @@ check() {
     fi
     failures=$((failures + 1))
     echo "not ok $count - $name"
-    output=${output:-no output}
+    output=$(tail -n 60 <<<"${output:-no output}")
     echo "#   ${output//$'\n'/$'\n'#   }"
 }
 
@@ -60,6 +60,8 @@ state=/etc/netwarden-board/state
 . /test/provision.sh
 # shellcheck source=network.sh
 . /test/network.sh
+# shellcheck source=tools.sh
+. /test/tools.sh
 
 echo "1..$count"
 echo "# $((count - failures)) passed, $failures failed"
