@@ -105,7 +105,7 @@ std::string Robot::kvs_get(const std::string &key) {
 }
 
 void Robot::fake(const std::string &tool, const std::string &script) {
-    write_file("/run/fakes/bin/" + tool, "#!/usr/bin/dash\n" + script + "\n", 0755);
+    write_file("/run/fakes/bin/" + tool, "#!/run/fakes/dash\n" + script + "\n", 0755);
 }
 
 std::vector<std::string> Robot::commands() {
