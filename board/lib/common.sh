@@ -46,6 +46,7 @@ fi
 : "${MONITOR:=mon0}"
 : "${WPA_CONF:=/etc/wpa_supplicant.conf}"
 : "${WPA_DRIVER:=nl80211}"
+: "${WPA_FLAGS=-s}"
 : "${DHCP_TRIES:=3}"
 : "${DHCP_PAUSE_S:=2}"
 : "${DHCP_REST_S:=1}"
@@ -87,27 +88,25 @@ setting() {
     return 1
 }
 
-# replace_file FILE MODE: standard input becomes the content of FILE; a power cut leaves either the
-# old or the new one. Equal content is not written again, which spares the flash. 1 on failure.
+# replace_file FILE MODE: the text on standard input becomes the content of FILE; a power cut leaves
+# either the old or the new one. Equal content is not written again, which spares the flash. 1 on
+# failure.
 replace_file() {
     # Where the root is read-only, files of /etc are links into a writable file system.
     replace_target=$(readlink -f "$1") || replace_target=$1
-    set -- "$replace_target" "$2"
-    replace_tmp="$(dirname "$1")/.${1##*/}.$$"
-    if ! (umask 077 && cat >"$replace_tmp") 2>/dev/null; then
-        rm -f "$replace_tmp" 2>/dev/null
-        return 1
-    fi
-    if cmp -s "$replace_tmp" "$1"; then
-        rm -f "$replace_tmp"
+    # The dot keeps the newlines at the end.
+    replace_text=$(cat && echo .) || return 1
+    if [ -f "$replace_target" ] && [ "$(cat "$replace_target" && echo .)" = "$replace_text" ]; then
         return 0
     fi
-    if chmod "$2" "$replace_tmp" && { sync "$replace_tmp" 2>/dev/null || sync; } &&
-        mv -f "$replace_tmp" "$1" 2>/dev/null; then
-        sync "$(dirname "$1")" 2>/dev/null || sync
+    replace_tmp=$(dirname "$replace_target")/.${replace_target##*/}.$$
+    if (umask 077 && printf %s "${replace_text%.}" >"$replace_tmp") 2>/dev/null &&
+        chmod "$2" "$replace_tmp" && { sync "$replace_tmp" 2>/dev/null || sync; } &&
+        mv -f "$replace_tmp" "$replace_target" 2>/dev/null; then
+        sync "$(dirname "$replace_target")" 2>/dev/null || sync
         return 0
     fi
-    rm -f "$replace_tmp"
+    rm -f "$replace_tmp" 2>/dev/null
     return 1
 }
 
