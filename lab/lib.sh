@@ -1,0 +1,350 @@
+# The words in which scenarios are written. Sourced by every scenario; runs as root inside the robot, which
+# is the virtual machine's root network namespace. `home` and `phone` are namespaces with radios of their own.
+#
+# expect_... waits at most SECONDS and then fails, showing what was seen last. Messages and log lines count
+# from the last `mark` on (at first: from the start). PATTERN is an extended regular expression.
+
+HOME_SSID=${HOME_SSID-'Lab Home'}
+HOME_KEY=${HOME_KEY-'correct horse 42'}
+HOME_GATEWAY=192.168.77.1
+STORE=/opt/halvik/persistent/opt/halvik/data/kvs
+LAB=/run/lab
+LAB_LOG=$LAB_RESULTS/log           # the robot's syslog, each line with its time of arrival
+LAB_MESSAGES=$LAB_RESULTS/messages # the broker's traffic: time, topic, payload
+
+# --- the story ---------------------------------------------------------------------------------------
+
+# step TEXT: says what happens now, on the host's terminal too.
+step() {
+    echo "[$(uptime_s)] $*"
+    echo "P $LAB_SCENARIO: $*" >&3
+}
+
+# fail TEXT: ends the scenario as failed.
+fail() {
+    trap - ERR
+    local frame=0
+    while [[ ${BASH_SOURCE[frame]-} && ${BASH_SOURCE[frame]} != "${scenario-}" ]]; do frame=$((frame + 1)); done
+    echo "FAILED at line ${BASH_LINENO[frame - 1]}: $*"
+    exit 1
+}
+
+# skip REASON: ends the scenario as not applicable here.
+skip() {
+    echo "$*" >"$LAB_RESULTS/skipped"
+    exit 77
+}
+
+uptime_s() { cut -d' ' -f1 /proc/uptime; }
+
+# mark: from here on only new messages and log lines count.
+mark() {
+    wc -l <"$LAB_LOG" >$LAB/mark.log
+    wc -l <"$LAB_MESSAGES" >$LAB/mark.messages
+}
+
+log_since_mark() { tail -n +$(($(cat $LAB/mark.log) + 1)) "$LAB_LOG"; }
+messages_since_mark() { tail -n +$(($(cat $LAB/mark.messages) + 1)) "$LAB_MESSAGES"; }
+
+# wait_until SECONDS COMMAND...: waits until COMMAND succeeds; returns 1 when it did not in time.
+wait_until() {
+    local end=$((SECONDS + $1)); shift
+    until "$@" >/dev/null 2>&1; do
+        [[ ! -e $LAB/daemon.exit ]] || fail "netwarden ended with status $(<$LAB/daemon.exit)"
+        ((SECONDS < end)) || return 1
+        sleep 0.2
+    done
+}
+
+# expect TEXT SECONDS COMMAND...: fails with TEXT when COMMAND does not succeed in time.
+expect() {
+    local text=$1 seconds=$2; shift 2
+    wait_until "$seconds" "$@" || fail "$text: not within $seconds s"
+}
+
+# refute TEXT COMMAND...: fails with TEXT when COMMAND succeeds. (A bare `! COMMAND` would never fail.)
+refute() {
+    local text=$1; shift
+    if "$@" >/dev/null 2>&1; then fail "$text"; fi
+}
+
+# background NAME COMMAND...: a helper of the world; its output goes to results/NAME.log.
+background() {
+    local name=$1; shift
+    "$@" >>"$LAB_RESULTS/$name.log" 2>&1 3>&- &
+    echo $! >"$LAB/$name.pid"
+    disown
+}
+
+# end NAME [SIGNAL]: ends it and waits until it is gone.
+end() {
+    local pid
+    pid=$(<"$LAB/$1.pid")
+    rm "$LAB/$1.pid"
+    kill "${2:--TERM}" "$pid"
+    wait_until 10 gone "$pid" || fail "$1 does not end"
+}
+gone() { ! kill -0 "$1"; }
+
+# --- what the robot says -----------------------------------------------------------------------------
+
+has_log() { log_since_mark | grep -qE -- "$1"; }
+has_message() { messages_since_mark | awk -v t="$1" '$2 == t' | sed -E 's/^[^ ]+ [^ ]+ //' | grep -qE -- "$2"; }
+
+# expect_log PATTERN SECONDS: a line of the robot's system log.
+expect_log() {
+    wait_until "$2" has_log "$1" || fail "no log line /$1/ within $2 s; the last were:
+$(log_since_mark | tail -8)"
+}
+
+# refute_log PATTERN: fails when such a line was logged since the mark.
+refute_log() {
+    ! has_log "$1" || fail "logged, and must not be: $(log_since_mark | grep -E -m3 -- "$1")"
+}
+
+# expect_message TOPIC PATTERN SECONDS: a message on exactly this topic.
+expect_message() {
+    wait_until "$3" has_message "$1" "$2" || fail "no message /$2/ on $1 within $3 s; the last were:
+$(messages_since_mark | tail -8)"
+}
+
+# refute_message TOPIC PATTERN: fails when such a message was sent since the mark.
+refute_message() {
+    ! has_message "$1" "$2" || fail "published on $1, and must not be: $2"
+}
+
+# wait_state N SECONDS: the robot reports Wi-Fi state N.
+wait_state() { expect_message network/events "^\{\"wifistat\":\{\"wifi\":$1,\"uap\":(true|false)\}\}$" "$2"; }
+
+# refute_text TEXT: TEXT (a key, say) must be in no log and no message since the robot's boot.
+refute_text() {
+    ! grep -rlF -- "$1" "$LAB_LOG" "$LAB_MESSAGES" "$LAB_RESULTS"/daemon.out 2>/dev/null ||
+        fail "this must be written nowhere: $1"
+}
+
+# publish TOPIC PAYLOAD: as another process of the robot.
+publish() { mosquitto_pub -q 1 -t "$1" -m "$2"; }
+
+# --- the robot ---------------------------------------------------------------------------------------
+
+# kvs_set KEY VALUE, kvs_get KEY, kvs_del KEY: the robot's key-value store.
+kvs_set() { printf %s "$2" >"$STORE/$1"; }
+kvs_get() { cat "$STORE/$1"; }
+kvs_del() { rm -f "$STORE/$1"; }
+
+# hex TEXT: as the store keeps an SSID.
+hex() { printf %s "$1" | od -An -v -tx1 | tr -d ' \n'; }
+
+# save_network [SSID [KEY]]: the robot knows this network with DHCP, as after a provisioning. No KEY: open.
+save_network() {
+    kvs_set network.ssid "$(hex "${1-$HOME_SSID}")"
+    if (($# == 0)); then set -- "$HOME_SSID" "$HOME_KEY"; fi
+    if [[ ${2-} ]]; then kvs_set network.password "$2"; else kvs_del network.password; fi
+    kvs_set network.ip_config 'sudo provision --clmode dhcp '
+    kvs_set network.addr_type 1
+    kvs_set network.last_prov_status 1
+}
+
+# start_daemon [ARGUMENT...]: netwarden, with the clock of the last fast_clock.
+start_daemon() {
+    rm -f $LAB/daemon.exit
+    local clock=()
+    [[ ! -e $LAB/clock ]] || clock=(LD_PRELOAD="$(echo /usr/lib/*/faketime/libfaketimeMT.so.1)" FAKETIME_ONLY_CMDS=netwarden
+        FAKETIME_TIMESTAMP_FILE=$LAB/clock FAKETIME_CACHE_DURATION=1)
+    (
+        trap - ERR
+        set +e
+        env "${clock[@]}" /usr/bin/netwarden "$@" &
+        echo $! >$LAB/daemon.pid
+        wait $!
+        echo $? >$LAB/daemon.exit
+    ) >>"$LAB_RESULTS/daemon.out" 2>&1 3>&- &
+    wait_until 5 test -s $LAB/daemon.pid
+}
+
+daemon_pid() { cat $LAB/daemon.pid; }
+
+# stop_daemon: kills netwarden, which has no orderly end.
+stop_daemon() {
+    kill -9 "$(daemon_pid)"
+    while [[ ! -e $LAB/daemon.exit ]]; do sleep 0.1; done
+    rm $LAB/daemon.exit $LAB/daemon.pid
+}
+
+# fast_clock N: netwarden's clocks and sleeps run N times as fast. Before start_daemon; may be changed later.
+fast_clock() {
+    echo "+0 x$1" >$LAB/clock
+}
+
+# start_peers ARGUMENT...: the robot's other processes (see lab/peers --help).
+start_peers() {
+    background peers /lab/peers "$@"
+}
+
+stop_peers() { end peers; }
+
+# expect_reboot SECONDS: the robot asks for its reboot, which is noted and not performed.
+expect_reboot() { wait_until "$1" test -e $LAB/reboots || fail "no reboot within $1 s; the last log lines were:
+$(log_since_mark | tail -8)"; }
+
+refute_reboot() { [[ ! -e $LAB/reboots ]] || fail "rebooted, and must not: $(<$LAB/reboots)"; }
+
+# robot_address: the station's IPv4 address, or nothing.
+robot_address() { ip -4 -o addr show dev "${1:-wlan0}" | awk '{ sub("/.*", "", $4); print $4 }'; }
+
+broker_up() {
+    background broker mosquitto -c /etc/mosquitto/mosquitto.conf
+    wait_until 5 mosquitto_pub -t lab/broker -m up || fail "the broker does not start"
+    mosquitto_sub -q 1 -t '#' -F '%U %t %p' >>"$LAB_MESSAGES" 2>/dev/null 3>&- &
+    echo $! >$LAB/recorder.pid
+    disown
+    wait_until 5 recorder_is_on || fail "the broker's traffic is not recorded"
+}
+
+# Asked anew for each broker: a line from the one before proves nothing.
+recorder_is_on() {
+    local lines
+    lines=$(wc -l <"$LAB_MESSAGES")
+    mosquitto_pub -q 1 -t lab/recorder -m on
+    sleep 0.1
+    (($(wc -l <"$LAB_MESSAGES") > lines))
+}
+
+# broker_down: the robot's broker goes away.
+broker_down() {
+    end recorder
+    end broker
+}
+
+# --- the home ----------------------------------------------------------------------------------------
+
+# home COMMAND..., phone COMMAND...: runs it in the home's or the phone's network.
+home() { "${in_home[@]}" "$@"; }
+phone() { "${in_phone[@]}" "$@"; }
+in_home=(nsenter --net=/run/netns/home)
+in_phone=(nsenter --net=/run/netns/phone)
+
+# home_ap_up [ssid=..] [key=..] [security=wpa2|wpa|open|wep] [channel=N] [radio=1|2|3]: an access point.
+home_ap_up() {
+    local ssid=$HOME_SSID key=$HOME_KEY security=wpa2 channel=6 radio=1 mode=g
+    (($# == 0)) || local "$@"
+    local interface=wlan$((radio + 1)) conf=$LAB/ap$radio.conf
+    ((channel <= 14)) || mode=a
+    {
+        printf '%s\n' interface=$interface driver=nl80211 bridge=br0 ctrl_interface=$LAB/hostapd \
+            logger_syslog=0 ssid2="$(hex "$ssid")" hw_mode=$mode channel=$channel
+        case $security in
+        wpa2) printf '%s\n' wpa=2 wpa_key_mgmt=WPA-PSK rsn_pairwise=CCMP wpa_passphrase="$key" ;;
+        wpa) printf '%s\n' wpa=1 wpa_key_mgmt=WPA-PSK wpa_pairwise=TKIP wpa_passphrase="$key" ;;
+        wep) printf '%s\n' auth_algs=3 wep_default_key=0 wep_key0="$(hex "$key")" ;;
+        open) ;;
+        *) fail "home_ap_up: no security $security" ;;
+        esac
+    } >"$conf"
+    background ap$radio "${in_home[@]}" hostapd -t "$conf"
+    expect "access point on $interface" 20 grep -q AP-ENABLED "$LAB_RESULTS/ap$radio.log"
+}
+
+# home_ap_down [RADIO]: the access point loses its power: no farewell to the stations.
+home_ap_down() {
+    local radio=${1:-1}
+    end "ap$radio" -KILL
+    home ip link set wlan$((radio + 1)) down
+    sed -i s/AP-ENABLED/AP-WAS-ENABLED/ "$LAB_RESULTS/ap$radio.log"
+}
+
+# home_bssid [RADIO]: the access point's address, in lower case.
+home_bssid() { home ip -o link show wlan$((${1:-1} + 1)) | sed 's/.*link.ether \([^ ]*\).*/\1/'; }
+
+# home_dhcp_up [DNSMASQ OPTION...]: addresses 192.168.77.100 to .150 for an hour, gateway and name server 192.168.77.1.
+home_dhcp_up() {
+    background dhcp "${in_home[@]}" dnsmasq --keep-in-foreground --log-facility=- --conf-file=/dev/null \
+        --user=root --pid-file --dhcp-leasefile=$LAB/leases --interface=br0 --bind-interfaces --no-ping \
+        --no-resolv --no-hosts --dhcp-authoritative --address=/gateway.home/$HOME_GATEWAY \
+        --dhcp-range=192.168.77.100,192.168.77.150,255.255.255.0,1h "$@"
+    expect "the home's DHCP server" 10 grep -q 'DHCP, sockets bound' "$LAB_RESULTS/dhcp.log"
+}
+
+home_dhcp_down() {
+    end dhcp
+    sed -i 's/DHCP, sockets/DHCP, had sockets/' "$LAB_RESULTS/dhcp.log"
+}
+
+# home_arp_drop on|off: the gateway stops answering ARP.
+home_arp_drop() {
+    case $1 in
+    on) home sysctl -qw net.ipv4.conf.br0.arp_ignore=8 ;;
+    off) home sysctl -qw net.ipv4.conf.br0.arp_ignore=0 ;;
+    esac
+}
+
+# home_up [ARGUMENT OF home_ap_up...]: a whole home: access point, DHCP, name server, gateway.
+home_up() {
+    home_ap_up "$@"
+    home_dhcp_up
+}
+
+# phone_join [ssid=..] [key=..]: the owner's phone joins a network (no key: open) and gets an address there.
+phone_join() {
+    local ssid=$HOME_SSID key=
+    (($# == 0)) || local "$@"
+    {
+        echo "ctrl_interface=$LAB/phone"
+        echo "network={"
+        echo "ssid=$(hex "$ssid")"
+        echo "scan_ssid=1"
+        if [[ $key ]]; then echo "psk=\"$key\""; else echo "key_mgmt=NONE"; fi
+        echo "}"
+    } >$LAB/phone.conf
+    background phone "${in_phone[@]}" wpa_supplicant -Dnl80211 -iwlan5 -c$LAB/phone.conf
+    expect "the phone joins $ssid" 40 phone_is_associated
+    phone udhcpc -f -n -q -t 10 -T 2 -i wlan5 -s /lab/guest/phone-lease >>"$LAB_RESULTS/phone.log" 2>&1 3>&- ||
+        fail "the phone gets no address from $ssid"
+}
+
+phone_is_associated() { phone wpa_cli -p $LAB/phone -i wlan5 status | grep -q wpa_state=COMPLETED; }
+
+# phone_leave: the phone leaves the network.
+phone_leave() {
+    end phone
+    phone ip addr flush dev wlan5
+}
+
+# --- before and after a scenario (lab/guest/robot) ---------------------------------------------------
+
+robot_boot() {
+    mkdir -p $LAB
+    : >"$LAB_LOG"
+    : >"$LAB_MESSAGES"
+    mark
+    hostname robot
+    perl /lab/guest/syslogd "$LAB_LOG" 3>&- &
+    wait_until 5 test -S /dev/log
+    reset_radios
+    ip link set lo up
+    ifup -a
+    broker_up
+}
+
+# The namespaces outlive the robots, so what is in them is made anew.
+reset_radios() {
+    local interface
+    for interface in wlan0 wlan1; do ip link set $interface down; ip addr flush dev $interface; done
+    for interface in wlan2 wlan3 wlan4; do home ip link set $interface down; done
+    phone ip link set wlan5 down
+    phone ip addr flush dev wlan5
+    ! home ip link show br0 >/dev/null 2>&1 || home ip link del br0
+    home ip link set lo up
+    phone ip link set lo up
+    home ip link add br0 type bridge
+    home ip addr add $HOME_GATEWAY/24 dev br0
+    home ip link set br0 up
+    home_arp_drop off
+}
+
+robot_leave() {
+    sync
+    dmesg >"$LAB_RESULTS/kernel.log" 2>/dev/null
+    cp /etc/wpa_supplicant.conf "$LAB_RESULTS/" 2>/dev/null
+    true
+}
