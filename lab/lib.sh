@@ -147,10 +147,13 @@ save_network() {
 
 # start_daemon [ARGUMENT...]: netwarden, with the clock of the last fast_clock.
 start_daemon() {
-    rm -f $LAB/daemon.exit
+    rm -f $LAB/daemon.exit $LAB/daemon.pid
     local clock=()
-    [[ ! -e $LAB/clock ]] || clock=(LD_PRELOAD="$(echo /usr/lib/*/faketime/libfaketimeMT.so.1)" FAKETIME_ONLY_CMDS=netwarden
-        FAKETIME_TIMESTAMP_FILE=$LAB/clock FAKETIME_CACHE_DURATION=1)
+    if [[ -e $LAB/clock ]]; then
+        clock=(LD_PRELOAD="$(echo /usr/lib/*/faketime/libfaketimeMT.so.1)" FAKETIME_ONLY_CMDS=netwarden
+            FAKETIME_TIMESTAMP_FILE=$LAB/clock FAKETIME_NO_CACHE=1)
+        echo "$EPOCHREALTIME 0 $(sed 's/.*x//' $LAB/clock)" >$LAB/clock.state
+    fi
     (
         trap - ERR
         set +e
@@ -171,9 +174,17 @@ stop_daemon() {
     rm $LAB/daemon.exit $LAB/daemon.pid
 }
 
-# fast_clock N: netwarden's clocks and sleeps run N times as fast. Before start_daemon; may be changed later.
+# fast_clock N: netwarden's clocks and sleeps run N times as fast, those of the programs it runs do not. Once
+# before start_daemon; then at any time: the daemon's time goes on from where it is.
 fast_clock() {
-    echo "+0 x$1" >$LAB/clock
+    local now=$EPOCHREALTIME start offset rate
+    if [[ -e $LAB/clock.state ]]; then
+        read -r start offset rate <$LAB/clock.state
+        offset=$(awk "BEGIN { printf \"%.3f\", $offset + ($now - $start) * ($rate - $1) }")
+        echo "$start $offset $1" >$LAB/clock.state
+    fi
+    printf '%+.3f x%s\n' "${offset:-0}" "$1" >$LAB/clock.new
+    mv $LAB/clock.new $LAB/clock
 }
 
 # start_peers ARGUMENT...: the robot's other processes (see lab/peers --help).
