@@ -9,6 +9,17 @@ using wlan_monitor_event_cb = void (*)(const char *text);
 // Sets interface name (copied) and callback. Main thread, before the monitor thread is started.
 void wlan_monitor_init(const char *ifname, wlan_monitor_event_cb callback);
 
+// What one datagram of the supplicant means here.
+enum class wlan_monitor_scan { unchanged, started, ended };
+struct wlan_monitor_message {
+    const char *text;        // the event, within the datagram: interface and priority skipped
+    bool is_forwarded;       // false for the noise of access points seen and lost
+    wlan_monitor_scan scan;  // what it tells of a pending scan
+    bool is_terminating;     // the supplicant is about to leave
+};
+// Reads one datagram, terminated; the result points into it.
+wlan_monitor_message wlan_monitor_parse(const char *datagram);
+
 // Thread body: connects when signalled, delivers events, leaves when told to.
 void *wlan_monitor_main(void *unused);
 

@@ -49,3 +49,6 @@ int os_get_reltime(os_reltime *time);  // 0, or -1 when no clock works
 void os_sleep(long sec, long usec);
 void *os_zalloc(size_t size);
 size_t os_strlcpy(char *dest, const char *src, size_t size);  // the length of `src`
+// What select says of one descriptor, for any descriptor number: 1 when reading would not block, 0
+// after the time-out, -1 with errno set (EBADF for a closed or negative one).
+int os_wait_readable(int fd, int timeout_ms);

@@ -1,0 +1,399 @@
+#include "monitor_main.h"
+
+#include <pthread.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <semaphore>
+#include <utility>
+
+#include "log.h"
+#include "owned.h"
+#include "wpa_ctrl.h"
+
+#define LOG_SOURCE "src/monitor_main"
+
+namespace {
+
+constexpr char kSocketDirectory[] = "/var/run/wpa_supplicant";
+constexpr size_t kEventSize = 4096;
+constexpr int kSelectTimeoutMs = 5'000;  // how late a stop request may be noticed
+constexpr int kToleratedSelectFailures = 3;
+
+char *interface_name = nullptr;  // lives for the process, as does the callback
+wlan_monitor_event_cb event_callback = nullptr;
+
+// The two connections. Commands are told by the first whether there is a link at all; the second,
+// and whether it is attached, is the monitor thread's alone.
+std::atomic<wpa_ctrl *> command_connection{nullptr};
+wpa_ctrl *monitor_connection = nullptr;
+bool is_attached = false;
+
+std::atomic<int> pending_scan{0};
+bool has_warned_of_connect = false;  // once in the process's life
+
+// Held to open and close the connections, and by the commands in flight together: the first takes
+// it, the last releases it, and these may be different threads.
+std::binary_semaphore connection_lock{1};
+std::mutex reference_lock;
+unsigned reference_count = 0;
+// One command at a time on the one socket, lest a thread read another's reply.
+std::mutex request_lock;
+
+std::mutex attach_lock;
+pthread_cond_t attach_signal = PTHREAD_COND_INITIALIZER;
+
+std::mutex stop_lock;
+bool is_stop_requested = false;
+
+class ConnectionLock {
+  public:
+    ConnectionLock() { connection_lock.acquire(); }
+    ~ConnectionLock() { connection_lock.release(); }
+    ConnectionLock(const ConnectionLock &) = delete;
+    ConnectionLock &operator=(const ConnectionLock &) = delete;
+};
+
+class CommandReference {
+  public:
+    CommandReference() { wpa_ctrl_conn_increment_ref_count(); }
+    ~CommandReference() { wpa_ctrl_conn_decrement_ref_count(); }
+    CommandReference(const CommandReference &) = delete;
+    CommandReference &operator=(const CommandReference &) = delete;
+};
+
+void set_stop_request(bool value) {
+    const std::lock_guard guard(stop_lock);
+    is_stop_requested = value;
+}
+bool get_stop_request() {
+    const std::lock_guard guard(stop_lock);
+    return is_stop_requested;
+}
+
+bool is_connected() {
+    return command_connection.load() != nullptr;
+}
+
+// --- opening and closing: monitor thread only ----------------------------------------------------
+
+void wlan_monitor_close_connection() {
+    const ConnectionLock guard;
+    if (std::exchange(is_attached, false))
+        wpa_ctrl_detach(monitor_connection);
+    wpa_ctrl_close(command_connection.exchange(nullptr));
+    wpa_ctrl_close(std::exchange(monitor_connection, nullptr));
+}
+
+MallocText socket_path_malloc(const char *ifname) {
+    if (ifname == nullptr)
+        return nullptr;
+    const size_t size = strlen(ifname) + sizeof kSocketDirectory + 1;
+    MallocText path(static_cast<char *>(malloc(size)));
+    if (path && snprintf(path.get(), size, "%s/%s", kSocketDirectory, ifname) < 0)
+        path.reset();
+    return path;
+}
+
+bool open_command_connection(const char *path) {
+    const ConnectionLock guard;
+    command_connection = wpa_ctrl_open(path);
+    return is_connected();
+}
+
+// The monitor connection's descriptor, or -1.
+int wlan_monitor_open_connection(const char *ifname) {
+    const MallocText path = socket_path_malloc(ifname);
+    if (!path || !open_command_connection(path.get()))
+        return -1;
+    monitor_connection = wpa_ctrl_open(path.get());
+    if (monitor_connection == nullptr)
+        return -1;  // the command connection stays open, on purpose
+    if (wpa_ctrl_attach(monitor_connection) != 0) {
+        LOGE("Warning: Failed to attach to wpa_supplicant.\n");
+        wlan_monitor_close_connection();
+        return -1;
+    }
+    is_attached = true;
+    return wpa_ctrl_get_fd(monitor_connection);
+}
+
+void wlan_monitor_reconnect() {
+    if (is_connected())
+        wlan_monitor_close_connection();
+    if (wlan_monitor_open_connection(interface_name) >= 0)
+        LOGI("\rConnection to wpa_supplicant re-established\n");
+}
+
+// --- events: monitor thread only -----------------------------------------------------------------
+
+int count_pending() {
+    return monitor_connection != nullptr ? wpa_ctrl_pending(monitor_connection) : 0;
+}
+
+bool contains(const char *text, const char *marker) {
+    return strstr(text, marker) != nullptr;
+}
+
+// Behind "<3>", which tells the supplicant's own level of the event.
+const char *skip_priority(const char *text) {
+    const char *const end = text[0] == '<' ? strchr(text, '>') : nullptr;
+    return end != nullptr ? end + 1 : text;
+}
+
+// Behind "IFNAME=wlan0 ", which the supplicant's global socket puts in front.
+const char *skip_interface(const char *text) {
+    const char *const blank = strncmp(text, "IFNAME=", 7) == 0 ? strchr(text, ' ') : nullptr;
+    return blank != nullptr ? blank + 1 : text;
+}
+
+wlan_monitor_scan scan_change(const char *text) {
+    if (contains(text, "CTRL-EVENT-SCAN-STARTED "))
+        return wlan_monitor_scan::started;
+    if (contains(text, "CTRL-EVENT-SCAN-RESULTS ") || contains(text, "CTRL-EVENT-SCAN-FAILED "))
+        return wlan_monitor_scan::ended;
+    return wlan_monitor_scan::unchanged;
+}
+
+void deliver(const wlan_monitor_message &message) {
+    if (!message.is_forwarded)
+        return;
+    if (message.scan != wlan_monitor_scan::unchanged)
+        pending_scan = message.scan == wlan_monitor_scan::started ? 1 : 0;
+    if (event_callback != nullptr)
+        event_callback(message.text);
+}
+
+void wlan_monitor_recv_pending() {
+    if (!is_connected()) {
+        wlan_monitor_reconnect();
+        return;
+    }
+    while (count_pending() > 0) {
+        std::array<char, kEventSize> datagram{};
+        size_t length = datagram.size() - 1;
+        if (wpa_ctrl_recv(monitor_connection, datagram.data(), &length) < 0) {
+            LOGE("Could not read pending message.\n");
+            break;
+        }
+        datagram[length] = '\0';
+        const wlan_monitor_message message = wlan_monitor_parse(datagram.data());
+        deliver(message);
+        if (message.is_terminating && is_connected()) {
+            LOGE("\rConnection to wpa_supplicant lost - trying to reconnect\n");
+            is_attached = false;  // nobody is left to detach from
+            wlan_monitor_close_connection();
+            return;
+        }
+    }
+    if (count_pending() < 0) {
+        LOGE("Connection to wpa_supplicant lost - trying to reconnect\n");
+        wlan_monitor_reconnect();
+    }
+}
+
+// --- the thread ----------------------------------------------------------------------------------
+
+// A signal that interrupts the wait starts the full time-out again.
+int wait_for_event(int descriptor) {
+    int ready;
+    do
+        ready = os_wait_readable(descriptor, kSelectTimeoutMs);
+    while (ready < 0 && errno == EINTR);
+    return ready;
+}
+
+void receive_until_stopped(int descriptor) {
+    int failures = 0;
+    for (;;) {
+        const int ready = wait_for_event(descriptor);
+        if (ready < 0 && failures < kToleratedSelectFailures) {
+            LOGE("select failed, errno: %d", errno);
+            failures++;
+            sleep(1);
+            continue;
+        }
+        if (ready < 0) {
+            // One less than were seen, on purpose.
+            LOGE("select failed %d times, closing connection", failures);
+            set_stop_request(true);
+        }
+        // A failed wait leaves the descriptor marked readable, so the last one gets a pass as well:
+        // a supplicant that is back by then is connected to, and left at once.
+        if (ready != 0)
+            wlan_monitor_recv_pending();
+        if (get_stop_request())
+            return;
+        failures = 0;
+        // The supplicant that terminated took the descriptor with it; its number may soon be
+        // somebody else's. Waiting for none fails the same way and ends the cycle.
+        descriptor = monitor_connection != nullptr ? wpa_ctrl_get_fd(monitor_connection) : -1;
+    }
+}
+
+int connect_to_supplicant() {
+    if (is_connected())
+        return -1;
+    if (interface_name == nullptr) {
+        LOGE("error - no ctrl-ifname");
+        return -1;
+    }
+    const int descriptor = wlan_monitor_open_connection(interface_name);
+    if (descriptor < 0 && !std::exchange(has_warned_of_connect, true))
+        LOGE("Could not connect to wpa_supplicant: %s\n", interface_name);
+    return descriptor;
+}
+
+// From one attach signal to the end of the connection it made.
+void serve_attach() {
+    const int descriptor = connect_to_supplicant();
+    if (descriptor < 0) {
+        LOGE("failed to connect to wpa_supplicant");
+        return;
+    }
+    LOGI("wlan_monitor - Connection established.\n");
+    receive_until_stopped(descriptor);
+    if (is_connected())
+        wlan_monitor_close_connection();
+}
+
+// --- commands: any thread ------------------------------------------------------------------------
+
+void wlan_monitor_msg_cb(char *text, size_t) {
+    LOGI("%s\n", text);
+}
+
+int report_request(int result, const char *command) {
+    if (result == -2) {
+        LOGE("'%s' command timed out.\n", command);
+        return -2;
+    }
+    if (result < 0) {
+        LOGE("'%s' command failed.\n", command);
+        return -1;
+    }
+    return 0;
+}
+
+int wlan_monitor_ctrl_command(const char *command, char *reply, size_t size) {
+    // Looked at before the reference is taken, on purpose; used only if it is still there after.
+    const wpa_ctrl *const seen = command_connection;
+    const CommandReference reference;
+    if (seen == nullptr || reply == nullptr || size == 0) {
+        LOGE("invalid parameters: ctrl = %p, cmd=%p (\"%s\"), buf=%p, buf_size = %ul\n",
+             static_cast<const void *>(seen), static_cast<const void *>(command), command,
+             static_cast<void *>(reply), static_cast<unsigned>(size));
+        return -1;
+    }
+    wpa_ctrl *const connection = command_connection;
+    if (connection == nullptr) {
+        LOGE("Not connected to wpa_supplicant - command dropped.\n");
+        return -1;
+    }
+    const std::lock_guard guard(request_lock);
+    size_t length = size - 1;
+    const int result =
+        wpa_ctrl_request(connection, command, strlen(command), reply, &length, wlan_monitor_msg_cb);
+    if (result >= 0)
+        reply[length] = '\0';
+    return report_request(result, command);
+}
+
+int command_with_bssid(const char *verb, const char *bssid, char *reply, size_t size) {
+    if (bssid == nullptr)
+        return -1;
+    std::array<char, 256> command{};
+    snprintf(command.data(), command.size(), "%s %s", verb, bssid);
+    return wlan_monitor_ctrl_command(command.data(), reply, size);
+}
+
+}  // namespace
+
+wlan_monitor_message wlan_monitor_parse(const char *datagram) {
+    const char *const text = skip_priority(skip_interface(datagram));
+    return {.text = text,
+            .is_forwarded = !contains(text, "CTRL-EVENT-BSS-ADDED ") &&
+                            !contains(text, "CTRL-EVENT-BSS-REMOVED "),
+            .scan = scan_change(text),
+            .is_terminating = contains(skip_priority(datagram), "CTRL-EVENT-TERMINATING ")};
+}
+
+void wlan_monitor_init(const char *ifname, wlan_monitor_event_cb callback) {
+    free(std::exchange(interface_name, strdup(ifname)));
+    if (interface_name == nullptr)
+        LOGE("Failed to allocate memory for ifname: %s\n", ifname);
+    event_callback = callback;
+}
+
+void *wlan_monitor_main(void *) {
+    if (os_program_init() != 0) {
+        LOGE("os_program_init failed");
+        return nullptr;
+    }
+    for (;;) {
+        const std::lock_guard guard(attach_lock);
+        // No predicate, on purpose: one signal, one attempt. A signal that comes while nobody waits
+        // is lost, and a spurious wake-up is an attempt that nobody asked for and does no harm.
+        pthread_cond_wait(&attach_signal, attach_lock.native_handle());
+        set_stop_request(false);
+        serve_attach();
+    }
+}
+
+void wlan_monitor_signal_attach() {
+    const std::lock_guard guard(attach_lock);
+    pthread_cond_signal(&attach_signal);
+}
+
+void wlan_monitor_signal_deattach() {
+    set_stop_request(true);
+}
+
+int wlan_monitor_ctrl_status(char *reply, size_t size) {
+    return wlan_monitor_ctrl_command("STATUS", reply, size);
+}
+int wlan_monitor_ctrl_scan(char *reply, size_t size) {
+    pending_scan = 1;  // whether or not the supplicant takes the command
+    return wlan_monitor_ctrl_command("SCAN", reply, size);
+}
+int wlan_monitor_ctrl_get_scan_results(char *reply, size_t size) {
+    return wlan_monitor_ctrl_command("SCAN_RESULTS", reply, size);
+}
+int wlan_monitor_ctrl_roam(const char *bssid, char *reply, size_t size) {
+    const int result = command_with_bssid("PREAUTHENTICATE", bssid, reply, size);
+    return result != 0 ? result : command_with_bssid("ROAM", bssid, reply, size);
+}
+int wlan_monitor_ctrl_disconnect(char *reply, size_t size) {
+    return wlan_monitor_ctrl_command("DISCONNECT", reply, size);
+}
+int wlan_monitor_ctrl_reconnect(char *reply, size_t size) {
+    return wlan_monitor_ctrl_command("RECONNECT", reply, size);
+}
+int wlan_monitor_ctrl_blacklist(const char *bssid, char *reply, size_t size) {
+    return command_with_bssid("BLACKLIST", bssid, reply, size);
+}
+int wlan_monitor_ctrl_blacklist_show(char *reply, size_t size) {
+    return wlan_monitor_ctrl_command("BLACKLIST", reply, size);
+}
+
+int wlan_monitor_ctrl_pending_scan() {
+    return pending_scan;
+}
+
+void wpa_ctrl_conn_increment_ref_count() {
+    const std::lock_guard guard(reference_lock);
+    if (reference_count++ == 0)
+        connection_lock.acquire();
+}
+
+void wpa_ctrl_conn_decrement_ref_count() {
+    const std::lock_guard guard(reference_lock);
+    if (reference_count > 0 && --reference_count == 0)
+        connection_lock.release();
+}
