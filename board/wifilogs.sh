@@ -25,15 +25,16 @@ fi
 limit_s=2
 limit_lines=200
 
-# Secrets, in configuration files and in messages of the broker; then the names of networks, which
-# netwarden finds only where "SSID" is followed by a blank or "ssid=" starts a line. What follows a
-# name in quotes is kept: it holds the reason why a network was refused.
+# Secrets, in configuration files and in messages of the broker; then the names of networks. netwarden
+# masks names too, but finds "ssid=" only at the start of a line. What follows a name in quotes is
+# kept: it holds the reason why a network was refused.
 mask() {
     sed -E \
         -e 's/((psk|password|passphrase|wep_key[0-3])[]0-9[]*[=:] *).*/\1********/I' \
         -e 's/("(ssid|pass|robotpass|password|psk)" *: *")[^"]*/\1********/gI' \
         -e "s/(ssid2?=)(\"|').*(\"|')/\1'********'/I" \
-        -e "s/((^|[^a-z_])ssid2?(\[[0-9]+\])?=)[^\"'].*/\1********/I"
+        -e "s/((^|[^a-z_])ssid2?(\[[0-9]+\])?=)[^\"'].*/\1********/I" \
+        -e 's/((^|[^a-z_])ssid[: ]? ).*/\1********/I'
 }
 
 # section TITLE COMMAND ARGS...

@@ -155,10 +155,11 @@ esac
 WPA
     timeout 60 /opt/halvik/bin/wifilogs.sh >/tmp/wifi.log || return
     rm /usr/local/sbin/wpa_cli
+    ! grep -n 'Secret\|53656372\|00112233\|6b657931\|70617373\|opensesame' /tmp/wifi.log || return
     sed -E 's/(SSID[: ]? ).*/\1******** /gI' /tmp/wifi.log |
         sed -E 's/([[:xdigit:]]{2}:){5}[[:xdigit:]]{2}/**:**:**:**:**:**/g' |
         sed -E 's/(ssid=).*[#\t]/\1******** /gI' | sed -E 's/^ssid=.*/ssid=******** /g' >/tmp/masked.log
-    ! grep -n 'Secret\|53656372\|00112233\|6b657931\|70617373\|opensesame\|02:00:00' /tmp/masked.log || return
+    ! grep -n '02:00:00' /tmp/masked.log || return
     local text
     for text in reason=WRONG_KEY freq=2412 key_mgmt=WPA2-PSK '2412	-40	.WPA2-PSK-CCMP' \
         scan_ssid=1 '==== addresses' 'CL MODE : dhcp' 'Product Version'; do
