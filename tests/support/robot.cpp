@@ -20,6 +20,7 @@ namespace {
 
 constexpr char kStore[] = "/opt/halvik/persistent/opt/halvik/data/kvs/";
 constexpr char kCommands[] = "/run/fakes/commands";
+[[maybe_unused]] constexpr char kFakeTime[] = "/usr/$LIB/faketime/libfaketimeMT.so.1";
 constexpr char kLogSocket[] = "/dev/log";
 
 // "<29>Nov 22 10:00:00 network[12]: text" without what the time and the process put in front.
@@ -144,6 +145,23 @@ bool Robot::eventually(const std::function<bool()> &condition, std::chrono::mill
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     return true;
+}
+
+bool Robot::run_hastened(int factor) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    return factor == 1;
+#else
+    if (getenv("LD_PRELOAD") != nullptr)
+        return true;
+    setenv("LD_PRELOAD", kFakeTime, 1);
+    setenv("FAKETIME", ("+0 x" + std::to_string(factor)).c_str(), 1);
+    const auto *test = testing::UnitTest::GetInstance()->current_test_info();
+    const std::string filter =
+        std::string("--gtest_filter=") + test->test_suite_name() + "." + test->name();
+    execl("/proc/self/exe", "hastened", filter.c_str(), nullptr);
+    ADD_FAILURE() << "cannot run itself again";
+    return false;
+#endif
 }
 
 namespace {

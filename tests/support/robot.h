@@ -48,6 +48,10 @@ class Robot : public testing::Test {
     static bool eventually(const std::function<bool()> &condition,
                            std::chrono::milliseconds limit = std::chrono::seconds(5));
 
+    // First in a test that waits long: runs it again in a process whose sleeps, time-outs and
+    // clocks go `factor` times faster. False under a sanitizer, which cannot: the test then skips.
+    static bool run_hastened(int factor);
+
   private:
     void read_log();
 
