@@ -1,6 +1,6 @@
 // Locks: the state lock covers one whole change of the Wi-Fi state, with the store's write and the
 // question to provisioning (which takes its own lock under it). The record lock is a leaf: it
-// covers copies only, never a system call or another lock, and may be taken under the state lock.
+// covers copies only, never a system call or another lock, and may be taken under any other.
 #include "wifi_state.h"
 
 #include <algorithm>
