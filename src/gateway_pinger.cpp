@@ -1,0 +1,269 @@
+#include "gateway_pinger.h"
+
+#include <arpa/inet.h>
+#include <unistd.h>
+
+#include <array>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+
+#include "kvs_json.h"
+#include "log.h"
+#include "mqtt_client.h"
+#include "owned.h"
+#include "pex_misc.h"
+#include "provisioning_sm.h"
+#include "wifi_control.h"
+#include "wifi_state.h"
+
+#define LOG_SOURCE "src/gateway_pinger"
+
+namespace {
+
+constexpr unsigned kCycleS = 20;  // three silent cycles: restart after a minute
+constexpr int kMaxLostPings = 3;
+constexpr int kDefaultLimit = 1440;  // cycles: eight hours
+constexpr int kSafeToReboot = 900;   // at least this far to the next cleaning
+constexpr int kScheduler = 9;        // the robot process that knows the next cleaning
+constexpr size_t kReplySize = 256;
+constexpr size_t kLineSize = 256;
+
+std::mutex mission_lock;
+bool mission_in_progress = false;
+
+bool has_address(const netinfo &info) {
+    return info.addr != 0 && info.gw != 0;
+}
+
+// The key and the message speak of minutes but the value counts cycles; meant to stay so.
+int watchdog_limit() {
+    json_t *raw = nullptr;
+    int limit = kDefaultLimit;
+    if (kvs_get_json_from_key("network.watchdog_interval_min", JSON_INTEGER, &raw) == 0) {
+        const Json value(raw);
+        const json_int_t number = json_integer_value(value.get());
+        if (number >= INT_MIN && number <= INT_MAX)
+            limit = static_cast<int>(number);
+    }
+    LOGI("wifi watchdog timer interval, %d minutes", limit);
+    return limit;
+}
+
+// The hardware address in "Unicast reply from A.B.C.D [MAC] ...", or null.
+const char *reply_address(char *line) {
+    if (strstr(line, "Unicast") == nullptr)
+        return nullptr;
+    char *rest = nullptr;
+    return strtok_r(line, "[", &rest) != nullptr ? strtok_r(nullptr, "]", &rest) : nullptr;
+}
+
+bool find_reply(FILE *output) {
+    const MallocText line(static_cast<char *>(malloc(kLineSize)));
+    if (!line) {
+        LOGE("malloc error");
+        return false;
+    }
+    while (fgets(line.get(), kLineSize, output) != nullptr)
+        if (const char *address = reply_address(line.get())) {
+            LOGD("received gateway reply, mac addr: %s", address);
+            return true;
+        }
+    return false;
+}
+
+// The watchdog. One object lives on the pinger thread; a cycle is run every 20 s.
+class Watchdog {
+  public:
+    explicit Watchdog(int limit) : limit_(limit) {}
+
+    void cycle() {
+        if (reset_request_) {
+            ping_command_.reset();
+            reset_request_ = false;
+            lost_pings_ = 0;
+        }
+        sleep(kCycleS);
+        if (link_is_worth_a_ping() && have_ping_command())
+            ping();
+    }
+
+  private:
+    bool link_is_worth_a_ping() {
+        const int last_status = wifi_state_get_last_prov_status();
+        const int state = wifi_state_get_wifi();
+        netinfo info;
+        wifi_get_netinfo(&info);
+        if (state == WIFI_CONNECTED)
+            return true;
+        if (has_address(info) && is_robot_provisioning() == 0) {
+            if (state == WIFI_NETWORK_DOWN) {
+                LOGI("wifi is trying to reconnect");
+                wifi_network_reconnect();
+            }
+            return true;
+        }
+        LOGI("wifi is disconnected");
+        reset_request_ = true;
+        if (last_status != WIFI_CONNECTED || state == WIFI_OFF)
+            return false;
+        if (state == WIFI_CONNECTING)
+            return true;
+        count_missing_address();
+        return false;
+    }
+
+    void count_missing_address() {
+        const bool past_limit = no_address_ > limit_;
+        no_address_++;
+        LOGW("no address count, %d", no_address_);
+        if (!restarted_) {
+            if (no_address_ >= limit_) {
+                LOGI("restarting network");
+                wifi_network_reconnect();
+                restarted_ = true;
+            }
+        } else if (past_limit) {
+            reboot_unless_cleaning();
+        }
+    }
+
+    // A failed question for the next cleaning gives 0 and so forbids the reboot.
+    static void reboot_unless_cleaning() {
+        if (gateway_pinger_get_mission_in_progress() == 0 &&
+            gateway_pinger_get_next_cleaning() >= kSafeToReboot) {
+            LOGE("No connectivity, rebooting");
+            pex_system_reboot();
+        } else {
+            LOGI("No connectivity but clean mission running or scheduled. Waiting to reboot...");
+        }
+    }
+
+    bool have_ping_command() {
+        if (ping_command_)
+            return true;
+        lost_pings_ = 0;
+        ping_command_.reset(create_arping_cmd_str_malloc());
+        if (ping_command_)
+            LOGI("ready to ping using %s", ping_command_.get());
+        else
+            forget_missing_address();
+        return ping_command_ != nullptr;
+    }
+
+    void ping() {
+        const bool provisioning = is_robot_provisioning() != 0;
+        const bool answered = !provisioning && gateway_pinger_arping_once(ping_command_.get()) != 0;
+        forget_missing_address();
+        if (provisioning)
+            return;  // the loss counter keeps its value
+        if (answered)
+            lost_pings_ = 0;
+        else
+            count_lost_ping();
+    }
+
+    void count_lost_ping() {
+        lost_pings_++;
+        LOGW("no ping recv, loss counter = %d", lost_pings_);
+        if (lost_pings_ < kMaxLostPings)
+            return;
+        LOGE("maximum ping loss count, restarting network");
+        reset_request_ = true;
+        wifi_network_reconnect();
+    }
+
+    void forget_missing_address() {
+        restarted_ = false;
+        no_address_ = 0;
+    }
+
+    const int limit_;
+    MallocText ping_command_;
+    bool reset_request_ = true;
+    int lost_pings_ = 0;
+    int no_address_ = 0;
+    bool restarted_ = false;
+};
+
+}  // namespace
+
+void *pinger_main(void * /*unused*/) {
+    for (Watchdog watchdog(watchdog_limit());;)
+        watchdog.cycle();
+}
+
+char *create_arping_cmd_str_malloc() {
+    constexpr char kFormat[] = "sudo arping -I%s -c1 %s -w 2 ";
+    netinfo info;
+    wifi_get_netinfo(&info);
+    if (!has_address(info)) {
+        LOGI("no gateway to ping");
+        return nullptr;
+    }
+    std::array<char, INET_ADDRSTRLEN> gateway{};
+    const uint32_t address = info.gw;
+    inet_ntop(AF_INET, &address, gateway.data(), gateway.size());
+    const char *interface = wifi_get_sta_interface();
+    const size_t size = strlen(interface) + strlen(gateway.data()) + sizeof kFormat;
+    MallocText command(static_cast<char *>(malloc(size)));
+    if (!command) {
+        LOGE("%s: out of memory", "create_arping_cmd_str_malloc");
+        return nullptr;
+    }
+    const int length = snprintf(command.get(), size, kFormat, interface, gateway.data());
+    if (length < 0 || static_cast<size_t>(length) >= size) {
+        LOGE("%s: broken ping packet %s", "create_arping_cmd_str_malloc", kFormat);
+        return nullptr;
+    }
+    return command.release();
+}
+
+int gateway_pinger_arping_once(const char *command) {
+    const MallocText built(command == nullptr ? create_arping_cmd_str_malloc() : nullptr);
+    const char *line = command != nullptr ? command : built.get();
+    if (line == nullptr)
+        return 0;
+    const Pipe output(line);
+    if (!output) {
+        LOGE("popen failed");
+        return 0;
+    }
+    return find_reply(output.get()) ? 1 : 0;
+}
+
+void gateway_pinger_set_mission_in_progress(int flag) {
+    const std::lock_guard guard(mission_lock);
+    mission_in_progress = flag != 0;
+}
+
+int gateway_pinger_get_mission_in_progress() {
+    const std::lock_guard guard(mission_lock);
+    return mission_in_progress ? 1 : 0;
+}
+
+int gateway_pinger_get_next_cleaning() {
+    std::array<char, kReplySize> reply{};
+    if (network_send_tarn_req(kScheduler, R"({"get":"nextCleaning"})", reply.data(),
+                              reply.size()) != 0) {
+        LOGE("network_send_tarn_req failed");
+        return 0;
+    }
+    LOGD("tarn resp: %s", reply.data());
+    json_error_t error;
+    const Json answer(json_loads(reply.data(), 0, &error));
+    if (!answer) {
+        LOGE("json_loads() failed with error: %s", error.text);
+        return 0;
+    }
+    const json_t *value = json_object_get(answer.get(), "nextCleaning");
+    if (!json_is_integer(value)) {
+        LOGE("failed to parse next cleaning json");
+        return 0;
+    }
+    const json_int_t next = json_integer_value(value);
+    if (next > INT_MAX)
+        return INT_MAX;
+    return next < INT_MIN ? INT_MIN : static_cast<int>(next);
+}
