@@ -1,0 +1,56 @@
+# limit: 400 s
+# The story that scripts/demo shows, told as it happens: what the robot does, what it says on its broker,
+# and the lines of its log that matter.
+
+BLUE=$'\e[34m' GREEN=$'\e[32m' DIM=$'\e[2m' PLAIN=$'\e[0m'
+tell() { echo "P $*" >&3; }
+chapter() {
+    tell ""
+    tell "${BLUE}$*${PLAIN}"
+}
+
+# The broker's messages and the telling lines of the log, live. Set-up noise and repetitions stay out.
+tail -n 0 -F "$LAB_MESSAGES" 2>/dev/null | while read -r _ topic payload; do
+    case $topic in
+    network/events) tell "   ${GREEN}$topic${PLAIN}  $payload" ;;
+    esac
+done &
+tail -n 0 -F "$LAB_LOG" 2>/dev/null | grep --line-buffered -E \
+    'found wlan0|network block generated|Connection established|CTRL-EVENT-(CONNECTED|DISCONNECTED)|wifi = |wifi is |Network is down|ready to ping|no ping recv|maximum ping loss|reconnect' |
+    while read -r _ line; do tell "   ${DIM}${line%% - <*}${PLAIN}"; done &
+
+chapter "A home: an access point with WPA2 on channel 6, DHCP, a gateway, all on simulated radios."
+home_up
+save_network
+kvs_set product.robotid 0123456789abcdef0123456789abcdef
+start_peers
+
+chapter "The robot boots. It waits five seconds for its other processes, finds the saved network and joins."
+start_daemon
+wait_state 1 90
+expect_message network/events '"addr":"192\.168\.77\.1[0-9][0-9]"' 10
+tell "   -> connected: address $(robot_address), leased from the home's DHCP server; the gateway answered an ARP ping."
+
+chapter "Somebody unplugs the access point for half a minute."
+mark
+home_ap_down
+wait_state 5 60
+sleep 10
+chapter "The access point is back. The robot joins again and has its lease renewed."
+mark
+home_ap_up
+wait_state 1 90
+tell "   -> connected again: $(robot_address)"
+
+chapter "Now the gateway falls silent: it no longer answers ARP. The robot's watchdog asks every 20 seconds"
+tell "and restarts the network after three silent pings. (Its clock runs eight times as fast from here.)"
+mark
+fast_clock 8
+home_arp_drop on
+expect_log 'maximum ping loss count, restarting network' 60
+fast_clock 1
+mark
+home_arp_drop off
+chapter "The gateway answers again; the restarted network comes up."
+wait_state 1 90
+tell "   -> connected: $(robot_address). That is the robot's life, day and night."
