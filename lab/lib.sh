@@ -151,7 +151,7 @@ start_daemon() {
     local clock=()
     if [[ -e $LAB/clock ]]; then
         clock=(LD_PRELOAD="$(echo /usr/lib/*/faketime/libfaketimeMT.so.1)" FAKETIME_ONLY_CMDS=netwarden
-            FAKETIME_TIMESTAMP_FILE=$LAB/clock FAKETIME_NO_CACHE=1)
+            FAKETIME_TIMESTAMP_FILE="$LAB/clock" FAKETIME_NO_CACHE=1)
         echo "$EPOCHREALTIME 0 $(sed 's/.*x//' $LAB/clock)" >$LAB/clock.state
     fi
     (
@@ -178,6 +178,7 @@ stop_daemon() {
 # before start_daemon; then at any time: the daemon's time goes on from where it is.
 fast_clock() {
     local now=$EPOCHREALTIME start offset rate
+    [[ ! -e $LAB/daemon.pid || -e $LAB/clock.state ]] || fail "fast_clock must be called once before start_daemon"
     if [[ -e $LAB/clock.state ]]; then
         read -r start offset rate <$LAB/clock.state
         offset=$(awk "BEGIN { printf \"%.3f\", $offset + ($now - $start) * ($rate - $1) }")
@@ -267,6 +268,7 @@ home_ap_down() {
 # home_bssid [RADIO]: the access point's address, in lower case.
 home_bssid() { home ip -o link show wlan$((${1:-1} + 1)) | sed 's/.*link.ether \([^ ]*\).*/\1/'; }
 
+# shellcheck disable=SC2119,SC2120 # the options are for scenarios
 # home_dhcp_up [DNSMASQ OPTION...]: addresses 192.168.77.100 to .150 for an hour, gateway and name server 192.168.77.1.
 home_dhcp_up() {
     background dhcp "${in_home[@]}" dnsmasq --keep-in-foreground --log-facility=- --conf-file=/dev/null \
