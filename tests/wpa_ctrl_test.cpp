@@ -38,8 +38,7 @@ void keep_event(char *text, size_t length) {
 class WpaCtrl : public Robot {};
 
 TEST_F(WpaCtrl, NamesThatFitAndNamesThatDoNot) {
-    const std::string directory = "/tmp/" + std::string(80, 'd');
-    const std::string fits = directory + "/" + std::string(107 - 86, 's');
+    const std::string fits = "/tmp/d/" + std::string(100, 's');  // 107 characters
     Supplicant at_limit(fits), abstract("@below");
     EXPECT_TRUE(Ctrl(wpa_ctrl_open(fits.c_str())));
     EXPECT_TRUE(Ctrl(wpa_ctrl_open("@abstract:below")));
@@ -49,18 +48,17 @@ TEST_F(WpaCtrl, NamesThatFitAndNamesThatDoNot) {
     EXPECT_EQ(wpa_ctrl_open((fits + "s").c_str()), nullptr);
     EXPECT_EQ(count_entries("/tmp"), 2) << "its bound socket stays behind";
 
-    // The client's own directory, "/wpa_ctrl_PID_N" behind it.
-    const auto opens_in = [&](const std::string &client) -> std::string {
-        const Ctrl ctrl(wpa_ctrl_open2(fits.c_str(), client.c_str()));
+    const auto opens_in = [&](const std::string &directory) -> std::string {
+        const Ctrl ctrl(wpa_ctrl_open2(fits.c_str(), directory.c_str()));
         return ctrl ? ctrl->local.sun_path : "none";
     };
-    const auto own_part = opens_in("relative").size() - strlen("/tmp");
-    EXPECT_EQ(opens_in("relative").rfind("/tmp/wpa_ctrl_" + std::to_string(getpid()) + "-", 0), 0U);
-    const std::string client = "/tmp/" + std::string(107 - own_part - 5, 'c');
-    mkdir(client.c_str(), 0700);
-    mkdir((client + "c").c_str(), 0700);
-    EXPECT_EQ(opens_in(client).rfind(client + "/wpa_ctrl_", 0), 0U);
-    EXPECT_EQ(opens_in(client + "c"), "none");
+    const std::string own = "/wpa_ctrl_" + std::to_string(getpid()) + "-";
+    EXPECT_EQ(opens_in("relative"), "/tmp" + own + "5");
+    const std::string directory = "/tmp/" + std::string(102 - own.size() - 1, 'c');
+    mkdir(directory.c_str(), 0700);
+    mkdir((directory + "c").c_str(), 0700);
+    EXPECT_EQ(opens_in(directory), directory + own + "6");
+    EXPECT_EQ(opens_in(directory + "c"), "none");
 }
 
 TEST_F(WpaCtrl, StaleSocketIsReplacedOnce) {
@@ -78,7 +76,7 @@ TEST_F(WpaCtrl, RequestTellsRepliesFromEvents) {
     Supplicant supplicant(kPath);
     const Ctrl ctrl(wpa_ctrl_open(kPath));
     struct {
-        std::vector<std::string> datagrams;
+        Texts datagrams;
         size_t room;
         bool with_callback;
         std::string reply;
@@ -105,31 +103,12 @@ TEST_F(WpaCtrl, AttachWantsExactlyOk) {
     Supplicant supplicant(kPath);
     const Ctrl ctrl(wpa_ctrl_open(kPath));
     for (const char *answer : {"OK\n", "OK", "OK\n\n", "ok\n", "FAIL\n", ""}) {
-        supplicant.answer_with([&](const auto &) { return std::vector<std::string>{answer}; });
+        supplicant.answer_with([&](const auto &) { return Texts{answer}; });
         EXPECT_EQ(wpa_ctrl_attach(ctrl.get()), strcmp(answer, "OK\n") == 0 ? 0 : -1) << answer;
         EXPECT_EQ(wpa_ctrl_detach(ctrl.get()), strcmp(answer, "OK\n") == 0 ? 0 : -1) << answer;
     }
     EXPECT_EQ(supplicant.commands()[0], "ATTACH");
     EXPECT_EQ(supplicant.commands()[1], "DETACH");
-}
-
-TEST_F(WpaCtrl, ReceivesWithoutWaiting) {
-    Supplicant supplicant(kPath);
-    const Ctrl ctrl(wpa_ctrl_open(kPath));
-    char text[8];
-    size_t length = sizeof text;
-    EXPECT_EQ(wpa_ctrl_pending(ctrl.get()), 0);
-    EXPECT_LT(wpa_ctrl_recv(ctrl.get(), text, &length), 0);
-    EXPECT_EQ(length, sizeof text);
-    ASSERT_EQ(wpa_ctrl_attach(ctrl.get()), 0);
-    supplicant.send_event("longer than the room");
-    EXPECT_EQ(wpa_ctrl_pending(ctrl.get()), 1);
-    EXPECT_EQ(wpa_ctrl_recv(ctrl.get(), text, &length), 0);
-    EXPECT_EQ(std::string(text, length), "longer t");
-    supplicant.send_event("");
-    EXPECT_EQ(wpa_ctrl_pending(ctrl.get()), 1);
-    EXPECT_EQ(wpa_ctrl_recv(ctrl.get(), text, &length), 0);
-    EXPECT_EQ(length, 0U);
 }
 
 // A supplicant that does not read, and a client that has filled its queue.
@@ -168,20 +147,6 @@ TEST_F(WpaCtrl, FullQueueIsTriedAgain) {
     EXPECT_EQ(request(stuck.ctrl.get(), 64), "-1");
 }
 
-TEST_F(WpaCtrl, SilenceTimesOut) {
-    if (!run_hastened(10))
-        GTEST_SKIP() << "real time only";
-    Supplicant supplicant(kPath);
-    supplicant.answer_with([](const auto &) { return std::vector<std::string>{}; });
-    const Ctrl ctrl(wpa_ctrl_open(kPath));
-    os_reltime start{}, end{};
-    os_get_reltime(&start);
-    EXPECT_EQ(request(ctrl.get(), 64), "-2");
-    EXPECT_EQ(wpa_ctrl_attach(ctrl.get()), -2);
-    os_get_reltime(&end);
-    EXPECT_GE(end.sec - start.sec, 19);
-}
-
 TEST_F(WpaCtrl, QueueThatStaysFullGivesUp) {
     if (!run_hastened(10))
         GTEST_SKIP() << "real time only";
@@ -190,7 +155,7 @@ TEST_F(WpaCtrl, QueueThatStaysFullGivesUp) {
     os_get_reltime(&start);
     EXPECT_EQ(request(stuck.ctrl.get(), 64), "-1");
     os_get_reltime(&end);
-    EXPECT_GE(end.sec - start.sec, 5);
+    EXPECT_THAT(end.sec - start.sec, testing::AllOf(testing::Ge(5), testing::Lt(9)));
 }
 
 TEST_F(WpaCtrl, ThousandCyclesLeaveNothingBehind) {

@@ -12,38 +12,33 @@
 
 #include "owned.h"
 
+using Texts = std::vector<std::string>;
+
 class Supplicant {
   public:
-    // What to send back for a command, each text a datagram.
-    using Answer = std::function<std::vector<std::string>(const std::string &command)>;
-
-    // "OK\n" to everything; listens at once. A path that begins with '@' is an abstract name.
+    // Listens at once and answers "OK\n". A path that begins with '@' is an abstract name.
     explicit Supplicant(std::string path = "/var/run/wpa_supplicant/wlan0");
     ~Supplicant();
     Supplicant(const Supplicant &) = delete;
     Supplicant &operator=(const Supplicant &) = delete;
 
-    void answer_with(Answer answer);
-    // To every client that has attached; waits for room in their queues.
+    // The datagrams to send back for a command.
+    void answer_with(std::function<Texts(const std::string &command)> answer);
+    // To the client that attached last; waits for room in its queue.
     void send_event(const std::string &text);
-    std::vector<std::string> commands();  // so far, in order
-    bool has_attached_client();           // waits up to two seconds
+    Texts commands();  // so far, in order
+    bool is_attached();
 
   private:
-    struct Client {
-        sockaddr_un address;
-        socklen_t length;
-    };
     void serve();
-    void take(const std::string &command, const Client &from);
-    void send_to(const Client &client, const std::string &text) const;
+    void send_to(const sockaddr_un &client, const std::string &text) const;
 
     const std::string path_;
-    Fd socket_;
+    const Fd socket_;
     std::mutex lock_;
-    Answer answer_;
-    std::vector<std::string> commands_;
-    std::vector<Client> attached_;
+    std::function<Texts(const std::string &)> answer_;
+    Texts commands_;
+    sockaddr_un attached_{};  // empty while nobody is
     std::atomic<bool> stop_{false};
     std::thread thread_;
 };
