@@ -1,6 +1,7 @@
 #include "pthread_utils.h"
 
 #include <cstring>
+#include <semaphore>
 
 #include "log.h"
 
@@ -27,6 +28,25 @@ class Attributes {
     bool valid_;
 };
 
+// A detached thread may end, and its handle with it, before its creator looks again: so it names
+// itself, and the creator waits for the outcome.
+struct Start {
+    void *(*routine)(void *);
+    void *argument;
+    const char *name;
+    int named = 0;  // of pthread_setname_np
+    std::binary_semaphore running{0};
+};
+
+void *run(void *data) {
+    auto *const start = static_cast<Start *>(data);
+    auto *const routine = start->routine;
+    void *const argument = start->argument;
+    start->named = pthread_setname_np(pthread_self(), start->name);
+    start->running.release();
+    return routine(argument);
+}
+
 }  // namespace
 
 int pthread_create_detached_thread(pthread_t *id, void *(*routine)(void *), void *argument,
@@ -44,14 +64,14 @@ int pthread_create_detached_thread(pthread_t *id, void *(*routine)(void *), void
         LOGE("Thread name too long");
         return -1;
     }
-    pthread_t thread;
-    if (pthread_create(&thread, attributes.get(), routine, argument) != 0) {
+    pthread_t unused;
+    Start start{routine, argument, name};
+    if (pthread_create(id != nullptr ? id : &unused, attributes.get(), run, &start) != 0) {
         LOGE("Failed to create thread");
         return -1;
     }
-    if (id != nullptr)
-        *id = thread;
-    if (pthread_setname_np(thread, name) != 0) {
+    start.running.acquire();
+    if (start.named != 0) {
         LOGE("Failed to name thread");
         return -1;
     }
