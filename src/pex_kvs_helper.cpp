@@ -10,7 +10,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <string>
 #include <string_view>
 
 #include "log.h"
@@ -25,6 +24,8 @@ namespace {
 constexpr char kOwner[] = "root";
 constexpr char kGroup[] = "apps";
 constexpr size_t kLookupSize = 4096;  // of a line of the user or group file
+
+constexpr std::string_view kZeroId = "00000000000000000000000000000000";
 
 // Values that no log may show, those of other robot processes included.
 constexpr std::array<std::string_view, 10> kSecretKeys{
@@ -108,7 +109,8 @@ int pex_kvs_key_exists(const char *key) {
 }
 
 int kvs_factory_reset_key(const char *key) {
-    return std::string_view(key).starts_with("product.") ? 0 : pex_kvs_del_key(key);
+    const bool kept = key != nullptr && std::string_view(key).starts_with("product.");
+    return kept ? 0 : pex_kvs_del_key(key);
 }
 
 // The result says nothing about the deletions; callers know.
@@ -143,7 +145,7 @@ int pex_kvs_is_valid_robot_id(const char *robot_id) {
     const std::string_view id = robot_id;
     if (id.size() != 32 && id.size() != 16)
         return 0;
-    if (id == std::string(32, '0')) {  // only the long form; sixteen zeros pass, on purpose
+    if (id == kZeroId) {  // sixteen zeros pass, on purpose
         LOGE("Invalid robot id of all 0's");
         return 0;
     }
