@@ -7,7 +7,6 @@
 #include <net/if_arp.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -61,8 +60,8 @@ int query_address(const char *ifname, unsigned long request, uint32_t *address) 
     return 0;
 }
 
-// The first line of a command's output with its last character cut, which is its newline; nothing
-// when there is none.
+// The first line of a command's output, at most size-1 characters, its newline included; empty when
+// it printed none, nothing when it could not be run.
 std::optional<std::string> first_line(const char *command, size_t size) {
     const Pipe output(command);
     if (!output) {
@@ -76,10 +75,9 @@ std::optional<std::string> first_line(const char *command, size_t size) {
     return line;
 }
 
-std::string without_last(std::string text) {
-    if (!text.empty())
-        text.pop_back();
-    return text;
+std::string without_last(std::string line) {
+    line.pop_back();
+    return line;
 }
 
 int8_t to_level(const std::string &text) {
@@ -289,7 +287,7 @@ int pex_net_get_nameservers(uint32_t *servers, int capacity) {
 
 int pex_net_read_nl_sock(int socket, char *buffer, uint32_t sequence, uint32_t port_id) {
     size_t total = 0;
-    while (total < kDumpSize) {
+    while (total < kDumpSize) {  // a cut datagram fills the buffer, so nothing is waited for
         char *const datagram = buffer + total;
         const ssize_t received = recv(socket, datagram, kDumpSize - total, 0);
         if (received < 0) {
@@ -363,9 +361,6 @@ uint32_t pex_net_get_gatewayip(char *text, size_t size) {
         LOGE("pex_net_get_gatewayip - could not create socket\n");
         return 0;
     }
-    // The kernel answers at once; a dump that was cut off must not hold the main thread for ever.
-    const timeval patience{2, 0};
-    setsockopt(netlink.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
     const uint32_t gateway = gateway_from_dump(netlink.get(), text, size);
     if (netlink.reset() != 0)
         LOGE("pex_net_get_gatewayip - Error closing netlink socket");
