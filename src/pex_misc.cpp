@@ -24,6 +24,7 @@ namespace {
 constexpr int kConfigError = 78;  // EX_CONFIG of sysexits.h
 constexpr size_t kPskBytes = 32;  // IEEE 802.11: a 256-bit PSK, 4096 rounds
 constexpr int kPskRounds = 4096;
+constexpr int kMacOctets = 6;
 constexpr time_t kModifiedTogetherS = 120;
 
 // The value of a hexadecimal digit, -1 for anything else (a terminator too).
@@ -236,14 +237,11 @@ int pex_hide_mac_addr(char *text, int octets) {
     for (char *start = text; start < end; start++) {
         if (!is_mac_address(start))
             continue;
-        // The sixth pair was not looked at: it is masked only as far as the text goes.
-        for (char *pair = start; octets > 0 && pair < end; octets--, pair += 3) {
-            pair[0] = '*';
-            if (pair + 1 < end)
-                pair[1] = '*';
-            if (pair + 2 >= end)
-                break;
-        }
+        // The sixth pair was not looked at: it is masked only as far as the line goes.
+        const auto width = std::min<ptrdiff_t>(3 * std::clamp(octets, 0, kMacOctets), end - start);
+        for (ptrdiff_t i = 0; i < width; i++)
+            if (i % 3 != 2)  // the colons stay
+                start[i] = '*';
         return 1;
     }
     return 0;

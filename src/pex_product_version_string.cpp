@@ -81,5 +81,6 @@ int pex_get_hostname(char *buffer, size_t length) {
     if (buffer == nullptr || length == 0)
         return -1;
     gethostname(buffer, length);
+    buffer[length - 1] = '\0';  // a name that was cut comes without
     return 0;
 }
