@@ -81,6 +81,17 @@ bool Robot::logged(const std::string &text) {
     return eventually([&] { return times_logged(text) > 0; }, std::chrono::seconds(2));
 }
 
+bool Robot::logged_as(const std::string &level, const std::string &text) {
+    return eventually(
+        [&] {
+            const auto lines = log_lines();
+            return std::any_of(lines.begin(), lines.end(), [&](const auto &line) {
+                return line.starts_with("[" + level + "]") && line.find(text) != line.npos;
+            });
+        },
+        std::chrono::seconds(2));
+}
+
 int Robot::times_logged(const std::string &text) {
     const std::lock_guard guard(lock_);
     return static_cast<int>(std::count_if(lines_.begin(), lines_.end(), [&](const auto &line) {

@@ -25,6 +25,7 @@ class Robot : public testing::Test {
     std::string log_text();  // all lines, newline-ended
     // Waits up to two seconds for a line that contains `text`.
     bool logged(const std::string &text);
+    bool logged_as(const std::string &level, const std::string &text);  // "ERROR", "DBG", ...
     int times_logged(const std::string &text);
     void forget_log();
 
