@@ -116,10 +116,31 @@ refute_message() {
 # wait_state N SECONDS: the robot reports Wi-Fi state N.
 wait_state() { expect_message network/events "^\{\"wifistat\":\{\"wifi\":$1,\"uap\":(true|false)\}\}$" "$2"; }
 
+# expect_in_order PATTERN...: the messages since the mark hold lines that match, in this order.
+expect_in_order() {
+    local line=0 found pattern
+    for pattern in "$@"; do
+        found=$(messages_since_mark | tail -n +$((line + 1)) | grep -nE -m1 -- "$pattern" | cut -d: -f1)
+        [[ $found ]] || fail "no message /$pattern/ after the ones before it in: $*
+$(messages_since_mark)"
+        line=$((line + found))
+    done
+}
+
+# netinfo dhcp=.. sec=.. [addr=..] [dns2=..]: the pattern of the netinfo message of a robot joined to radio 1.
+netinfo() {
+    local dhcp sec addr='192\.168\.77\.1[0-5][0-9]' dns2=0.0.0.0
+    local "$@"
+    printf '^\{"netinfo":\{"dhcp":%s,"addr":"%s","mask":"255.255.255.0","gw":"192.168.77.1",' "$dhcp" "$addr"
+    printf '"dns1":"192.168.77.1","dns2":"%s","bssid":"%s","sec":%s\}\}$\n' "$dns2" "$(home_bssid 1)" "$sec"
+}
+
 # refute_text TEXT: TEXT (a key, say) must be in no log and no message since the robot's boot.
 refute_text() {
-    ! grep -rlF -- "$1" "$LAB_LOG" "$LAB_MESSAGES" "$LAB_RESULTS"/daemon.out 2>/dev/null ||
-        fail "this must be written nowhere: $1"
+    local file
+    for file in "$LAB_LOG" "$LAB_MESSAGES" "$LAB_RESULTS/daemon.out"; do
+        if [[ -e $file ]] && grep -F -- "$1" "$file"; then fail "this must be written nowhere: $1"; fi
+    done
 }
 
 # publish TOPIC PAYLOAD: as another process of the robot.
@@ -148,6 +169,7 @@ save_network() {
 # start_daemon [ARGUMENT...]: netwarden, with the clock of the last fast_clock.
 start_daemon() {
     rm -f $LAB/daemon.exit $LAB/daemon.pid
+    uptime_s >$LAB/started
     local clock=()
     if [[ -e $LAB/clock ]]; then
         clock=(LD_PRELOAD="$(echo /usr/lib/*/faketime/libfaketimeMT.so.1)" FAKETIME_ONLY_CMDS=netwarden
@@ -164,6 +186,9 @@ start_daemon() {
     ) >>"$LAB_RESULTS/daemon.out" 2>&1 3>&- &
     wait_until 5 test -s $LAB/daemon.pid
 }
+
+# since_start: seconds since start_daemon.
+since_start() { awk -v started="$(cat $LAB/started)" '{ printf "%.1f\n", $1 - started }' /proc/uptime; }
 
 daemon_pid() { cat $LAB/daemon.pid; }
 
@@ -204,6 +229,13 @@ refute_reboot() { [[ ! -e $LAB/reboots ]] || fail "rebooted, and must not: $(<$L
 # robot_address: the station's IPv4 address, or nothing.
 robot_address() { ip -4 -o addr show dev "${1:-wlan0}" | awk '{ sub("/.*", "", $4); print $4 }'; }
 
+# station_status KEY: the supplicant's word on it: wpa_state, freq, pairwise_cipher ...
+station_status() { wpa_cli -iwlan0 status | sed -n "s/^$1=//p"; }
+
+# psk_of SSID KEY: the 64 digits that a passphrase becomes.
+psk_of() { wpa_passphrase "$1" "$2" | sed -n 's/^\tpsk=//p'; }
+
+# broker_up: the robot's broker starts; from then on its traffic is noted.
 broker_up() {
     background broker mosquitto -c /etc/mosquitto/mosquitto.conf
     wait_until 5 mosquitto_pub -t lab/broker -m up || fail "the broker does not start"
@@ -253,8 +285,19 @@ home_ap_up() {
         *) fail "home_ap_up: no security $security" ;;
         esac
     } >"$conf"
-    background ap$radio "${in_home[@]}" hostapd -t "$conf"
-    expect "access point on $interface" 20 grep -q AP-ENABLED "$LAB_RESULTS/ap$radio.log"
+    run_ap "$radio"
+}
+
+run_ap() {
+    background "ap$1" "${in_home[@]}" hostapd -t "$LAB/ap$1.conf"
+    expect "access point $1" 20 grep -q AP-ENABLED "$LAB_RESULTS/ap$1.log"
+}
+
+# home_ap_restart [RADIO]: it says farewell to its stations and is there again a moment later.
+home_ap_restart() {
+    end "ap${1:-1}"
+    sed -i s/AP-ENABLED/AP-WAS-ENABLED/ "$LAB_RESULTS/ap${1:-1}.log"
+    run_ap "${1:-1}"
 }
 
 # home_ap_down [RADIO]: the access point loses its power: no farewell to the stations.
