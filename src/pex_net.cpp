@@ -188,7 +188,7 @@ uint32_t gateway_from_dump(int netlink, char *text, size_t size) {
 }
 
 void take_attribute(const rtattr *attribute, pex_net_route *route) {
-    const void *data = RTA_DATA(attribute);
+    const void *data = reinterpret_cast<const char *>(attribute) + RTA_LENGTH(0);
     if (RTA_PAYLOAD(attribute) < sizeof(in_addr))
         return;
     switch (attribute->rta_type) {
@@ -332,7 +332,7 @@ int pex_net_parse_routes(const nlmsghdr *message, pex_net_route *route) {
         return -1;
     }
     rtmsg header;
-    memcpy(&header, NLMSG_DATA(message), sizeof header);
+    memcpy(&header, reinterpret_cast<const char *>(message) + NLMSG_HDRLEN, sizeof header);
     if (header.rtm_family != AF_INET) {
         LOGE("route is not for AF_INET");
         return -1;
