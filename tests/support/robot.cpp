@@ -22,6 +22,7 @@ constexpr char kStore[] = "/opt/halvik/persistent/opt/halvik/data/kvs/";
 constexpr char kCommands[] = "/run/fakes/commands";
 [[maybe_unused]] constexpr char kFakeTime[] = "/usr/$LIB/faketime/libfaketimeMT.so.1";
 constexpr char kLogSocket[] = "/dev/log";
+constexpr char kBrokerConfiguration[] = "/tmp/mosquitto.conf";
 
 // "<29>Nov 22 10:00:00 network[12]: text" without what the time and the process put in front.
 std::string strip_syslog_prefix(const std::string &datagram) {
@@ -189,7 +190,10 @@ bool accepts_connections(uint16_t port) {
 }  // namespace
 
 void Broker::start() {
-    const char *argv[] = {"mosquitto", "-p", "1883", nullptr};
+    // In the sandbox's user namespace it cannot become another user.
+    std::ofstream(kBrokerConfiguration)
+        << "user root\nlistener 1883 127.0.0.1\nallow_anonymous true\n";
+    const char *argv[] = {"mosquitto", "-c", kBrokerConfiguration, nullptr};
     if (posix_spawnp(&pid_, argv[0], nullptr, nullptr, const_cast<char *const *>(argv), environ) !=
         0)
         FAIL() << "no mosquitto in the robot image";
