@@ -1,0 +1,441 @@
+// Every connection gets a libmosquitto client of its own, and only the thread of mqtt_app_run
+// touches it. Messages stay in our queue until the broker acknowledged them: order and bound are
+// kept here, whatever the client library had in flight when the connection broke.
+#include "mqttapp/mqtt_app.h"
+
+#include <fcntl.h>
+#include <mosquitto.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <charconv>
+#include <chrono>
+#include <condition_variable>
+#include <cstdlib>
+#include <cstring>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <new>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+#include "log.h"
+
+#define LOG_SOURCE "lib/mqttapp"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using std::chrono::seconds;
+
+constexpr char kDefaultBroker[] = "127.0.0.1:1883";
+constexpr int kKeepAliveS = 30;
+constexpr int kQos = 1;
+constexpr int kRefusedByBroker = 128;  // return code of SUBACK, MQTT 3.1.1 section 3.9.3
+constexpr seconds kFirstRetry{1};
+constexpr seconds kLastRetry{30};
+constexpr int kServiceMs = 5000;  // the keep-alive is looked at this often
+constexpr size_t kQueueMessages = 256;
+constexpr size_t kQueueBytes = 4 << 20;
+constexpr size_t kInFlight = 20;  // fits the default window of brokers
+constexpr int kLargestMessage = 64 * 1024;
+
+struct ClientDeleter {
+    void operator()(mosquitto *client) const { mosquitto_destroy(client); }
+};
+using Client = std::unique_ptr<mosquitto, ClientDeleter>;
+
+struct endpoint {
+    std::string host;  // the path of a socket when the port is 0
+    int port = 0;
+};
+
+struct outgoing {
+    std::string topic;
+    std::string payload;
+    int mid = 0;  // in this connection; 0 when not handed to the client yet
+};
+
+enum class link_state : uint8_t { down, connecting, up };
+
+}  // namespace
+
+struct mqtt_app {
+    std::string name;
+    endpoint broker;
+    std::vector<std::string> topics;
+    mqtt_app_message_cb on_message = nullptr;
+    mqtt_app_connect_cb on_connect = nullptr;
+    int wake_fd = -1;
+
+    // The thread of mqtt_app_run only.
+    Client client;
+    link_state link = link_state::down;
+    bool reported_down = false;
+
+    std::atomic<bool> stop{false};
+
+    std::mutex lock;  // leaf: guards all below
+    std::condition_variable ended;
+    std::deque<outgoing> queue;
+    size_t queued_bytes = 0;
+    bool running = false;
+    bool exit_by_callback = false;
+    std::thread::id runner;
+};
+
+namespace {
+
+void release(mqtt_app *app) {
+    app->client.reset();
+    close(app->wake_fd);
+    mosquitto_lib_cleanup();
+    delete app;
+}
+
+void wake(const mqtt_app *app) {
+    const uint64_t one = 1;
+    // A counter that is full wakes just as well.
+    [[maybe_unused]] const ssize_t written = write(app->wake_fd, &one, sizeof one);
+}
+
+// --- the broker's address ------------------------------------------------------------------------
+
+bool parse_socket_path(std::string_view path, endpoint &to) {
+    if (!path.starts_with('/') || path.size() >= sizeof(sockaddr_un::sun_path))
+        return false;
+    to = {std::string(path), 0};
+    return true;
+}
+
+bool parse_host_and_port(std::string_view text, endpoint &to) {
+    const size_t colon = text.rfind(':');
+    if (colon == text.npos)
+        return false;
+    std::string_view host = text.substr(0, colon);
+    const std::string_view port_text = text.substr(colon + 1);
+    if (host.starts_with('[') && host.ends_with(']'))
+        host = host.substr(1, host.size() - 2);
+    else if (host.find(':') != host.npos)
+        return false;
+    int port = 0;
+    const char *const end = port_text.data() + port_text.size();
+    const auto [rest, error] = std::from_chars(port_text.data(), end, port);
+    if (error != std::errc() || rest != end || port < 1 || port > UINT16_MAX || host.empty() ||
+        host.find_first_of("[]/ \t\r\n") != host.npos)
+        return false;
+    to = {std::string(host), port};
+    return true;
+}
+
+bool parse_broker(std::string_view text, endpoint &to) {
+    constexpr std::string_view kUnix = "unix:";
+    return text.starts_with(kUnix) ? parse_socket_path(text.substr(kUnix.size()), to)
+                                   : parse_host_and_port(text, to);
+}
+
+// --- what the client library reports, on the thread of mqtt_app_run
+// -------------------------------
+
+void subscribe(mqtt_app *app) {
+    for (const std::string &topic : app->topics)
+        if (const int error = mosquitto_subscribe(app->client.get(), nullptr, topic.c_str(), kQos))
+            LOGE("subscribing to %s failed: %s", topic.c_str(), mosquitto_strerror(error));
+}
+
+void on_connect(mosquitto * /*client*/, void *context, int code) {
+    auto *app = static_cast<mqtt_app *>(context);
+    if (code != 0) {  // the client ends the connection
+        if (!app->reported_down)
+            LOGW("the broker refused us: %s", mosquitto_connack_string(code));
+        return;
+    }
+    app->link = link_state::up;
+    app->reported_down = false;
+    subscribe(app);
+    if (app->on_connect != nullptr)
+        app->on_connect(app);
+}
+
+void on_subscribe(mosquitto * /*client*/, void * /*context*/, int /*mid*/, int count,
+                  const int *granted) {
+    for (int i = 0; i < count; i++)
+        if (granted[i] >= kRefusedByBroker)
+            LOGE("broker refused a subscription");
+}
+
+// Acknowledged: out of the queue. The broker acknowledges in order, all but always the first.
+void on_publish(mosquitto * /*client*/, void *context, int mid) {
+    auto *app = static_cast<mqtt_app *>(context);
+    const std::lock_guard guard(app->lock);
+    auto &queue = app->queue;
+    const auto acknowledged = std::find_if(
+        queue.begin(), queue.end(), [mid](const outgoing &message) { return message.mid == mid; });
+    if (acknowledged == queue.end())
+        return;
+    app->queued_bytes -= acknowledged->payload.size();
+    queue.erase(acknowledged);
+}
+
+void on_message(mosquitto * /*client*/, void *context, const mosquitto_message *message) {
+    auto *app = static_cast<mqtt_app *>(context);
+    if (message->payloadlen > kLargestMessage) {
+        LOGE("refused a message of %d bytes on %s", message->payloadlen, message->topic);
+        return;
+    }
+    if (app->stop)
+        return;
+    const std::string payload(
+        message->payload != nullptr ? static_cast<const char *>(message->payload) : "",
+        static_cast<size_t>(message->payloadlen));
+    const mqtt_app_message received{message->mid, message->topic, payload.c_str(),
+                                    message->payloadlen};
+    app->on_message(app, &received);
+}
+
+// --- the connection ------------------------------------------------------------------------------
+
+// Says once that the broker is away, not at every attempt of a long night.
+void drop_connection(mqtt_app *app, int error) {
+    if (!app->reported_down)
+        LOGW("no connection to the broker %s:%d: %s", app->broker.host.c_str(), app->broker.port,
+             error == MOSQ_ERR_ERRNO ? strerror(errno) : mosquitto_strerror(error));
+    app->reported_down = true;
+    app->link = link_state::down;
+    app->client.reset();
+    const std::lock_guard guard(app->lock);
+    for (outgoing &message : app->queue)
+        message.mid = 0;
+}
+
+bool open_connection(mqtt_app *app) {
+    const std::string id = app->name + "-" + std::to_string(getpid());
+    app->client.reset(mosquitto_new(id.c_str(), true, app));
+    if (!app->client) {
+        drop_connection(app, MOSQ_ERR_NOMEM);
+        return false;
+    }
+    mosquitto *const client = app->client.get();
+    mosquitto_connect_callback_set(client, on_connect);
+    mosquitto_subscribe_callback_set(client, on_subscribe);
+    mosquitto_publish_callback_set(client, on_publish);
+    mosquitto_message_callback_set(client, on_message);
+    app->link = link_state::connecting;
+    const int error =
+        mosquitto_connect_async(client, app->broker.host.c_str(), app->broker.port, kKeepAliveS);
+    if (error != MOSQ_ERR_SUCCESS) {
+        drop_connection(app, error);
+        return false;
+    }
+    // The commands that the process starts must not keep a dead connection open.
+    fcntl(mosquitto_socket(client), F_SETFD, FD_CLOEXEC);
+    return true;
+}
+
+// The next message that the client may have now. It stays valid: only this thread removes.
+outgoing *next_to_send(mqtt_app *app) {
+    const std::lock_guard guard(app->lock);
+    const size_t window = std::min(app->queue.size(), kInFlight);
+    for (size_t i = 0; i < window; i++)
+        if (app->queue[i].mid == 0)
+            return &app->queue[i];
+    return nullptr;
+}
+
+// Hands the client what fits its window; its socket does not block. An error code of the client.
+int send_queued(mqtt_app *app) {
+    while (outgoing *message = next_to_send(app)) {
+        int mid = 0;
+        const int error = mosquitto_publish(app->client.get(), &mid, message->topic.c_str(),
+                                            static_cast<int>(message->payload.size()),
+                                            message->payload.data(), kQos, false);
+        const std::lock_guard guard(app->lock);
+        message->mid = mid;
+        if (error != MOSQ_ERR_SUCCESS)
+            return error;
+    }
+    return MOSQ_ERR_SUCCESS;
+}
+
+void clear_wake(const mqtt_app *app) {
+    uint64_t count;
+    [[maybe_unused]] const ssize_t got = read(app->wake_fd, &count, sizeof count);
+}
+
+// One round of the open connection: waits for something to do and does it.
+int serve(mqtt_app *app) {
+    mosquitto *const client = app->client.get();
+    pollfd fds[] = {{mosquitto_socket(client), POLLIN, 0}, {app->wake_fd, POLLIN, 0}};
+    if (mosquitto_want_write(client))
+        fds[0].events |= POLLOUT;
+    poll(fds, 2, kServiceMs);
+    if (fds[1].revents != 0)
+        clear_wake(app);
+    int error = MOSQ_ERR_SUCCESS;
+    if ((fds[0].revents & POLLOUT) != 0)
+        error = mosquitto_loop_write(client, 1);
+    if (error == MOSQ_ERR_SUCCESS && (fds[0].revents & ~POLLOUT) != 0)
+        error = mosquitto_loop_read(client, 1);
+    if (error == MOSQ_ERR_SUCCESS)
+        error = mosquitto_loop_misc(client);
+    if (error == MOSQ_ERR_SUCCESS && app->link == link_state::up)
+        error = send_queued(app);
+    return error;
+}
+
+// Waits before the next attempt; publishes go on filling the queue in the meantime.
+void back_off(mqtt_app *app, seconds delay) {
+    const auto end = Clock::now() + delay;
+    for (auto now = Clock::now(); !app->stop && now < end; now = Clock::now()) {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - now);
+        pollfd fd{app->wake_fd, POLLIN, 0};
+        if (poll(&fd, 1, static_cast<int>(left.count())) > 0)
+            clear_wake(app);
+    }
+}
+
+// Serves one connection until it breaks. True when the broker had accepted it.
+bool serve_connection(mqtt_app *app) {
+    if (!open_connection(app))
+        return false;
+    int error = MOSQ_ERR_SUCCESS;
+    while (!app->stop && error == MOSQ_ERR_SUCCESS)
+        error = serve(app);
+    const bool was_up = app->link == link_state::up;
+    if (error != MOSQ_ERR_SUCCESS)
+        drop_connection(app, error);
+    else
+        mosquitto_disconnect(app->client.get());
+    return was_up;
+}
+
+bool begin_run(mqtt_app *app) {
+    const std::lock_guard guard(app->lock);
+    if (app->running || app->on_message == nullptr)
+        return false;
+    app->running = true;
+    app->runner = std::this_thread::get_id();
+    return true;
+}
+
+void end_run(mqtt_app *app) {
+    bool release_here;
+    {
+        const std::lock_guard guard(app->lock);
+        app->running = false;
+        release_here = app->exit_by_callback;
+        app->ended.notify_all();  // under the lock: the waiter frees
+    }
+    if (release_here)
+        release(app);
+}
+
+bool is_publishable(const char *topic, int length, const char *payload) {
+    return topic != nullptr && *topic != '\0' && length >= 0 &&
+           (payload != nullptr || length == 0) &&
+           mosquitto_pub_topic_check(topic) == MOSQ_ERR_SUCCESS &&
+           mosquitto_validate_utf8(topic, static_cast<int>(strlen(topic))) == MOSQ_ERR_SUCCESS;
+}
+
+}  // namespace
+
+mqtt_app *mqtt_app_create(const char *client_name) {
+    if (client_name == nullptr || *client_name == '\0')
+        return nullptr;
+    auto *app = new (std::nothrow) mqtt_app;
+    if (app == nullptr)
+        return nullptr;
+    app->name = client_name;
+    app->wake_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (app->wake_fd < 0) {
+        delete app;
+        return nullptr;
+    }
+    mosquitto_lib_init();
+    return app;
+}
+
+int mqtt_app_init(mqtt_app *app, const char *const *topics, mqtt_app_message_cb on_message) {
+    if (app == nullptr || topics == nullptr || on_message == nullptr)
+        return -1;
+    const char *broker = getenv("MQTT_APP_BROKER");
+    if (broker == nullptr || *broker == '\0')
+        broker = kDefaultBroker;
+    if (!parse_broker(broker, app->broker)) {
+        LOGE("MQTT_APP_BROKER is neither host:port nor unix:/path: \"%s\"", broker);
+        return -1;
+    }
+    std::vector<std::string> filters;
+    for (; *topics != nullptr; topics++) {
+        if (**topics == '\0' || mosquitto_sub_topic_check(*topics) != MOSQ_ERR_SUCCESS) {
+            LOGE("\"%s\" is no topic filter", *topics);
+            return -1;
+        }
+        filters.emplace_back(*topics);
+    }
+    app->topics = std::move(filters);
+    app->on_message = on_message;
+    return 0;
+}
+
+int mqtt_app_register_on_connect_cb(mqtt_app *app, mqtt_app_connect_cb on_connect) {
+    if (app == nullptr || on_connect == nullptr)
+        return -1;
+    app->on_connect = on_connect;
+    return 0;
+}
+
+int mqtt_app_run(mqtt_app *app) {
+    if (app == nullptr || !begin_run(app))
+        return -1;
+    seconds delay = kFirstRetry;
+    while (!app->stop) {
+        if (serve_connection(app))
+            delay = kFirstRetry;
+        if (!app->stop)
+            back_off(app, delay);
+        delay = std::min(delay * 2, kLastRetry);
+    }
+    app->client.reset();
+    end_run(app);
+    return 0;
+}
+
+int mqtt_app_publish(mqtt_app *app, const char *topic, int length, const char *payload) {
+    if (app == nullptr || !is_publishable(topic, length, payload))
+        return EINVAL;
+    const auto size = static_cast<size_t>(length);
+    {
+        const std::lock_guard guard(app->lock);
+        if (app->queue.size() >= kQueueMessages || size > kQueueBytes - app->queued_bytes)
+            return ENOBUFS;
+        app->queue.push_back({topic, std::string(length != 0 ? payload : "", size), 0});
+        app->queued_bytes += size;
+    }
+    wake(app);
+    return 0;
+}
+
+void mqtt_app_exit(mqtt_app *app) {
+    if (app == nullptr)
+        return;
+    app->stop = true;
+    wake(app);
+    {
+        std::unique_lock guard(app->lock);
+        if (app->running && app->runner == std::this_thread::get_id()) {
+            app->exit_by_callback = true;
+            return;
+        }
+        app->ended.wait(guard, [app] { return !app->running; });
+    }
+    release(app);
+}
