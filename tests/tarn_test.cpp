@@ -1,0 +1,299 @@
+#include "tarn/tarn.h"
+
+#include <climits>
+#include <cstring>
+#include <deque>
+
+#include "log.h"
+#include "mqttapp/mqtt_app.h"
+#include "robot.h"
+
+namespace {
+
+using std::chrono::milliseconds;
+
+// What the library sent, "topic text", in order.
+struct Outbox {
+    std::mutex lock;
+    std::deque<std::string> sent;
+    std::atomic<int> result{0};
+
+    static int take(void *self, const char *topic, const char *text) {
+        auto *box = static_cast<Outbox *>(self);
+        const std::lock_guard guard(box->lock);
+        box->sent.push_back(std::string(topic) + " " + text);
+        return box->result;
+    }
+    std::string next() {
+        const std::lock_guard guard(lock);
+        if (sent.empty())
+            return "";
+        std::string first = sent.front();
+        sent.pop_front();
+        return first;
+    }
+};
+
+// The topic of the response to "tarn/<dest>/req/network/<id> <text>".
+std::string response_topic(const std::string &request) {
+    const size_t dest = strlen("tarn/");
+    const size_t slash = request.find('/', dest);
+    const size_t id = request.rfind('/', request.find(' ')) + 1;
+    return "tarn/network/resp/" + request.substr(dest, slash - dest) + "/" +
+           request.substr(id, request.find(' ') - id);
+}
+
+class Tarn : public Robot {
+  protected:
+    ~Tarn() override { tarn_lib_exit(lib); }
+
+    int transfer(int wait_s, size_t size = 64, int destination = 10) {
+        tarn_req *request = tarn_alloc_req_handle(lib);
+        const int result = tarn_transfer(request, 6, destination, "hello", response, size, wait_s);
+        tarn_free_req_handle(request);
+        return result;
+    }
+    std::string wait_for_sent() {
+        std::string text;
+        eventually([&] { return !(text = outbox.next()).empty(); });
+        return text;
+    }
+    tarn_req *find(const std::string &topic) {
+        return tarn_get_req_handle_using_topic(lib, topic.c_str());
+    }
+
+    Outbox outbox;
+    tarn_lib *lib = tarn_lib_init(Outbox::take, &outbox, nullptr);
+    char response[64] = "untouched";
+};
+
+TEST_F(Tarn, ResponseReachesItsTransferOnce) {
+    int result = 1;
+    std::thread waiter([&] { result = transfer(10, 4, 12); });
+    const std::string sent = wait_for_sent();
+    EXPECT_THAT(sent, testing::MatchesRegex("tarn/corehub/req/network/[0-9]+ hello"));
+    const std::string topic = response_topic(sent);
+    EXPECT_EQ(find(topic + "1"), nullptr) << "unknown ID";
+    EXPECT_EQ(find("tarn/network/resp/9" + topic.substr(topic.rfind('/'))), nullptr)
+        << "from another process";
+    tarn_req *request = find(topic);
+    ASSERT_NE(request, nullptr);
+    EXPECT_EQ(find(topic), nullptr) << "twice";
+    EXPECT_EQ(tarn_complete_transfer(request, "abcdef"), 0);
+    waiter.join();
+    EXPECT_EQ(result, 0);
+    EXPECT_STREQ(response, "abc");
+    EXPECT_EQ(find(topic), nullptr) << "late";
+}
+
+TEST_F(Tarn, TransferFailsByItsTimeOut) {
+    outbox.result = 1;  // unsent: no sooner and no later
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(transfer(1), -1);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, milliseconds(990));
+    EXPECT_STREQ(response, "untouched");
+    EXPECT_EQ(find(response_topic(outbox.next())), nullptr);
+}
+
+// Found in time, delivered when its transfer and its handle are gone.
+TEST_F(Tarn, ResponseOvertakenByTheTimeOut) {
+    std::thread waiter([&] { EXPECT_EQ(transfer(1), -1); });
+    tarn_req *request = find(response_topic(wait_for_sent()));
+    waiter.join();
+    ASSERT_NE(request, nullptr);
+    EXPECT_EQ(tarn_complete_transfer(request, "too late"), -1);
+    EXPECT_STREQ(response, "untouched");
+}
+
+TEST_F(Tarn, ResponseAtTheInstantOfTheTimeOut) {
+    std::atomic<bool> stop{false};
+    std::atomic<int> found{0};
+    std::thread broker([&] {
+        while (!stop) {
+            const std::string sent = outbox.next();
+            if (tarn_req *request = sent.empty() ? nullptr : find(response_topic(sent))) {
+                found++;
+                tarn_complete_transfer(request, "x");
+            }
+        }
+    });
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; i++)
+        threads.emplace_back([&] {
+            char text[8];
+            for (int n = 0; n < 2000; n++) {
+                tarn_req *request = tarn_alloc_req_handle(lib);
+                if (tarn_transfer(request, 6, 10, "hello", text, sizeof text, 0) == 0) {
+                    EXPECT_STREQ(text, "x");
+                }
+                tarn_free_req_handle(request);
+            }
+        });
+    for (auto &thread : threads)
+        thread.join();
+    stop = true;
+    broker.join();
+    EXPECT_GT(found, 0);
+}
+
+TEST_F(Tarn, ExitEndsTransfersOfOtherThreads) {
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 8; i++)
+        threads.emplace_back([this] {
+            char text[8];
+            tarn_req *request = tarn_alloc_req_handle(lib);
+            EXPECT_EQ(tarn_transfer(request, 6, 10, "hello", text, sizeof text, 3600), -1);
+            EXPECT_EQ(tarn_event_transfer(request, 6, 10, "after the end", 2), -1);
+            tarn_free_req_handle(request);
+        });
+    for (int i = 0; i < 8; i++)
+        EXPECT_NE(wait_for_sent(), "");
+    tarn_lib_exit(lib);
+    lib = nullptr;
+    for (auto &thread : threads)
+        thread.join();
+    tarn_lib_exit(nullptr);
+}
+
+TEST_F(Tarn, TopicsAreOursOnlyInTheirExactShape) {
+    struct {
+        const char *topic;
+        int type;  // -1: not ours
+    } const cases[] = {
+        {"tarn/network/req/btmanager/0", TARN_REQUEST},
+        {"tarn/network/resp/12345/18446744073709551615", TARN_RESPONSE},
+        {"tarn/network/event/corehub/7", TARN_EVENT},
+        {"tarn/network/ack/2147483647/7", TARN_ACK},
+        {"tarn/network/req/10/18446744073709551616", -1},
+        {"tarn/network/req/2147483648/7", -1},
+        {"tarn/network/req/12/7", -1},  // corehub has a name
+        {"tarn/6/req/10/7", -1},        // and so do we
+        {"tarn/corehub/req/10/7", -1},
+        {"tarn/network/req/10/07", -1},
+        {"tarn/network/req/010/7", -1},
+        {"tarn/network/req/-10/7", -1},
+        {"tarn/network/req/10/+7", -1},
+        {"tarn/network/req/10/7 ", -1},
+        {"tarn/network/req/10/", -1},
+        {"tarn/network/req/10", -1},
+        {"tarn/network/req/10/7/", -1},
+        {"tarn/network/req//7", -1},
+        {"tarn/network/reqs/10/7", -1},
+        {"tarn/network/#", -1},
+        {"/tarn/network/req/10/7", -1},
+        {"TARN/network/req/10/7", -1},
+        {"tarn//req/10/7", -1},
+        {"", -1},
+    };
+    for (const auto &row : cases) {
+        int type = -1;
+        EXPECT_EQ(get_tarn_message_type(lib, row.topic, &type) == 0, row.type != -1) << row.topic;
+        EXPECT_EQ(type, row.type) << row.topic;
+        EXPECT_EQ(tarn_send_resp(lib, row.topic, "r") == 0, row.type == TARN_REQUEST) << row.topic;
+        EXPECT_EQ(tarn_event_ack(lib, row.topic) == 0, row.type == TARN_EVENT) << row.topic;
+        EXPECT_EQ(find(row.topic), nullptr);
+    }
+    EXPECT_EQ(outbox.next(), "tarn/btmanager/resp/network/0 r");
+    EXPECT_EQ(outbox.next(), "tarn/corehub/ack/network/7 ");
+}
+
+TEST_F(Tarn, EventsAndBadArguments) {
+    tarn_req *request = tarn_alloc_req_handle(lib);
+    EXPECT_EQ(tarn_event_transfer(request, 6, 0, "e", 2), 0);
+    EXPECT_THAT(outbox.next(), testing::MatchesRegex("tarn/btmanager/event/network/[0-9]+ e"));
+    EXPECT_EQ(tarn_event_transfer(request, 6, -1, "e", 2), -1);
+    EXPECT_EQ(tarn_event_transfer(request, 9, 0, "e", 2), -1) << "in another's name";
+    EXPECT_EQ(tarn_event_transfer(nullptr, 6, 0, "e", 2), -1);
+    EXPECT_EQ(tarn_transfer(request, 6, 0, nullptr, response, 9, 0), -1);
+    EXPECT_EQ(tarn_transfer(request, 6, 0, "t", response, 0, 0), -1);
+    EXPECT_EQ(outbox.next(), "");
+    outbox.result = 1;
+    EXPECT_EQ(tarn_event_transfer(request, 6, 0, "e", 2), -1);
+    tarn_free_req_handle(request);
+    EXPECT_EQ(tarn_alloc_req_handle(nullptr), nullptr);
+    EXPECT_EQ(tarn_lib_init(nullptr, nullptr, nullptr), nullptr);
+}
+
+TEST_F(Tarn, LogLevelByRequest) {
+    log_handle *log = log_open("robot", LOG_LEVEL_ERROR, nullptr, 0, 1, 0, 0, 1);
+    constexpr char kTopic[] = "tarn/network/req/btmanager/5";
+    const auto set = [&](const char *level) {
+        const Json json(json_loads(level, JSON_DECODE_ANY, nullptr));
+        const int result = tarn_handle_set_log_level_request(lib, log, kTopic, json.get());
+        log_format(log, LOG_LEVEL_DBG, "s", 1, "dbg after %s", level);
+        return result;
+    };
+    for (const char *bad : {"\"debug\"", "1", "null", "\"\""}) {
+        EXPECT_EQ(set(bad), -1);
+        EXPECT_EQ(outbox.next(), R"(tarn/btmanager/resp/network/5 {"set_log_level": null})");
+    }
+    EXPECT_EQ(set("\"dbg\""), 0);
+    EXPECT_EQ(outbox.next(), R"(tarn/btmanager/resp/network/5 {"set_log_level": "dbg"})");
+    EXPECT_TRUE(logged("dbg after \"dbg\""));
+    EXPECT_EQ(times_logged("dbg after"), 1);
+    log_close(log);
+}
+
+// --- over a real broker --------------------------------------------------------------------------
+
+// A process on the broker: answers requests with their own text, takes responses.
+struct Process {
+    Process(const char *name, int number, const char *filter) {
+        const char *const topics[] = {filter, nullptr};
+        app = mqtt_app_create(name);
+        mqtt_app_init(app, topics, [](mqtt_app *from, const mqtt_app_message *message) {
+            Process &self = *processes[from == processes[0]->app ? 0 : 1];
+            if (auto *request = tarn_get_req_handle_using_topic(self.lib, message->topic))
+                tarn_complete_transfer(request, message->payload);
+            else
+                tarn_send_resp(self.lib, message->topic, message->payload);
+        });
+        mqtt_app_register_on_connect_cb(app, [](mqtt_app *) { connected++; });
+        lib = tarn_lib_init(
+            [](void *to, const char *topic, const char *text) {
+                return mqtt_app_publish(static_cast<mqtt_app *>(to), topic,
+                                        static_cast<int>(strlen(text)), text);
+            },
+            app, nullptr);
+        tarn_lib_set_process(lib, number);
+        processes[number == 6 ? 0 : 1] = this;
+    }
+    void run() { thread = std::thread(mqtt_app_run, app); }
+    ~Process() {
+        mqtt_app_exit(app);
+        thread.join();
+        tarn_lib_exit(lib);
+    }
+
+    static inline Process *processes[2];
+    static inline std::atomic<int> connected{0};
+    mqtt_app *app;
+    tarn_lib *lib;
+    std::thread thread;
+};
+
+TEST_F(Tarn, SixtyFourTransfersAtOnceOverTheBroker) {
+    const Broker broker;
+    Process network("network", 6, "tarn/network/#");
+    Process corehub("corehub", 12, "tarn/corehub/#");
+    network.run();
+    corehub.run();
+    ASSERT_TRUE(eventually([] { return Process::connected == 2; }));
+    // A first round trip: the subscriptions stand.
+    std::vector<std::thread> threads;
+    std::atomic<int> answered{0};
+    for (int i = 0; i < 64; i++)
+        threads.emplace_back([&, i] {
+            const std::string text = "{\"n\":" + std::to_string(i) + "}";
+            char reply[32];
+            tarn_req *request = tarn_alloc_req_handle(network.lib);
+            answered += tarn_transfer(request, 6, 12, text.c_str(), reply, sizeof reply, 20) == 0 &&
+                        text == reply;
+            tarn_free_req_handle(request);
+        });
+    for (auto &thread : threads)
+        thread.join();
+    EXPECT_EQ(answered, 64);
+}
+
+}  // namespace
