@@ -1,14 +1,332 @@
 #include "main.h"
 
-#include <atomic>
+#include <unistd.h>
 
+#include <array>
+#include <atomic>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <optional>
+#include <string_view>
+
+#include "gateway_pinger.h"
 #include "log.h"
+#include "monitor_main.h"
+#include "mqtt_client.h"
+#include "mqttapp/mqtt_app.h"
+#include "network_utils.h"
+#include "owned.h"
+#include "pex_kvs.h"
+#include "pex_kvs_helper.h"
+#include "pex_misc.h"
+#include "provisioning_sm.h"
+#include "pthread_utils.h"
+#include "tarn/tarn.h"
+#include "version.h"
+#include "wifi_control.h"
+#include "wifi_state.h"
+
+#define LOG_SOURCE "src/main"
 
 namespace {
+
+constexpr char kName[] = "Connectivity Module";
+constexpr int kUsageError = 143;
+constexpr unsigned kStartDelayS = 5;  // the rest of the robot comes up in the meantime
+constexpr unsigned kInterfaceWaitS = 2;
+constexpr long kTickerS = 600;
+constexpr int kStationStatusProcess = 10;  // the robot process that asks for and tells "sta"
+
+// Two bytes short of the buffer, on purpose: what is compared is what is copied.
+constexpr size_t kComparedBytes = kStatusTextSize - 2;
 
 std::atomic<log_handle *> log_of_process{nullptr};
 std::atomic<mqtt_app *> broker{nullptr};
 std::atomic<tarn_lib *> transport{nullptr};
+
+// --- command line --------------------------------------------------------------------------------
+
+struct options {
+    bool wipe = false;
+};
+
+void print_usage() {
+    // Kept to the letter, the uneven blanks included.
+    constexpr std::array kUsage{
+        "usage: netwarden args",
+        " -h               - prints the usage/help",
+        " --if_sta <name>  - selects the interface which is to be used as a station by name",
+        " --if_uap <name>  - selects the interface which is to be used as a  access point by name",
+        " -v               - prints the application version and exits",
+        " --wipe - resets the wireless network configuration to factory default",
+    };
+    for (const char *line : kUsage)
+        fprintf(stderr, "%s\n", line);
+}
+
+bool print_version() {
+    version_record version{};
+    version.capacity = sizeof version.text;
+    if (getVersion(&version) != 0) {
+        LOGE("Could not retrieve the version of the %s application", kName);
+        return false;
+    }
+    printf("%s version: %s\n", kName, version.text);
+    version_record details{};
+    details.capacity = sizeof details.text;
+    if (getVersionDetails(&details) == 0)
+        printf("%s\n", details.text);
+    return true;
+}
+
+void use_station_interface(const char *name) {
+    LOGI("Station interface \"%s\"", name);
+    wifi_set_station_interface_name(name);
+}
+
+void use_uap_interface(const char *name) {
+    LOGI("Access Point Interface \"%s\"", name);
+    wifi_set_uap_interface_name(name);
+}
+
+int usage_error() {
+    print_usage();
+    return kUsageError;
+}
+
+// The exit code when the process is to end here, else nothing and the options.
+std::optional<int> parse_command_line(int argc, char **argv, options &result) {
+    bool failed = false;
+    for (int i = 1; i < argc; i++) {
+        const std::string_view option = argv[i];
+        const bool has_value = i + 1 < argc;
+        if (option.empty() || option.front() != '-')
+            return usage_error();
+        if (option == "-h") {
+            print_usage();
+            return 0;
+        }
+        if (option == "-v") {
+            if (print_version())
+                return 0;
+        } else if (option == "--wipe") {
+            result.wipe = true;
+        } else if (option == "--if_sta" && has_value) {
+            use_station_interface(argv[++i]);
+        } else if (option == "--if_uap" && has_value) {
+            use_uap_interface(argv[++i]);
+        } else {
+            if (option == "--if_sta")
+                LOGI("args[1] is %s", argv[i]);
+            else if (option == "--if_uap")
+                LOGI("args[1] is %s", "(null)");
+            failed = true;
+        }
+    }
+    if (failed)
+        return usage_error();
+    return std::nullopt;
+}
+
+// --- start-up ------------------------------------------------------------------------------------
+
+// A start-up that cannot go on parks the process: whoever supervises the robot sees it alive and
+// silent instead of restarting it for ever. Threads that run already keep running.
+[[noreturn]] void park() {
+    log_close(log_of_process.exchange(nullptr));
+    tarn_lib_exit(transport.exchange(nullptr));
+    mqtt_app_exit(broker.exchange(nullptr));
+    for (;;)
+        sleep(100);
+}
+
+struct worker {
+    const char *announcement;
+    const char *name;
+    void *(*body)(void *);
+    const char *failure;
+};
+
+void start_thread(const worker &thread) {
+    LOGD("%s", thread.announcement);
+    if (pthread_create_detached_thread(nullptr, thread.body, nullptr, thread.name) == 0)
+        return;
+    LOGE("%s", thread.failure);
+    park();
+}
+
+void open_log() {
+    log_of_process = log_open("network", LOG_LEVEL_INFO, nullptr, 0, 1, 0, 0, 1);
+    if (get_log_handle() != nullptr)
+        return;
+    LOGE("log_open failed");
+    park();
+}
+
+void wait_for_the_robot() {
+    LOGI("sleeping for %d secs", static_cast<int>(kStartDelayS));
+    if (sleep(kStartDelayS) != 0)
+        LOGW("could not sleep for required time");
+}
+
+void connect_libraries() {
+    broker = mqtt_client_init();
+    if (get_mqtt_app() == nullptr) {
+        LOGE("mqtt_client_init_failed");
+        park();
+    }
+    transport = network_tarn_init();
+    if (get_network_tarn_handle() == nullptr) {
+        LOGE("network_tarn_init failed");
+        park();
+    }
+}
+
+// The interface key names hardware, not a network: it stays.
+int wipe_network_key(const char *key) {
+    const std::string_view name = key;
+    if (!name.starts_with("network.") || name.starts_with("network.interface"))
+        return 0;
+    return pex_kvs_del_key(key);
+}
+
+void wipe_saved_network() {
+    if (pex_kvs_foreach_key(wipe_network_key) == 0)
+        LOGI("Wiped network keys");
+}
+
+void ensure_active_interface() {
+    const MallocText active(pex_kvs_get_key_str_malloc("network.interface"));
+    if (!active && set_active_ifname(wifi_get_sta_interface()) != 0)
+        LOGE("%s: Could not set network.interface key", "main");
+}
+
+bool wifi_is_there() {
+    const bool interface = wifi_check_sta_iface_available() != -1;
+    const bool directory = wifi_check_run_network_dir() != -1;
+    return interface && directory;
+}
+
+void wait_for_the_interface() {
+    do
+        sleep(kInterfaceWaitS);
+    while (!wifi_is_there());
+}
+
+void bring_wifi_into_a_known_state() {
+    wifi_stop_uap();
+    wifi_network_disconnect();
+    wifi_init_netinfo();
+    wifi_init_wifistat();
+    const MallocText ssid(pex_kvs_get_key_str_malloc("network.ssid"));
+    if (ssid) {
+        wifi_start_sta_from_kvs_configuration();
+        return;
+    }
+    LOGW("no network configuration, creating default %s", "/etc/wpa_supplicant.conf");
+    wifi_state_set_wifi(WIFI_OFF);
+    wifi_set_wpa_default_config();
+    wifi_wpa_reconfigure();
+}
+
+void restart_diagnostic_web_server() {
+    LOGI("Starting diagnostic webserver");
+    LOGD("\nCalling pex_system(%s) now...", "sudo /usr/bin/webserver_control.sh stop");
+    pex_system("netwarden", "sudo /usr/bin/webserver_control.sh stop", nullptr);
+    LOGD("\nCalling pex_system(%s) now...", "sudo /usr/bin/webserver_control.sh start");
+    pex_system("netwarden", "sudo /usr/bin/webserver_control.sh start", nullptr);
+}
+
+// The marker is left by a tidelink that connected before this process could hear it. It is removed
+// when the event comes back from the broker.
+void pass_on_tidelink_connected() {
+    constexpr char kMarker[] = "/tmp/tidelink_connected";
+    constexpr std::string_view kEvent = R"({"event":"tidelinkConnected"})";
+    LOGI("Checking if %s exists", kMarker);
+    if (access(kMarker, F_OK) != 0)
+        return;
+    LOGI("%s exists, publishing tidelinkConnected msg", kMarker);
+    for (const char *topic : {"brisk/network/events", "brisk/updater/events"})
+        if (mqtt_app_publish(get_mqtt_app(), topic, static_cast<int>(kEvent.size()),
+                             kEvent.data()) != 0) {
+            LOGE("Failed to publish message %s on topic %s", kEvent.data(), topic);
+            park();
+        }
+}
+
+void ask_for_station_status() {
+    std::array<char, kStatusTextSize> response{};
+    if (network_send_tarn_req(kStationStatusProcess, R"({"sta": 0})", response.data(),
+                              response.size()) == 1)
+        LOGE("Error publishing sta:0 TARN request.");
+}
+
+void publish_status() {
+    wifi_send_netinfo(0);
+    wifi_send_wifistat(0);
+    wifi_send_wlcfg_json();
+}
+
+void start(const options &given) {
+    open_log();
+    wait_for_the_robot();
+    connect_libraries();
+    if (given.wipe)
+        wipe_saved_network();
+    ensure_active_interface();
+    start_thread({"Creating mqtt app thread", "mqtt_app_main", mqtt_app_main,
+                  "Could not start thread for mqtt app\n"});
+    wlan_monitor_init(wifi_get_sta_interface(), wlan_monitor_event);
+    start_thread({"Creating wlan monitor thread", "wlan_monitor", wlan_monitor_main,
+                  "Could not start thread for wlan monitor\n"});
+    wait_for_the_interface();
+    bring_wifi_into_a_known_state();
+    start_thread({"Creating gw pinger thread", "pinger_main", pinger_main,
+                  "Could not start thread for pinger\n"});
+    restart_diagnostic_web_server();
+    pass_on_tidelink_connected();
+    ask_for_station_status();
+    publish_status();
+}
+
+// --- supervision ---------------------------------------------------------------------------------
+
+long monotonic_seconds() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC_RAW, &now);
+    return static_cast<long>(now.tv_sec);
+}
+
+using NetinfoText = std::array<char, kStatusTextSize>;
+
+void publish_what_changed(NetinfoText &previous, NetinfoText &current) {
+    make_wifi_netinfo_json(current.data(), 1);
+    if (memcmp(current.data(), previous.data(), kComparedBytes) == 0)
+        return;
+    memcpy(previous.data(), current.data(), kComparedBytes);
+    publish_status();
+}
+
+[[noreturn]] void supervise() {
+    NetinfoText previous{};
+    NetinfoText current{};
+    make_wifi_netinfo_json(previous.data(), 1);
+    const long started = monotonic_seconds();
+    for (;;) {
+        const long now = monotonic_seconds();
+        if ((now - started) % kTickerS == 0)
+            LOGD("10 minute ticker at %u", static_cast<unsigned>(now));
+        wifi_network_status_update();
+        if (is_robot_provisioning() == 0)
+            publish_what_changed(previous, current);
+        if (sleep(1) != 0)
+            continue;
+        const long after = monotonic_seconds();
+        wifi_timer_tick(after);
+        provisioning_timer_tick(after);
+    }
+}
 
 }  // namespace
 
@@ -20,4 +338,17 @@ mqtt_app *get_mqtt_app() {
 }
 tarn_lib *get_network_tarn_handle() {
     return transport.load(std::memory_order_acquire);
+}
+
+void *mqtt_app_main(void * /*unused*/) {
+    mqtt_app_run(get_mqtt_app());
+    return nullptr;
+}
+
+int netwarden_main(int argc, char **argv) {
+    options given;
+    if (const auto exit_code = parse_command_line(argc, argv, given))
+        return *exit_code;
+    start(given);
+    supervise();
 }

@@ -1,0 +1,165 @@
+// The program as a whole: its command line, and a boot on a robot whose tools are fakes. The daemon
+// of the boot is this program run anew with --daemon, its pauses cut to a fiftieth.
+#include "main.h"
+
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+
+#include "robot.h"
+#include "wifi_state.h"
+
+extern "C" unsigned sleep(unsigned seconds) {
+    usleep(seconds * 20'000);
+    return 0;
+}
+
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+int run(std::vector<const char *> arguments) {
+    arguments.insert(arguments.begin(), "netwarden");
+    const int count = static_cast<int>(arguments.size());
+    arguments.push_back(nullptr);
+    return netwarden_main(count, const_cast<char **>(arguments.data()));
+}
+
+class CommandLine : public Robot {};
+
+TEST_F(CommandLine, UsageErrorsEndWith143) {
+    const std::vector<std::vector<const char *>> cases = {
+        {"foo"},        {"--bogus"},       {"--if_sta"},
+        {"--if_uap"},   {"--wipe", ""},    {"--if_sta", "a", "b"},
+        {"-", "-wipe"}, {"--bogus", "-x"},
+    };
+    for (const auto &arguments : cases) {
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(run(arguments), 143);
+        const std::string usage = testing::internal::GetCapturedStderr();
+        EXPECT_THAT(usage, HasSubstr("usage: netwarden args\n -h               - prints"));
+        EXPECT_EQ(std::count(usage.begin(), usage.end(), '\n'), 6);
+    }
+    EXPECT_TRUE(logged("args[1] is --if_sta"));
+    EXPECT_TRUE(logged("args[1] is (null)"));
+}
+
+TEST_F(CommandLine, NamesAreTakenBeforeTheErrorIsSeen) {
+    EXPECT_EQ(run({"--if_sta", "wlan7", "--if_uap", "ap0", "--bogus"}), 143);
+    EXPECT_STREQ(wifi_get_sta_interface(), "wlan7");
+    EXPECT_STREQ(wifi_get_uap_interface(), "ap0");
+    EXPECT_TRUE(logged("Access Point Interface \"ap0\""));
+}
+
+TEST_F(CommandLine, VersionEndsTheRunWithoutWiping) {
+    kvs_set("network.ssid", "41");
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(run({"--wipe", "-v", "foo"}), 0);
+    EXPECT_THAT(testing::internal::GetCapturedStdout(),
+                testing::MatchesRegex("Connectivity Module version: [^\n]*/\n Jenkins Job Number: "
+                                      "[0-9]+\n Branch: .*\n Build Machine: .*\n\n"));
+    EXPECT_EQ(kvs_get("network.ssid"), "41");
+    EXPECT_EQ(run({"-h"}), 0);
+}
+
+class Boot : public Robot {
+  protected:
+    void SetUp() override {
+        fake("ifconfig", "echo wlan0 Link encap:Ethernet HWaddr 02:00:00:00:00:00");
+        for (const char *tool :
+             {"ifup", "ifdown", "wpa_cli", "network_device_interfaces_control.sh"})
+            fake(tool, "exit 0");
+        write_file("/run/ifstate", "");
+        subscriber_ =
+            spawn({"/usr/bin/dash", "-c", "exec mosquitto_sub -v -t '#' >/tmp/broker 2>/dev/null"});
+        ASSERT_TRUE(eventually(
+            [&] { return system("mosquitto_pub -t ready -m 1; grep -q ready /tmp/broker") == 0; }));
+        forget_commands();
+    }
+
+    void TearDown() override {
+        for (const pid_t child : {daemon_, subscriber_})
+            if (child > 0) {
+                kill(child, SIGKILL);
+                waitpid(child, nullptr, 0);
+            }
+    }
+
+    void boot(const std::vector<const char *> &arguments = {}) {
+        std::vector<const char *> all{"/proc/self/exe", "--daemon"};
+        all.insert(all.end(), arguments.begin(), arguments.end());
+        daemon_ = spawn(all);
+    }
+
+    static bool published(const std::string &line) {
+        return eventually(
+            [&] {
+                return ("\n" + read_file("/tmp/broker")).find("\n" + line) != std::string::npos;
+            },
+            std::chrono::seconds(20));
+    }
+
+  private:
+    static pid_t spawn(std::vector<const char *> arguments) {
+        arguments.push_back(nullptr);
+        pid_t child = -1;
+        EXPECT_EQ(posix_spawn(&child, arguments[0], nullptr, nullptr,
+                              const_cast<char *const *>(arguments.data()), environ),
+                  0);
+        return child;
+    }
+
+    Broker broker_;
+    pid_t subscriber_ = -1;
+    pid_t daemon_ = -1;
+};
+
+TEST_F(Boot, WipedRobotComesUpWithoutANetwork) {
+    for (const char *key : {"network.ssid", "network.password", "network.interface2", "robot.name"})
+        kvs_set(key, "41");
+    write_file("/tmp/tidelink_connected", "");
+    boot({"--wipe"});
+    EXPECT_TRUE(published("network/events {\"wifistat\":{\"wifi\":0,\"uap\":false}}\n"));
+    EXPECT_TRUE(published("brisk/robot/events {\"wifistat\":{\"wifi\":0,\"uap\":false}}\n"));
+    EXPECT_TRUE(
+        published("network/events {\"netinfo\":{\"dhcp\":true,\"addr\":\"0.0.0.0\",\"mask\":"));
+    EXPECT_TRUE(published("brisk/network/events {\"event\":\"tidelinkConnected\"}\n"));
+    EXPECT_TRUE(published("brisk/updater/events {\"event\":\"tidelinkConnected\"}\n"));
+    EXPECT_TRUE(published("tarn/10/req/network/"));
+    EXPECT_THAT(read_file("/tmp/broker"), testing::Not(HasSubstr("wlcfg")));
+    EXPECT_TRUE(logged("Wiped network keys"));
+    EXPECT_TRUE(logged("Error publishing sta:0 TARN request."));
+    EXPECT_EQ(kvs_get("network.ssid"), "<none>");
+    EXPECT_EQ(kvs_get("network.password"), "<none>");
+    EXPECT_EQ(kvs_get("network.interface2"), "41");
+    EXPECT_EQ(kvs_get("network.interface"), "wlan0");
+    EXPECT_EQ(kvs_get("robot.name"), "41");
+    EXPECT_THAT(read_file("/etc/wpa_supplicant.conf"), HasSubstr("ctrl_interface_group=apps\n"));
+    EXPECT_THAT(commands(),
+                ElementsAre("ifconfig wlan0 | grep HWaddr", "sudo ifdown wlan1",
+                            "sudo network_device_interfaces_control.sh --interface=softap "
+                            "--action=del",
+                            "sudo ifdown wlan0", "sudo wpa_cli -iwlan0 reconfigure\n",
+                            "sudo /usr/bin/webserver_control.sh stop",
+                            "sudo /usr/bin/webserver_control.sh start"));
+}
+
+TEST_F(Boot, WaitsForItsInterfaceHoweverLong) {
+    fake("ifconfig", "[ -e /tmp/plugged ] && echo HWaddr");
+    boot({"--if_sta", "sta0"});
+    EXPECT_TRUE(eventually([&] { return times_logged("ifconfig cmd returned no output") >= 3; }));
+    EXPECT_EQ(times_logged("SoftAP is down"), 0);
+    write_file("/tmp/plugged", "");
+    EXPECT_TRUE(logged("SoftAP is down"));
+    EXPECT_EQ(kvs_get("network.interface"), "sta0");
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+    if (argc > 1 && std::string(argv[1]) == "--daemon")
+        return netwarden_main(argc - 1, argv + 1);
+    testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
+}
