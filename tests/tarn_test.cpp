@@ -272,6 +272,14 @@ struct Process {
     std::thread thread;
 };
 
+bool round_trip(tarn_lib *lib, const std::string &text, int wait_s) {
+    char reply[32];
+    tarn_req *request = tarn_alloc_req_handle(lib);
+    const int result = tarn_transfer(request, 6, 12, text.c_str(), reply, sizeof reply, wait_s);
+    tarn_free_req_handle(request);
+    return result == 0 && text == reply;
+}
+
 TEST_F(Tarn, SixtyFourTransfersAtOnceOverTheBroker) {
     const Broker broker;
     Process network("network", 6, "tarn/network/#");
@@ -279,17 +287,14 @@ TEST_F(Tarn, SixtyFourTransfersAtOnceOverTheBroker) {
     network.run();
     corehub.run();
     ASSERT_TRUE(eventually([] { return Process::connected == 2; }));
-    // A first round trip: the subscriptions stand.
+    // Its subscription was asked for; once an answer comes it stands.
+    ASSERT_TRUE(eventually([&] { return round_trip(network.lib, "{}", 1); }));
     std::vector<std::thread> threads;
     std::atomic<int> answered{0};
     for (int i = 0; i < 64; i++)
         threads.emplace_back([&, i] {
             const std::string text = "{\"n\":" + std::to_string(i) + "}";
-            char reply[32];
-            tarn_req *request = tarn_alloc_req_handle(network.lib);
-            answered += tarn_transfer(request, 6, 12, text.c_str(), reply, sizeof reply, 20) == 0 &&
-                        text == reply;
-            tarn_free_req_handle(request);
+            answered += round_trip(network.lib, text, 20);
         });
     for (auto &thread : threads)
         thread.join();
