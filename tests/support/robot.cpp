@@ -190,17 +190,10 @@ bool accepts_connections(uint16_t port) {
 }  // namespace
 
 void Broker::start() {
-<<<<<<< Updated upstream
     // In the sandbox's user namespace it cannot become another user.
     std::ofstream(kBrokerConfiguration)
         << "user root\nlistener 1883 127.0.0.1\nallow_anonymous true\n";
     const char *argv[] = {"mosquitto", "-c", kBrokerConfiguration, nullptr};
-=======
-    // As root, which is the only user in the sandbox.
-    std::ofstream("/run/mosquitto.conf")
-        << "listener 1883 127.0.0.1\nallow_anonymous true\nuser root\n";
-    const char *argv[] = {"mosquitto", "-c", "/run/mosquitto.conf", nullptr};
->>>>>>> Stashed changes
     if (posix_spawnp(&pid_, argv[0], nullptr, nullptr, const_cast<char *const *>(argv), environ) !=
         0)
         FAIL() << "no mosquitto in the robot image";
