@@ -27,7 +27,6 @@ start_peers
 
 chapter "The robot boots. It waits five seconds for its other processes, finds the saved network and joins."
 fast_clock 1
-fast_clock 1
 start_daemon
 wait_state 1 90
 expect_message network/events '"addr":"192\.168\.77\.1[0-9][0-9]"' 10
