@@ -160,7 +160,7 @@ TEST_F(WlanMonitor, CommandsThatCannotBeSent) {
     EXPECT_EQ(times_logged("ROAM"), 0);
 }
 
-TEST_F(WlanMonitor, SilentSupplicantTimesOut) {
+TEST_F(WlanMonitor, SilenceEndsByTimeOuts) {
     if (!run_hastened(10))
         GTEST_SKIP() << "real time only";
     connect();
@@ -168,6 +168,11 @@ TEST_F(WlanMonitor, SilentSupplicantTimesOut) {
     EXPECT_EQ(wlan_monitor_ctrl_roam("b", reply_, sizeof reply_), -2);
     EXPECT_TRUE(logged("'PREAUTHENTICATE b' command timed out.\n"));
     EXPECT_EQ(supplicant_->commands().back(), "PREAUTHENTICATE b");
+
+    supplicant_->answer_with([](const auto &) { return Texts{"OK\n"}; });
+    wlan_monitor_signal_deattach();  // and no event that would wake the thread
+    EXPECT_TRUE(eventually([] { return count_client_sockets() == 0; }, std::chrono::seconds(9)));
+    EXPECT_EQ(supplicant_->commands().back(), "DETACH");
 }
 
 TEST_F(WlanMonitor, NothingToConnectTo) {
