@@ -28,7 +28,7 @@ constexpr char kHelp[] =
     R"(usage: peers [--next-cleaning N] [--mode PROCESS=MODE]...
 
 Plays the robot's other processes on the broker (MQTT_APP_BROKER, default 127.0.0.1:1883):
-   9  answers {"get":"nextCleaning"} with {"nextCleaning":N}, N seconds (default 86400)
+   9  answers {"get":"nextCleaning"} with {"nextCleaning":N} (default 86400)
   10  answers {"sta": N} with {"sta": N}
 Each request and event is written to standard output: "PROCESS < TYPE TEXT", answers as
 "PROCESS > TEXT".
