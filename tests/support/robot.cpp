@@ -79,7 +79,7 @@ std::string Robot::log_text() {
 }
 
 bool Robot::logged(const std::string &text) {
-    return eventually([&] { return times_logged(text) > 0; }, std::chrono::seconds(2));
+    return eventually([&] { return times_logged(text) > 0; }, std::chrono::seconds(10));
 }
 
 bool Robot::logged_as(const std::string &level, const std::string &text) {
@@ -90,7 +90,7 @@ bool Robot::logged_as(const std::string &level, const std::string &text) {
                 return line.starts_with("[" + level + "]") && line.find(text) != line.npos;
             });
         },
-        std::chrono::seconds(2));
+        std::chrono::seconds(10));
 }
 
 int Robot::times_logged(const std::string &text) {

@@ -23,7 +23,7 @@ class Robot : public testing::Test {
     // --- the log: every line that reached /dev/log, "<priority>" and time stamp cut --------------
     std::vector<std::string> log_lines();
     std::string log_text();  // all lines, newline-ended
-    // Waits up to two seconds for a line that contains `text`.
+    // Waits up to ten seconds for a line that contains `text`.
     bool logged(const std::string &text);
     bool logged_as(const std::string &level, const std::string &text);  // "ERROR", "DBG", ...
     int times_logged(const std::string &text);
