@@ -238,8 +238,8 @@ int pex_hide_mac_addr(char *text, int octets) {
         if (!is_mac_address(start))
             continue;
         // The sixth pair was not looked at: it is masked only as far as the line goes.
-        const auto width = std::min<ptrdiff_t>(3 * std::clamp(octets, 0, kMacOctets), end - start);
-        for (ptrdiff_t i = 0; i < width; i++)
+        const int width = 3 * std::clamp(octets, 0, kMacOctets);
+        for (int i = 0; i < width && start + i < end; i++)
             if (i % 3 != 2)  // the colons stay
                 start[i] = '*';
         return 1;
