@@ -37,7 +37,7 @@ mark
 home_ap_down
 wait_state 5 60
 sleep 10
-chapter "The access point is back. The robot joins again and has its lease renewed."
+chapter "The access point is back. The robot joins again."
 mark
 home_ap_up
 wait_state 1 90
@@ -50,8 +50,10 @@ fast_clock 8
 home_arp_drop on
 expect_log 'maximum ping loss count, restarting network' 60
 fast_clock 1
+expect_log 'wifi = 11' 60
 mark
 home_arp_drop off
 chapter "The gateway answers again; the restarted network comes up."
 wait_state 1 90
+sleep 2
 tell "   -> connected: $(robot_address). That is the robot's life, day and night."
