@@ -1,6 +1,7 @@
 #include "monitor_main.h"
 
 #include <pthread.h>
+#include <semaphore.h>
 #include <unistd.h>
 
 #include <array>
@@ -10,7 +11,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
-#include <semaphore>
 #include <utility>
 
 #include "log.h"
@@ -39,8 +39,23 @@ std::atomic<int> pending_scan{0};
 bool has_warned_of_connect = false;  // once in the process's life
 
 // Held to open and close the connections, and by the commands in flight together: the first takes
-// it, the last releases it, and these may be different threads.
-std::binary_semaphore connection_lock{1};
+// it, the last releases it, and these may be different threads. A POSIX semaphore: the standard
+// library's of GCC 12 can sleep through a release.
+class Permit {
+  public:
+    Permit() { sem_init(&semaphore_, 0, 1); }
+    Permit(const Permit &) = delete;
+    Permit &operator=(const Permit &) = delete;
+    void acquire() {
+        while (sem_wait(&semaphore_) != 0 && errno == EINTR)
+            ;
+    }
+    void release() { sem_post(&semaphore_); }
+
+  private:
+    sem_t semaphore_;
+};
+Permit connection_lock;
 std::mutex reference_lock;
 unsigned reference_count = 0;
 // One command at a time on the one socket, lest a thread read another's reply.
@@ -336,10 +351,11 @@ void *wlan_monitor_main(void *) {
         LOGE("os_program_init failed");
         return nullptr;
     }
+    // Held but for the wait itself, so that whoever signals finds the thread waiting.
+    const std::lock_guard guard(attach_lock);
     for (;;) {
-        const std::lock_guard guard(attach_lock);
-        // No predicate, on purpose: one signal, one attempt. A signal that comes while nobody waits
-        // is lost, and a spurious wake-up is an attempt that nobody asked for and does no harm.
+        // No predicate, on purpose: one signal, one attempt. A signal before the first wait is
+        // lost, and a spurious wake-up is an attempt that nobody asked for and does no harm.
         pthread_cond_wait(&attach_signal, attach_lock.native_handle());
         set_stop_request(false);
         serve_attach();

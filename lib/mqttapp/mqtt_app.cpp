@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <mosquitto.h>
 #include <poll.h>
+#include <signal.h>
 #include <sys/eventfd.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -216,9 +217,20 @@ void drop_connection(mqtt_app *app, int error) {
         message.mid = 0;
 }
 
+// The client library makes the whole process ignore SIGPIPE, and every program that is started
+// would inherit that: pipelines of shell scripts rely on it. A handler that does nothing ends at
+// exec.
+void catch_sigpipe() {
+    struct sigaction nothing {};
+    nothing.sa_handler = [](int) {};
+    nothing.sa_flags = SA_RESTART;
+    sigaction(SIGPIPE, &nothing, nullptr);
+}
+
 bool open_connection(mqtt_app *app) {
     const std::string id = app->name + "-" + std::to_string(getpid());
     app->client.reset(mosquitto_new(id.c_str(), true, app));
+    catch_sigpipe();
     if (!app->client) {
         drop_connection(app, MOSQ_ERR_NOMEM);
         return false;
