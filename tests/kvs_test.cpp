@@ -9,7 +9,6 @@
 #include <filesystem>
 
 #include "kvs_json.h"
-#include "log.h"
 #include "pex_kvs.h"
 #include "pex_kvs_helper.h"
 #include "robot.h"
@@ -20,17 +19,6 @@ constexpr char kStore[] = "/opt/halvik/persistent/opt/halvik/data/kvs";
 
 class Kvs : public Robot {
   protected:
-    // Runs `action` under a soft limit of the process.
-    static void limited(decltype(RLIMIT_NOFILE) resource, rlim_t limit,
-                        const std::function<void()> &action) {
-        log_format(nullptr, LOG_LEVEL_INFO, "test", 0, "opens the log before the limit");
-        rlimit old{};
-        getrlimit(resource, &old);
-        const rlimit low{limit, old.rlim_max};
-        setrlimit(resource, &low);
-        action();
-        setrlimit(resource, &old);
-    }
     static std::string text_of(const char *key) {
         const MallocText text(pex_kvs_get_key_str_malloc(key));
         return text ? text.get() : "<null>";
@@ -91,12 +79,6 @@ TEST_F(Kvs, BufferBoundsAreKept) {
     EXPECT_EQ(pex_kvs_get_key("network.none", buffer, &length), -1);
     EXPECT_EQ(length, 0U);
     EXPECT_EQ(times_logged("network.none"), 0);
-    length = 9;
-    limited(RLIMIT_NOFILE, 0, [&] {
-        EXPECT_EQ(pex_kvs_get_key("robot.name", buffer, &length), -1);
-        EXPECT_EQ(length, 0U);
-    });
-    EXPECT_TRUE(logged_as("ERROR", "Failed to open file: " + kvs_path("robot.name")));
 }
 
 TEST_F(Kvs, WritingIsAllOrNothing) {
@@ -112,7 +94,13 @@ TEST_F(Kvs, WritingIsAllOrNothing) {
     EXPECT_EQ(pex_kvs_set_key(nullptr, "x", 1), -1);
     EXPECT_EQ(kvs_get("robot.name"), "Rob");
     signal(SIGXFSZ, SIG_IGN);
-    limited(RLIMIT_FSIZE, 4, [] { EXPECT_EQ(pex_kvs_set_key_str("robot.name", "Robert"), -1); });
+    rlimit limit{};
+    getrlimit(RLIMIT_FSIZE, &limit);
+    limit.rlim_cur = 4;
+    setrlimit(RLIMIT_FSIZE, &limit);
+    EXPECT_EQ(pex_kvs_set_key_str("robot.name", "Robert"), -1);
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_FSIZE, &limit);
     EXPECT_TRUE(logged_as("ERROR", "Write failed for " + kvs_path("robot.name")));
     EXPECT_EQ(kvs_get("robot.name"), "<none>");
     EXPECT_EQ(pex_kvs_set_key_str("../beside", "x"), 0);  // callers are trusted with names
@@ -151,7 +139,6 @@ TEST_F(Kvs, RobotIds) {
         {std::string(16, '0'), 1},  // only the long form is looked at
         {std::string(15, '1'), 0},
         {std::string(33, '1'), 0},
-        {"", 0},
         {"0123456789abcdeg", 0},
     };
     for (const auto &[id, valid] : cases)
@@ -165,7 +152,6 @@ TEST_F(Kvs, RobotIds) {
 TEST_F(Kvs, JsonValues) {
     const std::pair<const char *, const char *> integers[] = {
         {"-7\n", "-7"},
-        {"0", "0"},
         {"9223372036854775807", "9223372036854775807"},
         {"9223372036854775808", "null"},
         {"12a", "null"},

@@ -1,7 +1,5 @@
 #include "version.h"
 
-#include <unistd.h>
-
 #include "pex_product_version_string.h"
 #include "robot.h"
 
@@ -40,19 +38,6 @@ TEST_F(Version, ProductVersionIsAskedForUntilKnown) {
     EXPECT_THAT(commands(), testing::Contains("sudo version | grep \"Product Version: \" | "
                                               "sed s/\"^.*: \"//")
                                 .Times(2));
-}
-
-TEST_F(Version, LanguagePacksAndHostName) {
-    fake("get_lang.sh", "[ $1 = -lve ] && printf 'EXTRA_LANGUAGE_VERSION=7\\r\\n'");
-    EXPECT_STREQ(MallocText(pex_get_extra_lang_pack_version_malloc()).get(), "7");
-    EXPECT_TRUE(logged_as("INFO", "Parsed lang version string 7 from popen command"));
-    EXPECT_EQ(pex_get_lang_pack_id_malloc(), nullptr);
-    char name[7] = "######";
-    EXPECT_EQ(pex_get_hostname(name, 6), 0);
-    EXPECT_STREQ(name, "robot");
-    EXPECT_EQ(pex_get_hostname(name, 4), 0);
-    EXPECT_STREQ(name, "rob");
-    EXPECT_EQ(pex_get_hostname(name, 0), -1);
 }
 
 }  // namespace
