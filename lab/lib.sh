@@ -216,9 +216,21 @@ fast_clock() {
 # start_peers ARGUMENT...: the robot's other processes (see lab/peers --help).
 start_peers() {
     background peers /lab/peers "$@"
+    expect "the peers" 5 grep -q connected "$LAB_RESULTS/peers.log"
 }
 
 stop_peers() { end peers; }
+
+# peers_next_cleaning N: from now on the next cleaning is N away.
+peers_next_cleaning() { tell_peers "{\"process\": 9, \"nextCleaning\": $1}"; }
+
+# peer_mode PROCESS normal|silent|late|wrong: how it answers from now on.
+peer_mode() { tell_peers "{\"process\": $1, \"mode\": \"$2\"}"; }
+
+tell_peers() {
+    publish lab/peers "$1"
+    expect "the peers know $1" 5 grep -qF "control $1" "$LAB_RESULTS/peers.log"
+}
 
 # expect_reboot SECONDS: the robot asks for its reboot, which is noted and not performed.
 expect_reboot() { wait_until "$1" test -e $LAB/reboots || fail "no reboot within $1 s; the last log lines were:
