@@ -1,0 +1,38 @@
+# The access point goes away and comes back. Away for a moment: the robot joins again by itself and has its
+# lease renewed by signal. Away for half a minute: the watchdog finds the robot still waiting and restarts
+# the network, and the robot joins when the access point is back.
+# limit: 300 s
+home_up
+save_network
+start_peers
+start_daemon
+wait_state 1 90
+# A ping has just been sent: the watchdog, which restarts the network, is 20 seconds away.
+expect_log 'ready to ping using' 40
+address=$(robot_address)
+
+step "the access point restarts"
+mark
+requests() { grep -c "$1" "$LAB_RESULTS/dhcp.log"; }
+discovered=$(requests DHCPDISCOVER)
+requested=$(requests DHCPREQUEST)
+home_ap_restart
+wait_state 5 30
+wait_state 1 60
+expect_in_order '"wifi":5,' '"wifi":1,'
+renewed() { (($(requests DHCPREQUEST) > requested)); }
+expect "a renewed lease" 10 renewed
+[[ $(requests DHCPDISCOVER) == "$discovered" ]]
+[[ $(robot_address) == "$address" ]]
+
+step "the access point is off for half a minute"
+mark
+home_ap_down
+wait_state 5 30
+expect_log 'wifi is trying to reconnect' 25
+sleep 10
+refute_message network/events '"wifi":1,'
+home_ap_up
+wait_state 1 90
+expect_message network/events "$(netinfo dhcp=true sec=4)" 10
+refute_log 'failed to connect to wpa_supplicant'

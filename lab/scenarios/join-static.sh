@@ -1,0 +1,13 @@
+# A home without DHCP: the saved configuration is an address of its own, with two name servers.
+home_ap_up
+save_network
+kvs_set network.addr_type 0
+kvs_set network.ip_config 'sudo provision --clmode static --clipaddr 192.168.77.20 --clnetmask 255.255.255.0 --clgw 192.168.77.1 --cldnsns1 192.168.77.1  --cldnsns2 9.9.9.9 
+'
+start_peers
+start_daemon
+wait_state 1 90
+[[ $(robot_address) == 192.168.77.20 ]]
+refute "a DHCP client runs" pgrep udhcpc
+expect_message network/events "$(netinfo dhcp=false sec=4 addr=192.168.77.20 dns2=9.9.9.9)" 5
+expect_message network/events "^\{\"wlcfg\":\{\"sec\":4,\"ssid\":\"$(hex "$HOME_SSID")\",\"addr\":\"192.168.77.20\",\"mask\":\"255.255.255.0\",\"gw\":\"192.168.77.1\",\"dns1\":\"192.168.77.1\",\"dns2\":\"9.9.9.9\"\}\}$" 5

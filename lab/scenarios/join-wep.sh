@@ -1,0 +1,12 @@
+# An old home with WEP, a five-letter key: the robot writes it as hexadecimal digits, and logs it nowhere.
+HOME_KEY=q7Xz4
+home_up security=wep
+save_network
+start_peers
+start_daemon
+wait_state 1 90
+[[ $(station_status pairwise_cipher) == WEP-40 ]]
+expect_message network/events "$(netinfo dhcp=true sec=2)" 5
+expect_log 'WEP-40 network block generated' 1
+refute_text "$HOME_KEY"
+refute_text "$(hex "$HOME_KEY")"
