@@ -205,10 +205,14 @@ void Broker::start() {
     }
 }
 
+void Broker::freeze() {
+    kill(pid_, SIGSTOP);
+}
+
 void Broker::stop() {
     if (pid_ <= 0)
         return;
-    kill(pid_, SIGTERM);
+    kill(pid_, SIGKILL);
     waitpid(pid_, nullptr, 0);
     pid_ = -1;
 }

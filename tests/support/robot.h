@@ -70,7 +70,8 @@ class Broker {
     ~Broker() { stop(); }
     Broker(const Broker &) = delete;
     Broker &operator=(const Broker &) = delete;
-    void start();  // returns when it accepts connections
+    void start();   // returns when it accepts connections
+    void freeze();  // accepts connections still, and says nothing more
     void stop();
 
   private:
