@@ -1,10 +1,10 @@
-// The robot's persistent settings: one file per dotted key. No lock is taken and no key is checked
-// for "/": callers name keys of their own. Any thread.
+// The robot's persistent settings: one file per dotted key. No lock is taken. Any thread.
 #pragma once
 
 #include <cstddef>
 
-// The path of a key's file, freed by the caller; null on failure.
+// The path of a key's file, freed by the caller. Null on failure, also for a key that is empty,
+// "." or "..", or holds a "/": it would lie outside the store.
 char *create_fname_malloc(const char *key);
 
 // Writes a whole file in place, mode 0660, and syncs it. 0 or -1; an empty value is refused.

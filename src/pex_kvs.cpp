@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <string_view>
 #include <utility>
 
 #include "log.h"
@@ -30,6 +31,11 @@ struct DirectoryCloser {
     void operator()(DIR *directory) const { closedir(directory); }
 };
 using Directory = std::unique_ptr<DIR, DirectoryCloser>;
+
+// What names a file of the store itself, and nothing above or below it.
+bool is_key(std::string_view key) {
+    return !key.empty() && key != "." && key != ".." && key.find('/') == key.npos;
+}
 
 int fail_read(size_t *length) {
     *length = 0;
@@ -56,6 +62,10 @@ bool make_directory(const char *path) {
 char *create_fname_malloc(const char *key) {
     if (key == nullptr)
         return nullptr;
+    if (!is_key(key)) {
+        LOGE("\"%s\" is not a KVS key", key);
+        return nullptr;
+    }
     const size_t size = strlen(key) + sizeof kDirectory + 1;  // the slash
     MallocText path(static_cast<char *>(malloc(size)));
     if (!path) {
