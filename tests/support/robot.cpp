@@ -11,34 +11,27 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 
 namespace {
 
-constexpr char kStore[] = "/opt/halvik/persistent/opt/halvik/data/kvs/";
 constexpr char kCommands[] = "/run/fakes/commands";
 [[maybe_unused]] constexpr char kFakeTime[] = "/usr/$LIB/faketime/libfaketimeMT.so.1";
-constexpr char kLogSocket[] = "/dev/log";
 constexpr char kBrokerConfiguration[] = "/tmp/mosquitto.conf";
 
-// "<29>Nov 22 10:00:00 network[12]: text" without what the time and the process put in front.
-std::string strip_syslog_prefix(const std::string &datagram) {
-    const auto start = datagram.find(": ");
-    return start == std::string::npos ? datagram : datagram.substr(start + 2);
+bool accepts_connections(uint16_t port) {
+    const Fd probe(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const sockaddr_in address{AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
+    return connect(probe.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
 }
 
 }  // namespace
 
-Robot::Robot() {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    strcpy(address.sun_path, kLogSocket);
-    unlink(kLogSocket);
-    log_socket_ = Fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    if (bind(log_socket_.get(), reinterpret_cast<sockaddr *>(&address), sizeof address) != 0)
+Robot::Robot() : log_socket_(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+    const sockaddr_un address{AF_UNIX, "/dev/log"};
+    unlink(address.sun_path);
+    if (bind(log_socket_.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0)
         ADD_FAILURE() << "cannot listen on /dev/log: run through tests/sandbox";
     reader_ = std::thread([this] { read_log(); });
     fake("sudo", "exec \"$@\"");
@@ -58,45 +51,31 @@ void Robot::read_log() {
         const ssize_t length = recv(log_socket_.get(), datagram, sizeof datagram, 0);
         if (length <= 0)
             continue;
-        std::string line(datagram, static_cast<size_t>(length));
-        while (!line.empty() && line.back() == '\0')
-            line.pop_back();
+        // "<29>Nov 22 10:00:00 network[12]: text" without what stands in front.
+        const std::string line(datagram, static_cast<size_t>(length));
+        const auto start = line.find(": ");
         const std::lock_guard guard(lock_);
-        lines_.push_back(strip_syslog_prefix(line));
+        lines_.push_back(start == line.npos ? line : line.substr(start + 2));
     }
 }
 
-std::vector<std::string> Robot::log_lines() {
-    const std::lock_guard guard(lock_);
-    return lines_;
-}
-
 std::string Robot::log_text() {
+    const std::lock_guard guard(lock_);
     std::string text;
-    for (const auto &line : log_lines())
+    for (const auto &line : lines_)
         text += line + "\n";
     return text;
 }
 
-bool Robot::logged(const std::string &text) {
-    return eventually([&] { return times_logged(text) > 0; }, std::chrono::seconds(10));
-}
-
 bool Robot::logged_as(const std::string &level, const std::string &text) {
-    return eventually(
-        [&] {
-            const auto lines = log_lines();
-            return std::any_of(lines.begin(), lines.end(), [&](const auto &line) {
-                return line.starts_with("[" + level + "]") && line.find(text) != line.npos;
-            });
-        },
-        std::chrono::seconds(10));
+    return eventually([&] { return count_lines(level, text) > 0; }, std::chrono::seconds(10));
 }
 
-int Robot::times_logged(const std::string &text) {
+int Robot::count_lines(const std::string &level, const std::string &text) {
     const std::lock_guard guard(lock_);
     return static_cast<int>(std::count_if(lines_.begin(), lines_.end(), [&](const auto &line) {
-        return line.find(text) != std::string::npos;
+        return line.find(text) != line.npos &&
+               (level.empty() || line.starts_with("[" + level + "]"));
     }));
 }
 
@@ -105,16 +84,6 @@ void Robot::forget_log() {
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     const std::lock_guard guard(lock_);
     lines_.clear();
-}
-
-std::string Robot::kvs_path(const std::string &key) {
-    return kStore + key;
-}
-void Robot::kvs_set(const std::string &key, const std::string &value) {
-    write_file(kvs_path(key), value);
-}
-std::string Robot::kvs_get(const std::string &key) {
-    return read_file(kvs_path(key));
 }
 
 void Robot::fake(const std::string &tool, const std::string &script) {
@@ -142,11 +111,7 @@ void Robot::write_file(const std::string &path, const std::string &content, int 
 
 std::string Robot::read_file(const std::string &path) {
     std::ifstream stream(path, std::ios::binary);
-    if (!stream)
-        return "<none>";
-    std::ostringstream content;
-    content << stream.rdbuf();
-    return content.str();
+    return stream ? std::string(std::istreambuf_iterator(stream), {}) : "<none>";
 }
 
 bool Robot::eventually(const std::function<bool()> &condition, std::chrono::milliseconds limit) {
@@ -157,6 +122,17 @@ bool Robot::eventually(const std::function<bool()> &condition, std::chrono::mill
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     return true;
+}
+
+void Robot::give_address() {
+    kvs_set("network.interface", "wlan0");
+    fake("arping",
+         "[ -e /tmp/answers ] && echo 'Unicast reply from 192.0.2.1 [02:00:00:00:00:01]'");
+    ASSERT_EQ(system("ip link add wlan0 type veth peer name gw0 && ip link set gw0 up && "
+                     "ip link set wlan0 up && ip addr add 192.0.2.2/24 dev wlan0 && "
+                     "ip route add default via 192.0.2.1"),
+              0);
+    forget_commands();
 }
 
 bool Robot::run_hastened(int factor) {
@@ -176,33 +152,15 @@ bool Robot::run_hastened(int factor) {
 #endif
 }
 
-namespace {
-
-bool accepts_connections(uint16_t port) {
-    const Fd probe(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return connect(probe.get(), reinterpret_cast<sockaddr *>(&address), sizeof address) == 0;
-}
-
-}  // namespace
-
 void Broker::start() {
     // In the sandbox's user namespace it cannot become another user.
     std::ofstream(kBrokerConfiguration)
         << "user root\nlistener 1883 127.0.0.1\nallow_anonymous true\n";
     const char *argv[] = {"mosquitto", "-c", kBrokerConfiguration, nullptr};
-    if (posix_spawnp(&pid_, argv[0], nullptr, nullptr, const_cast<char *const *>(argv), environ) !=
-        0)
-        FAIL() << "no mosquitto in the robot image";
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (!accepts_connections(1883)) {
-        if (std::chrono::steady_clock::now() > end)
-            FAIL() << "mosquitto does not accept connections";
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
+    posix_spawnp(&pid_, argv[0], nullptr, nullptr, const_cast<char *const *>(argv), environ);
+    EXPECT_TRUE(
+        Robot::eventually([] { return accepts_connections(1883); }, std::chrono::seconds(10)))
+        << "the robot image's mosquitto does not accept connections";
 }
 
 void Broker::freeze() {

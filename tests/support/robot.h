@@ -16,23 +16,32 @@
 #include "owned.h"
 
 class Robot : public testing::Test {
+  public:
+    // Waits up to `limit` for the condition; its last value.
+    static bool eventually(const std::function<bool()> &condition,
+                           std::chrono::milliseconds limit = std::chrono::seconds(5));
+
   protected:
     Robot();
     ~Robot() override;
 
     // --- the log: every line that reached /dev/log, "<priority>" and time stamp cut --------------
-    std::vector<std::string> log_lines();
     std::string log_text();  // all lines, newline-ended
-    // Waits up to ten seconds for a line that contains `text`.
-    bool logged(const std::string &text);
-    bool logged_as(const std::string &level, const std::string &text);  // "ERROR", "DBG", ...
-    int times_logged(const std::string &text);
+    // Waits up to ten seconds for a line that contains `text`, of that level ("ERROR", "DBG", ...).
+    bool logged(const std::string &text) { return logged_as("", text); }
+    bool logged_as(const std::string &level, const std::string &text);
+    int times_logged(const std::string &text) { return count_lines("", text); }
     void forget_log();
 
     // --- the settings store ----------------------------------------------------------------------
-    static void kvs_set(const std::string &key, const std::string &value);
-    static std::string kvs_get(const std::string &key);  // as stored; "<none>" when missing
-    static std::string kvs_path(const std::string &key);
+    static std::string kvs_path(const std::string &key) {
+        return "/opt/halvik/persistent/opt/halvik/data/kvs/" + key;
+    }
+    static void kvs_set(const std::string &key, const std::string &value) {
+        write_file(kvs_path(key), value);
+    }
+    // As stored; "<none>" when missing.
+    static std::string kvs_get(const std::string &key) { return read_file(kvs_path(key)); }
 
     // --- tools -----------------------------------------------------------------------------------
     // Puts a shell script named `tool` first in PATH. "sudo" is there from the start and runs what
@@ -45,9 +54,8 @@ class Robot : public testing::Test {
     static void write_file(const std::string &path, const std::string &content, int mode = 0644);
     static std::string read_file(const std::string &path);  // "<none>" when missing
 
-    // Waits up to `limit` for the condition; its last value.
-    static bool eventually(const std::function<bool()> &condition,
-                           std::chrono::milliseconds limit = std::chrono::seconds(5));
+    // "wlan0" gets an address and a gateway that answers arping while /tmp/answers exists.
+    static void give_address();
 
     // First in a test that waits long: runs it again in a process whose sleeps, time-outs and
     // clocks go `factor` times faster. False under a sanitizer, which cannot: the test then skips.
@@ -55,6 +63,7 @@ class Robot : public testing::Test {
 
   private:
     void read_log();
+    int count_lines(const std::string &level, const std::string &text);
 
     Fd log_socket_;
     std::mutex lock_;
@@ -68,8 +77,6 @@ class Broker {
   public:
     Broker() { start(); }
     ~Broker() { stop(); }
-    Broker(const Broker &) = delete;
-    Broker &operator=(const Broker &) = delete;
     void start();   // returns when it accepts connections
     void freeze();  // accepts connections still, and says nothing more
     void stop();

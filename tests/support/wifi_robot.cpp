@@ -13,9 +13,8 @@ extern "C" unsigned sleep(unsigned seconds) {
     return 0;
 }
 
-static size_t open_descriptors() {
-    const std::filesystem::directory_iterator open("/proc/self/fd");
-    return static_cast<size_t>(std::distance(begin(open), end(open)));
+static long open_descriptors() {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
 }
 
 void WifiRobot::SetUp() {
@@ -29,15 +28,4 @@ void WifiRobot::SetUp() {
 void WifiRobot::TearDown() {
     EXPECT_LE(open_descriptors(), descriptors_) << "a descriptor leaked";
     EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a child was left";
-}
-
-void WifiRobot::give_address() {
-    kvs_set("network.interface", "wlan0");
-    fake("arping",
-         "[ -e /tmp/answers ] && echo 'Unicast reply from 192.0.2.1 [02:00:00:00:00:01]'");
-    ASSERT_EQ(system("ip link add wlan0 type veth peer name gw0 && ip link set gw0 up && "
-                     "ip link set wlan0 up && ip addr add 192.0.2.2/24 dev wlan0 && "
-                     "ip route add default via 192.0.2.1"),
-              0);
-    forget_commands();
 }

@@ -12,9 +12,6 @@ class WifiRobot : public Robot {
     void SetUp() override;
     void TearDown() override;
 
-    // "wlan0" gets an address and a gateway that answers arping while /tmp/answers exists.
-    static void give_address();
-
   private:
-    size_t descriptors_ = 0;
+    long descriptors_ = 0;
 };
