@@ -4,70 +4,43 @@ set -euo pipefail
 
 usage() {
     cat <<'USAGE'
-usage: tests/board_test.sh [--image DIR] [--busybox]
+usage: tests/board_test.sh [--image DIR]
 
-Installs board/ into a copy of the robot image and runs tests/board/ in it: argument tables
-of the scripts, and ifup, DHCP, renewal and the soft AP on virtual Ethernet pairs. TAP on standard
-output; exit 0 when all pass, 1 when one fails, 77 when this user may not make the namespaces.
-
-  --image DIR   root of the robot image (default: build/image/rootfs)
-  --busybox     let busybox stand in for the shell and the tools of the image, as on a small robot
+Installs board/ into a copy of the robot image (default: build/image/rootfs) and runs tests/board/
+in it: argument tables, and ifup, DHCP and renewal on a virtual Ethernet pair. Busybox stands in for
+shell and tools, as on a small robot; the lab runs the scripts with the full ones, and the soft AP.
+TAP on standard output; exit 0 when all pass, 77 when this user may not make the namespaces.
 USAGE
 }
 
 here=$(cd "$(dirname "$0")/.." && pwd)
 image=$here/build/image/rootfs
-busybox=no
-while [ $# -gt 0 ]; do
-    case $1 in
-    --image)
-        image=${2:?--image needs a folder}
-        shift
-        ;;
-    --busybox) busybox=yes ;;
-    -h | --help)
-        usage
-        exit 0
-        ;;
-    *)
-        usage >&2
-        exit 64
-        ;;
-    esac
-    shift
-done
-[ -x "$image/usr/bin/busybox" ] || {
-    echo "board_test: no robot image at $image: run scripts/setup" >&2
-    exit 1
-}
+case ${1-} in
+--image) image=${2:?--image needs a folder} ;;
+-h | --help) usage; exit 0 ;;
+?*) usage >&2; exit 64 ;;
+esac
+[ -x "$image/usr/bin/busybox" ] || { echo "board_test: no robot image at $image: run scripts/setup" >&2; exit 1; }
 
 # Virtual interfaces, control sockets of a group and a second network need the rights of root.
 if [ "$(id -u)" -ne 0 ]; then
-    if unshare --map-root-user --map-auto true 2>/dev/null; then
-        again=("$0" --image "$image")
-        [ "$busybox" = no ] || again+=(--busybox)
-        exec unshare --map-root-user --map-auto "${again[@]}"
-    fi
+    ! unshare --map-root-user --map-auto true 2>/dev/null ||
+        exec unshare --map-root-user --map-auto "$0" --image "$image"
     echo "1..0 # SKIP needs root, or a user with subordinate ids"
     exit 77
 fi
 
 work=$(mktemp -d "${TMPDIR:-/tmp}/board_test.XXXXXX")
 trap 'rm -rf "$work"' EXIT
-
-# Of /usr a copy made of hard links where the file system allows: nothing writes to it in place, for
-# it is mounted read-only; the rest is small and copied.
+# /usr is hard links where the file system allows (it is mounted read-only); the rest is small.
 root=$work/root
 mkdir "$root"
-cp -al "$image/usr" "$root/usr" 2>/dev/null || {
-    rm -rf "${root:?}/usr"
-    cp -a "$image/usr" "$root/usr"
-}
-cp -a "$image/etc" "$image/opt" "$root/"
+cp -al "$image/usr" "$root/" 2>/dev/null || { rm -rf "${root:?}/usr" && cp -a "$image/usr" "$root/"; }
+cp -a "$image"/{etc,opt} "$root/"
 for link in bin sbin lib lib64; do
     [ ! -L "$image/$link" ] || cp -a "$image/$link" "$root/$link"
 done
-mkdir -p "$root"/{dev,proc,run,tmp,var/lib/misc,persist,root,test}
+mkdir -p "$root"/{dev,proc,run,tmp,var/lib/misc,var/log,persist,root,test}
 ln -s /run "$root/var/run"
 : >"$root/etc/resolv.conf"
 "$here/board/install.sh" "$root"
@@ -75,14 +48,12 @@ ln -s /run "$root/var/run"
 mounts=(--bind "$root" / --ro-bind "$root/usr" /usr --ro-bind "$here/tests/board" /test
     --ro-bind "$root/usr/bin/ip" /full-ip
     --tmpfs /usr/local --proc /proc --dev /dev --tmpfs /run --perms 1777 --tmpfs /tmp)
-if [ "$busybox" = yes ]; then
-    # A multi-call binary is what it is called: mounted over a tool, it is that tool.
-    for tool in dash ip sed grep sort tail head cat tr od cut sync mktemp timeout readlink \
-        setsid awk mawk ps dmesg cmp dirname sleep date chmod mv cp rm ln id uname; do
-        [ ! -f "$root/usr/bin/$tool" ] || [ -L "$root/usr/bin/$tool" ] ||
-            mounts+=(--ro-bind "$root/usr/bin/busybox" "/usr/bin/$tool")
-    done
-fi
+# A multi-call binary is what it is called: mounted over a tool, it is that tool.
+for tool in dash ip sed grep sort tail head cat tr od cut sync mktemp timeout readlink \
+    setsid awk mawk ps dmesg cmp dirname sleep date chmod mv cp rm ln id uname; do
+    [ ! -f "$root/usr/bin/$tool" ] || [ -L "$root/usr/bin/$tool" ] ||
+        mounts+=(--ro-bind "$root/usr/bin/busybox" "/usr/bin/$tool")
+done
 bwrap "${mounts[@]}" --unshare-net --unshare-pid --unshare-ipc --unshare-uts --cap-add ALL \
     --die-with-parent --chdir / --clearenv --setenv PATH /usr/sbin:/usr/bin:/sbin:/bin \
     /bin/bash /test/cases.sh

@@ -1,68 +1,45 @@
 #!/bin/bash
 # The cases of tests/board_test.sh; runs as root inside the sandbox that it makes.
 set -u
-
 count=0
 failures=0
+state=/etc/netwarden-board/state
 
-# check NAME COMMAND...: the command must succeed.
+# check CASE...: each is a function in which no command may fail; its trace is shown when one does.
 check() {
-    local name=$1 output
-    shift
-    count=$((count + 1))
-    if output=$("$@" 2>&1); then
-        echo "ok $count - $name"
-        return
-    fi
-    failures=$((failures + 1))
-    echo "not ok $count - $name"
-    output=$(tail -n 60 <<<"${output:-no output}")
-    echo "#   ${output//$'\n'/$'\n'#   }"
+    local case result
+    for case; do
+        count=$((count + 1))
+        (BASH_XTRACEFD=9; set -ex; "$case") >/tmp/trace 2>&1 9>&1
+        result=$?
+        failures=$((failures + (result != 0)))
+        [ $result -eq 0 ] || { sed 's/^/#   /' /tmp/trace && echo -n 'not '; }
+        echo "ok $count - ${case//_/ }"
+    done
 }
 
 # until_true SECONDS COMMAND...
 until_true() {
     local deadline=$((SECONDS + $1))
-    shift
-    until "$@"; do
-        if [ $SECONDS -ge $deadline ]; then
-            echo "still false: $*"
-            return 1
-        fi
+    until "${@:2}"; do
+        [ $SECONDS -lt $deadline ] || return
         sleep 0.1
     done
 }
 
-equal() {
-    [ "$1" = "$2" ] || {
-        printf 'expected: %s\nseen:     %s\n' "$1" "$2"
-        return 1
-    }
-}
+gone() { [ ! -e "$1" ]; }
 
-# exits CODE COMMAND...: its output is shown when the code differs.
+# exits CODE COMMAND...
 exits() {
-    local want=$1 output
-    shift
-    output=$("$@" 2>&1)
-    local seen=$?
-    [ "$seen" -eq "$want" ] || {
-        echo "exit $seen instead of $want: $*"
-        echo "$output"
-        return 1
-    }
+    local seen=0
+    "${@:2}" || seen=$?
+    [ $seen -eq "$1" ]
 }
 
-# shellcheck disable=SC2034
-state=/etc/netwarden-board/state
-
-# shellcheck source=provision.sh
-. /test/provision.sh
-# shellcheck source=network.sh
+# shellcheck source=tests/board/network.sh
 . /test/network.sh
-# shellcheck source=tools.sh
+# shellcheck source=tests/board/tools.sh
 . /test/tools.sh
 
 echo "1..$count"
-echo "# $((count - failures)) passed, $failures failed"
 [ "$failures" -eq 0 ]
