@@ -1,6 +1,6 @@
 #include "gateway_pinger.h"
 
-#include <semaphore>
+#include <semaphore.h>
 
 #include "pthread_utils.h"
 #include "robot.h"
@@ -9,16 +9,15 @@
 namespace {
 
 constexpr unsigned kCycleS = 20;
-std::counting_semaphore<> cycles_allowed{0};
-std::counting_semaphore<> cycles_ended{0};
+sem_t cycles_allowed, cycles_ended;  // GCC 12's std::counting_semaphore may miss a release
 
 }  // namespace
 
 // The clock of this program: the watchdog's pause ends when the test says so, others at once.
 extern "C" unsigned sleep(unsigned seconds) {
     if (seconds == kCycleS) {
-        cycles_ended.release();
-        cycles_allowed.acquire();
+        sem_post(&cycles_ended);
+        sem_wait(&cycles_allowed);
     }
     return 0;
 }
@@ -27,54 +26,38 @@ namespace {
 
 class GatewayWatchdog : public Robot {
   protected:
-    void start() {
+    static void start() {
+        sem_init(&cycles_allowed, 0, 0);
+        sem_init(&cycles_ended, 0, 0);
+        fake("ifdown", "exit 0");
+        fake("ifup", "exit 1");
         wifi_init_netinfo();
         ASSERT_EQ(pthread_create_detached_thread(nullptr, pinger_main, nullptr, "pinger_main"), 0);
-        cycles_ended.acquire();
+        sem_wait(&cycles_ended);
     }
 
-    // The log of one whole cycle.
-    std::string cycle() {
+    // Whether the log of the next cycle has this text.
+    bool cycle_logs(const std::string &text) {
         forget_log();
-        cycles_allowed.release();
-        cycles_ended.acquire();
+        sem_post(&cycles_allowed);
+        sem_wait(&cycles_ended);
         std::this_thread::sleep_for(std::chrono::milliseconds(60));
-        return log_text();
-    }
-
-    static void get_an_address() {
-        kvs_set("network.interface", "wlan0");
-        ASSERT_EQ(system("ip link add wlan0 type veth peer name gw0 && ip link set gw0 up && "
-                         "ip link set wlan0 up && ip addr add 192.0.2.2/24 dev wlan0 && "
-                         "ip route add default via 192.0.2.1"),
-                  0);
-        netinfo info;
-        ASSERT_EQ(wifi_read_netinfo(&info), 27);
-        forget_commands();
-    }
-
-    static bool restarted() {
-        const auto run = commands();
-        return std::find(run.begin(), run.end(), "sudo ifdown wlan0") != run.end();
+        return times_logged(text) > 0;
     }
 };
 
 TEST_F(GatewayWatchdog, RestartsOnceThenWaitsForTheMission) {
     kvs_set("network.watchdog_interval_min", "3");
     kvs_set("network.last_prov_status", "1");
-    fake("ifdown", "exit 0");
-    fake("ifup", "exit 1");
     start();
     EXPECT_TRUE(logged("wifi watchdog timer interval, 3 minutes"));
     wifi_state_set_wifi(WIFI_NETWORK_DOWN);
     for (int count = 1; count <= 6; count++) {
-        const std::string log = cycle();
-        SCOPED_TRACE(log);
-        EXPECT_NE(log.find("no address count, " + std::to_string(count)), std::string::npos);
-        EXPECT_EQ(log.find("restarting network") != std::string::npos, count == 3);
+        EXPECT_TRUE(cycle_logs("no address count, " + std::to_string(count))) << log_text();
+        EXPECT_EQ(times_logged("restarting network") > 0, count == 3) << log_text();
         // Nobody answers when the next cleaning is: that forbids the reboot.
-        EXPECT_EQ(log.find("Waiting to reboot...") != std::string::npos, count >= 5);
-        EXPECT_EQ(log.find("No connectivity, rebooting"), std::string::npos);
+        EXPECT_EQ(times_logged("Waiting to reboot...") > 0, count >= 5) << log_text();
+        EXPECT_EQ(times_logged("No connectivity, rebooting"), 0);
     }
 }
 
@@ -82,54 +65,46 @@ TEST_F(GatewayWatchdog, LeavesAnUnprovisionedRobotAlone) {
     kvs_set("network.watchdog_interval_min", "1");
     start();
     wifi_state_set_wifi(WIFI_NETWORK_DOWN);
-    EXPECT_EQ(cycle().find("no address count"), std::string::npos);
+    EXPECT_FALSE(cycle_logs("no address count"));
     kvs_set("network.last_prov_status", "1");
     wifi_state_set_wifi(WIFI_OFF);
-    EXPECT_EQ(cycle().find("no address count"), std::string::npos);
+    EXPECT_FALSE(cycle_logs("no address count"));
     wifi_state_set_wifi(WIFI_CONNECTING);  // pinged anyway, but there is nobody to ping
-    EXPECT_NE(cycle().find("no gateway to ping"), std::string::npos);
+    EXPECT_TRUE(cycle_logs("no gateway to ping"));
     EXPECT_TRUE(commands().empty());
 }
 
 TEST_F(GatewayWatchdog, RestartsAfterThreeSilentPingsInARow) {
-    fake(
-        "arping",
-        "if [ -e /tmp/answers ]; then echo 'Unicast reply from 192.0.2.1 [02:00:00:00:00:01]'; fi");
-    fake("ifdown", "exit 0");
     start();
-    get_an_address();
+    give_address();
+    netinfo info;
+    ASSERT_EQ(wifi_read_netinfo(&info), 27);
     wifi_state_set_wifi(WIFI_CONNECTED);
-    EXPECT_NE(cycle().find("ready to ping using sudo arping -Iwlan0 -c1 192.0.2.1 -w 2 "),
-              std::string::npos);
+    EXPECT_TRUE(cycle_logs("ready to ping using sudo arping -Iwlan0 -c1 192.0.2.1 -w 2 "));
     // Every second ping answered: never a restart.
     for (int i = 0; i < 3; i++) {
         write_file("/tmp/answers", "");
-        EXPECT_EQ(cycle().find("loss counter"), std::string::npos);
+        EXPECT_FALSE(cycle_logs("loss counter"));
         unlink("/tmp/answers");
-        EXPECT_NE(cycle().find("no ping recv, loss counter = 1"), std::string::npos);
+        EXPECT_TRUE(cycle_logs("no ping recv, loss counter = 1"));
     }
-    EXPECT_FALSE(restarted());
-    cycle();
-    EXPECT_NE(cycle().find("maximum ping loss count, restarting network"), std::string::npos);
-    EXPECT_TRUE(restarted());
+    EXPECT_THAT(commands(), testing::Not(testing::Contains("sudo ifdown wlan0")));
+    cycle_logs("");
+    EXPECT_TRUE(cycle_logs("maximum ping loss count, restarting network"));
+    EXPECT_THAT(commands(), testing::Contains("sudo ifdown wlan0"));
 }
 
 TEST_F(GatewayWatchdog, OnlyABracketedAddressIsAReply) {
-    struct {
-        const char *output;
-        int answered;
-    } const cases[] = {
-        {"Unicast reply from 192.0.2.1 [02:00:00:00:00:01]  1.5ms", 1},
-        {"ARPING 192.0.2.1\nUnicast reply from 192.0.2.1 [02:00:00:00:00:01]", 1},
+    const std::pair<const char *, int> cases[] = {
+        {"ARPING 192.0.2.1\nUnicast reply from 192.0.2.1 [02:00:00:00:00:01]  1.5ms", 1},
         {"Unicast reply from 192.0.2.1", 0},
         {"Broadcast reply from 192.0.2.1 [02:00:00:00:00:01]", 0},
         {"", 0},
     };
-    for (const auto &row : cases) {
-        write_file("/tmp/output", row.output);
-        EXPECT_EQ(gateway_pinger_arping_once("cat /tmp/output"), row.answered) << row.output;
+    for (const auto &[output, answered] : cases) {
+        write_file("/tmp/output", output);
+        EXPECT_EQ(gateway_pinger_arping_once("cat /tmp/output"), answered) << output;
     }
-    EXPECT_EQ(gateway_pinger_arping_once("no-such-tool 2>/dev/null"), 0);
     forget_commands();
     EXPECT_EQ(gateway_pinger_arping_once(nullptr), 0);  // no gateway: nothing is run
     EXPECT_TRUE(commands().empty());
