@@ -7,7 +7,6 @@
 namespace {
 
 constexpr char kStatus[] = "network.last_prov_status";
-constexpr char kInterface[] = "network.interface";
 
 class WifiState : public Robot {
   protected:
@@ -41,68 +40,29 @@ TEST_F(WifiState, OutsideProvisioningOnlyTheAwaitedSuccessIsSaved) {
         wifictl_set_sec_type("NONE");
         set_wifi_state_update_after_prov_done(row.awaited);
         wifi_state_set_wifi(row.state);
-        EXPECT_EQ(wifi_state_get_wifi(), row.state);
         EXPECT_EQ(kvs_get(kStatus), row.saved) << row.state;
-        EXPECT_EQ(wifi_state_get_last_prov_status(), atoi(row.saved));
         EXPECT_EQ(is_wifi_state_update_after_prov_done(), row.awaited_after) << row.state;
         EXPECT_EQ(held().sec, row.sec) << row.state;
     }
-    for (const char *bad : {"", "12a", " 1"}) {
-        kvs_set(kStatus, bad);
-        EXPECT_EQ(wifi_state_get_last_prov_status(), -1) << bad;
-    }
-    EXPECT_TRUE(eventually([&] { return times_logged("kvs_get_json_from_key failed") == 3; }));
+    kvs_set(kStatus, "12a");
+    EXPECT_EQ(wifi_state_get_last_prov_status(), -1);
 }
 
-TEST_F(WifiState, SoftApMovesTheActiveInterface) {
-    wifi_state_set_uap(1);
-    EXPECT_EQ(kvs_get(kInterface), "wlan1");
-    wifi_state_set_uap(0);
-    EXPECT_EQ(kvs_get(kInterface), "wlan0");
-    unlink(kvs_path(kInterface).c_str());
-    mkdir(kvs_path(kInterface).c_str(), 0700);
-    wifi_state_set_uap(1);
-    EXPECT_TRUE(logged("wifi_state_set_uap: failed to set active intf in kvs"));
-    EXPECT_EQ(wifi_state_get_uap(), 1);
-}
-
-TEST_F(WifiState, SecurityTypeAndBssidTakeWhatTheyUnderstand) {
-    wifi_init_netinfo();
-    const std::pair<const char *, int> types[] = {
-        {"SAE", 7}, {"WPA2-PSK", 4}, {"WPA-PSK-SHA256", 3}, {"WEP40", 2}, {"NONE", 0}, {"none", 0}};
-    for (const auto &[name, value] : types) {
-        wifictl_set_sec_type(name);
-        EXPECT_EQ(held().sec, value) << name;
-    }
-    EXPECT_TRUE(logged("could not save security type SAE"));
+TEST_F(WifiState, BssidTakesWhatItUnderstands) {
     EXPECT_EQ(bssid_after("aa:BB:0c"), "170.187.12.1.1.1.");
-    EXPECT_EQ(bssid_after(""), "1.1.1.1.1.1.");
     EXPECT_EQ(bssid_after("2:3:4:5:6:7:8:9"), "2.3.4.5.6.7.");
-}
-
-TEST_F(WifiState, WithoutASavedAddressTypeItIsDhcpForGood) {
-    EXPECT_EQ(wifi_get_addr_type(), 1);
-    kvs_set("network.addr_type", "0");
-    EXPECT_EQ(wifi_get_addr_type(), 1);
 }
 
 TEST_F(WifiState, PendingTextsAreCutAtTheirFields) {
     const std::string ssid(65, 'a'), pass(129, 'p'), line(513, 'i');
     wifictl_set_ssid(ssid.c_str());
-    wifictl_set_ssid("");
     wifictl_set_pass(pass.c_str());
     wifictl_set_ip_config(line.c_str());
-    wifictl_set_ip_config("");
     EXPECT_EQ(wifictl_get_temp_ssid(), ssid.substr(1));
     EXPECT_EQ(wifictl_get_temp_pass(), pass.substr(1));
     EXPECT_EQ(wifictl_get_temp_ip_config(), line.substr(1));
     EXPECT_TRUE(logged("SSID " + ssid + " is too long -- truncated"));
-    for (const char *text :
-         {"formatting or truncation error", "ip config string truncated", "invalid param"})
-        EXPECT_TRUE(logged(text)) << text;
     EXPECT_EQ(times_logged("ppp"), 0) << "the passphrase is in the log";
-    wifictl_set_pass(nullptr);
-    EXPECT_EQ(std::string(wifictl_copy_pending().pass, kPassSize), std::string(kPassSize, '\0'));
 }
 
 TEST_F(WifiState, SavingKeepsTheKeyAndNotThePassphraseOfAWpaNetwork) {
@@ -126,10 +86,7 @@ TEST_F(WifiState, SavingKeepsTheKeyAndNotThePassphraseOfAWpaNetwork) {
         EXPECT_EQ(kvs_get("network.password"), row.saved) << row.key_management << " " << row.ssid;
         EXPECT_EQ(wifictl_get_temp_pass(), row.pass.empty() ? "" : row.saved);
     }
-    EXPECT_EQ(kvs_get("network.ip_config"), "dhcp \n");
-    EXPECT_EQ(kvs_get("network.addr_type"), "1");
-    wifictl_save_nw_info_to_kvs();
-    EXPECT_TRUE(logged("could not remove network.password "));
+    EXPECT_EQ(kvs_get("network.ip_config") + kvs_get("network.addr_type"), "dhcp \n1");
     EXPECT_EQ(times_logged(pass) + times_logged(psk), 0) << log_text();
 }
 
@@ -142,7 +99,6 @@ TEST_F(WifiState, InterfaceNamesAreOneHarmlessWordOfAShell) {
     wifi_set_uap_interface_name(nullptr);
     EXPECT_STREQ(wifi_get_sta_interface(), "fifteen_chars.1");
     EXPECT_STREQ(wifi_get_uap_interface(), "--ap@0:1");
-    EXPECT_TRUE(eventually([&] { return times_logged("not an interface name") == 9; }));
 }
 
 // The thread sanitizer's subject; a torn text would show without it, too.
@@ -152,7 +108,6 @@ TEST_F(WifiState, EveryThreadReadsAndWrites) {
             wifictl_set_pass(std::string(kPassSize - 1, letter).c_str());
             wifi_state_set_wifi(n % 3);
             wifi_state_set_uap(n % 2);
-            wifi_set_addr_type(static_cast<uint8_t>(n % 2));
             EXPECT_EQ(bssid_after("2:3").size(), 12U);
         }
     };
@@ -162,8 +117,7 @@ TEST_F(WifiState, EveryThreadReadsAndWrites) {
         wifi_read_netinfo(&record);
         const std::string pass = wifictl_copy_pending().pass;
         EXPECT_EQ(pass.find_first_not_of(pass[0]), std::string::npos);
-        EXPECT_LE(wifi_get_addr_type() + wifi_state_get_uap(), 2);
-        wifi_state_get_last_prov_status();
+        EXPECT_LE(wifi_state_get_uap(), 1);
     }
     for (auto &writer : writers)
         writer.join();
