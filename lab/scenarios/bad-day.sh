@@ -1,0 +1,66 @@
+# Whatever the daemon leans on breaks while it is connected: the supplicant, the radio, the system's scripts.
+# It finds its way back each time, and leaves no child, descriptor or thread behind.
+# limit: 600 s
+home_up
+save_network
+kvs_set network.watchdog_interval_min 3
+start_peers
+peers_next_cleaning 0   # never far enough away for a reboot
+fast_clock 1
+start_daemon
+wait_state 1 120
+expect_log 'ready to ping using' 40
+fast_clock 4
+
+count() { find "/proc/$(daemon_pid)/$1" -mindepth 1 -maxdepth 1 | wc -l; }
+# Ended children of the daemon that it did not collect.
+zombies() { grep -lE "^[0-9]+ \(.*\) Z $(daemon_pid) " /proc/[0-9]*/stat; }
+held=$(count fd) threads=$(count task)
+is_tidy() { (($(count fd) <= held && $(count task) == threads)) && ! zombies; }
+
+# The network is restarted (what was published before was the old one going down) and comes up.
+expect_recovery() {
+    expect_log 'wifi = 11' 60
+    mark
+    wait_state 1 120
+    expect_message network/events "$(netinfo dhcp=true sec=4)" 10
+    expect "no descriptor, thread or ended child more than before" 30 is_tidy
+    refute_reboot
+}
+
+supplicant_pid() { cat /run/netwarden-board/wpa_supplicant.wlan0.pid; }
+
+step "the supplicant is ended"
+mark
+kill "$(supplicant_pid)"
+wait_state 5 30
+expect_recovery
+
+step "the supplicant is killed"
+mark
+kill -9 "$(supplicant_pid)"
+expect_recovery
+
+step "the radio is unplugged, and back"
+mark
+phy=phy#$(cat /sys/class/net/wlan0/phy80211/index)
+iw "$phy" set netns name phone
+expect_log 'no address count, 2' 60
+phone iw "$phy" set netns $$
+expect_log 'restarting network' 30
+expect_recovery
+
+step "the station cannot be started, and then only slowly"
+station=/usr/lib/netwarden-board/station
+mv $station $station.good
+printf '#!/bin/sh\n[ "$1" = up ] || exec %s.good "$@"\nhead -c 5000 /dev/urandom\nexit 3\n' $station >$station
+chmod 755 $station
+mark
+home_arp_drop on
+expect_log 'maximum ping loss count, restarting network' 60
+expect_log 'failed to start station interface' 30
+home_arp_drop off
+mark
+printf '#!/bin/sh\nsleep 10\nexec %s.good "$@"\n' $station >$station
+expect_log 'no address count, 3' 60
+expect_recovery
