@@ -1,3 +1,5 @@
+#include <fcntl.h>
+
 #include <cerrno>
 #include <cstdlib>
 
@@ -105,6 +107,22 @@ TEST_F(MqttApp, RefusesWhatIsNoBrokerTopicOrMessage) {
     EXPECT_EQ(mqtt_app_publish(app, "t", -1, "x"), EINVAL);
     for (int i = 0; i < 5; i++)
         EXPECT_EQ(publish("large", std::string(1 << 20, 'x')), i < 4 ? 0 : ENOBUFS);
+}
+
+TEST_F(MqttApp, LeavesNoDescriptorToStartedPrograms) {
+    const auto inherited = [] {
+        int count = 0;
+        for (int fd = 3; fd < 256; fd++)
+            count += fcntl(fd, F_GETFD) == 0;
+        return count;
+    };
+    const int before = inherited();
+    const Broker broker;
+    setenv("MQTT_APP_BROKER", "unix:/tmp/broker.sock", 1);
+    run();
+    publish_numbers(0, 1);
+    receives_expected(1);
+    EXPECT_EQ(inherited(), before);
 }
 
 TEST_F(MqttApp, EndsInEveryState) {

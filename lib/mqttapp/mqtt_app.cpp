@@ -3,11 +3,13 @@
 // kept here, whatever the client library had in flight when the connection broke.
 #include "mqttapp/mqtt_app.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <mosquitto.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/eventfd.h>
+#include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -53,6 +55,11 @@ struct ClientDeleter {
     void operator()(mosquitto *client) const { mosquitto_destroy(client); }
 };
 using Client = std::unique_ptr<mosquitto, ClientDeleter>;
+
+struct DirectoryCloser {
+    void operator()(DIR *directory) const { closedir(directory); }
+};
+using Directory = std::unique_ptr<DIR, DirectoryCloser>;
 
 struct endpoint {
     std::string host;  // the path of a socket when the port is 0
@@ -227,6 +234,25 @@ void catch_sigpipe() {
     sigaction(SIGPIPE, &nothing, nullptr);
 }
 
+// One of a pair of sockets that both belong to this process.
+bool is_own_pair(int fd) {
+    ucred peer{};
+    socklen_t size = sizeof peer;
+    return getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 && peer.pid == getpid();
+}
+
+// Programs that the process starts must not hold a dead connection open. The client library also
+// makes a pair of sockets for each connection and tells nobody their numbers.
+void close_on_exec(mosquitto *client) {
+    fcntl(mosquitto_socket(client), F_SETFD, FD_CLOEXEC);
+    const Directory open(opendir("/proc/self/fd"));
+    while (const dirent *entry = open ? readdir(open.get()) : nullptr) {
+        const int fd = atoi(entry->d_name);
+        if (fd > STDERR_FILENO && is_own_pair(fd))
+            fcntl(fd, F_SETFD, FD_CLOEXEC);
+    }
+}
+
 bool open_connection(mqtt_app *app) {
     const std::string id = app->name + "-" + std::to_string(getpid());
     app->client.reset(mosquitto_new(id.c_str(), true, app));
@@ -247,8 +273,7 @@ bool open_connection(mqtt_app *app) {
         drop_connection(app, error);
         return false;
     }
-    // The commands that the process starts must not keep a dead connection open.
-    fcntl(mosquitto_socket(client), F_SETFD, FD_CLOEXEC);
+    close_on_exec(client);
     return true;
 }
 

@@ -72,7 +72,7 @@ class Robot : public testing::Test {
     std::thread reader_;
 };
 
-// A broker of the robot's own on 127.0.0.1:1883, the real one, ended with the object.
+// The real broker on 127.0.0.1:1883 and /tmp/broker.sock, ended with the object.
 class Broker {
   public:
     Broker() { start(); }
