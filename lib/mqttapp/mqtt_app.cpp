@@ -88,6 +88,7 @@ struct mqtt_app {
     Client client;
     link_state link = link_state::down;
     bool reported_down = false;
+    bool has_acknowledged = false;  // the broker, something on this connection
 
     std::atomic<bool> stop{false};
 
@@ -183,6 +184,7 @@ void on_subscribe(mosquitto * /*client*/, void * /*context*/, int /*mid*/, int c
 // Acknowledged: out of the queue. The broker acknowledges in order, all but always the first.
 void on_publish(mosquitto * /*client*/, void *context, int mid) {
     auto *app = static_cast<mqtt_app *>(context);
+    app->has_acknowledged = true;
     const std::lock_guard guard(app->lock);
     auto &queue = app->queue;
     const auto acknowledged = std::find_if(
@@ -267,6 +269,7 @@ bool open_connection(mqtt_app *app) {
     mosquitto_publish_callback_set(client, on_publish);
     mosquitto_message_callback_set(client, on_message);
     app->link = link_state::connecting;
+    app->has_acknowledged = false;
     const int error =
         mosquitto_connect_async(client, app->broker.host.c_str(), app->broker.port, kKeepAliveS);
     if (error != MOSQ_ERR_SUCCESS) {
@@ -339,8 +342,10 @@ void back_off(mqtt_app *app, seconds delay) {
     }
 }
 
-// Serves one connection until it breaks. True when the broker had accepted it.
-bool serve_connection(mqtt_app *app) {
+// Serves one connection until it breaks. True when it was good for something: a broker that lets
+// us in and throws us out at once, over a message it cannot bear, is left alone longer each time.
+bool serve_connection(mqtt_app *app, seconds long_enough) {
+    const auto start = Clock::now();
     if (!open_connection(app))
         return false;
     int error = MOSQ_ERR_SUCCESS;
@@ -351,7 +356,7 @@ bool serve_connection(mqtt_app *app) {
         drop_connection(app, error);
     else
         mosquitto_disconnect(app->client.get());
-    return was_up;
+    return was_up && (app->has_acknowledged || Clock::now() - start > long_enough);
 }
 
 bool begin_run(mqtt_app *app) {
@@ -435,7 +440,7 @@ int mqtt_app_run(mqtt_app *app) {
         return -1;
     seconds delay = kFirstRetry;
     while (!app->stop) {
-        if (serve_connection(app))
+        if (serve_connection(app, delay))
             delay = kFirstRetry;
         if (!app->stop)
             back_off(app, delay);
