@@ -70,6 +70,8 @@ struct outgoing {
     std::string topic;
     std::string payload;
     int mid = 0;  // in this connection; 0 when not handed to the client yet
+
+    size_t size() const { return topic.size() + payload.size(); }
 };
 
 enum class link_state : uint8_t { down, connecting, up };
@@ -191,7 +193,7 @@ void on_publish(mosquitto * /*client*/, void *context, int mid) {
         queue.begin(), queue.end(), [mid](const outgoing &message) { return message.mid == mid; });
     if (acknowledged == queue.end())
         return;
-    app->queued_bytes -= acknowledged->payload.size();
+    app->queued_bytes -= acknowledged->size();
     queue.erase(acknowledged);
 }
 
@@ -454,12 +456,13 @@ int mqtt_app_run(mqtt_app *app) {
 int mqtt_app_publish(mqtt_app *app, const char *topic, int length, const char *payload) {
     if (app == nullptr || !is_publishable(topic, length, payload))
         return EINVAL;
-    const auto size = static_cast<size_t>(length);
+    const size_t size = strlen(topic) + static_cast<size_t>(length);
     {
         const std::lock_guard guard(app->lock);
         if (app->queue.size() >= kQueueMessages || size > kQueueBytes - app->queued_bytes)
             return ENOBUFS;
-        app->queue.push_back({topic, std::string(length != 0 ? payload : "", size), 0});
+        app->queue.push_back(
+            {topic, std::string(length != 0 ? payload : "", static_cast<size_t>(length)), 0});
         app->queued_bytes += size;
     }
     wake(app);
