@@ -133,7 +133,15 @@ TEST_F(MqttApp, EndsInEveryState) {
     Broker broker;
     run();
     receives_expected(1);
-    exit();
+    {  // the daemon parks after a fatal error while its other threads go on
+        std::vector<std::jthread> publishers;
+        for (int i = 0; i < 4; i++)
+            publishers.emplace_back([ending = app] {
+                while (mqtt_app_publish(ending, "t", 1, "x") != EINVAL) {
+                }
+            });
+        exit();
+    }
     run(mqtt_app_exit);
     thread.join();
     broker.freeze();  // connected, never let in

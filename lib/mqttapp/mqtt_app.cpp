@@ -79,7 +79,17 @@ enum class link_state : uint8_t { down, connecting, up };
 }  // namespace
 
 struct mqtt_app {
+    mqtt_app() { mosquitto_lib_init(); }
+    mqtt_app(const mqtt_app &) = delete;
+    mqtt_app &operator=(const mqtt_app &) = delete;
+    ~mqtt_app() {
+        if (wake_fd >= 0)
+            close(wake_fd);
+        mosquitto_lib_cleanup();
+    }
+
     std::string name;
+    std::string broker_text;  // as it was given
     endpoint broker;
     std::vector<std::string> topics;
     mqtt_app_message_cb on_message = nullptr;
@@ -99,17 +109,46 @@ struct mqtt_app {
     std::deque<outgoing> queue;
     size_t queued_bytes = 0;
     bool running = false;
-    bool exit_by_callback = false;
     std::thread::id runner;
 };
 
 namespace {
 
-void release(mqtt_app *app) {
-    app->client.reset();
-    close(app->wake_fd);
-    mosquitto_lib_cleanup();
-    delete app;
+// --- the open handles ----------------------------------------------------------------------------
+
+using Handle = std::shared_ptr<mqtt_app>;
+
+// A thread that took a handle just before another one ended it finds it missing here instead of
+// using freed memory.
+struct open_handles {
+    std::mutex lock;  // leaf
+    std::vector<Handle> all;
+};
+
+open_handles &handles() {
+    static auto *const open = new open_handles;  // detached threads outlive static storage
+    return *open;
+}
+
+Handle find(const mqtt_app *app) {
+    auto &open = handles();
+    const std::lock_guard guard(open.lock);
+    const auto found = std::find_if(open.all.begin(), open.all.end(),
+                                    [app](const Handle &each) { return each.get() == app; });
+    return found == open.all.end() ? nullptr : *found;
+}
+
+void add(const Handle &app) {
+    auto &open = handles();
+    const std::lock_guard guard(open.lock);
+    open.all.push_back(app);
+}
+
+// False when another thread was faster.
+bool remove(const Handle &app) {
+    auto &open = handles();
+    const std::lock_guard guard(open.lock);
+    return std::erase(open.all, app) != 0;
 }
 
 void wake(const mqtt_app *app) {
@@ -153,8 +192,9 @@ bool parse_broker(std::string_view text, endpoint &to) {
                                    : parse_host_and_port(text, to);
 }
 
-// --- what the client library reports, on the thread of mqtt_app_run
-// -------------------------------
+// --- what the client library reports ------------------------------------------------------------
+
+// All on the thread of mqtt_app_run.
 
 void subscribe(mqtt_app *app) {
     for (const std::string &topic : app->topics)
@@ -218,8 +258,8 @@ void on_message(mosquitto * /*client*/, void *context, const mosquitto_message *
 // Says once that the broker is away, not at every attempt of a long night.
 void drop_connection(mqtt_app *app, int error) {
     if (!app->reported_down)
-        LOGW("no connection to the broker %s:%d: %s", app->broker.host.c_str(), app->broker.port,
-             error == MOSQ_ERR_ERRNO ? strerror(errno) : mosquitto_strerror(error));
+        LOGW("no connection to the broker %s: %s", app->broker_text.c_str(),
+             mosquitto_strerror(error));
     app->reported_down = true;
     app->link = link_state::down;
     app->client.reset();
@@ -371,15 +411,11 @@ bool begin_run(mqtt_app *app) {
 }
 
 void end_run(mqtt_app *app) {
-    bool release_here;
-    {
-        const std::lock_guard guard(app->lock);
-        app->running = false;
-        release_here = app->exit_by_callback;
-        app->ended.notify_all();  // under the lock: the waiter frees
-    }
-    if (release_here)
-        release(app);
+    app->client.reset();
+    const std::lock_guard guard(app->lock);
+    app->running = false;
+    app->runner = {};
+    app->ended.notify_all();
 }
 
 bool is_publishable(const char *topic, int length, const char *payload) {
@@ -394,17 +430,15 @@ bool is_publishable(const char *topic, int length, const char *payload) {
 mqtt_app *mqtt_app_create(const char *client_name) {
     if (client_name == nullptr || *client_name == '\0')
         return nullptr;
-    auto *app = new (std::nothrow) mqtt_app;
-    if (app == nullptr)
+    const Handle app(new (std::nothrow) mqtt_app);
+    if (!app)
         return nullptr;
     app->name = client_name;
     app->wake_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (app->wake_fd < 0) {
-        delete app;
+    if (app->wake_fd < 0)
         return nullptr;
-    }
-    mosquitto_lib_init();
-    return app;
+    add(app);
+    return app.get();
 }
 
 int mqtt_app_init(mqtt_app *app, const char *const *topics, mqtt_app_message_cb on_message) {
@@ -425,6 +459,7 @@ int mqtt_app_init(mqtt_app *app, const char *const *topics, mqtt_app_message_cb 
         }
         filters.emplace_back(*topics);
     }
+    app->broker_text = broker;
     app->topics = std::move(filters);
     app->on_message = on_message;
     return 0;
@@ -437,24 +472,24 @@ int mqtt_app_register_on_connect_cb(mqtt_app *app, mqtt_app_connect_cb on_connec
     return 0;
 }
 
-int mqtt_app_run(mqtt_app *app) {
-    if (app == nullptr || !begin_run(app))
+int mqtt_app_run(mqtt_app *handle) {
+    const Handle app = find(handle);
+    if (!app || !begin_run(app.get()))
         return -1;
     seconds delay = kFirstRetry;
     while (!app->stop) {
-        if (serve_connection(app, delay))
+        if (serve_connection(app.get(), delay))
             delay = kFirstRetry;
-        if (!app->stop)
-            back_off(app, delay);
+        back_off(app.get(), delay);
         delay = std::min(delay * 2, kLastRetry);
     }
-    app->client.reset();
-    end_run(app);
+    end_run(app.get());
     return 0;
 }
 
-int mqtt_app_publish(mqtt_app *app, const char *topic, int length, const char *payload) {
-    if (app == nullptr || !is_publishable(topic, length, payload))
+int mqtt_app_publish(mqtt_app *handle, const char *topic, int length, const char *payload) {
+    const Handle app = find(handle);
+    if (!app || !is_publishable(topic, length, payload))
         return EINVAL;
     const size_t size = strlen(topic) + static_cast<size_t>(length);
     {
@@ -465,22 +500,17 @@ int mqtt_app_publish(mqtt_app *app, const char *topic, int length, const char *p
             {topic, std::string(length != 0 ? payload : "", static_cast<size_t>(length)), 0});
         app->queued_bytes += size;
     }
-    wake(app);
+    wake(app.get());
     return 0;
 }
 
-void mqtt_app_exit(mqtt_app *app) {
-    if (app == nullptr)
+void mqtt_app_exit(mqtt_app *handle) {
+    const Handle app = find(handle);
+    if (!app || !remove(app))
         return;
     app->stop = true;
-    wake(app);
-    {
-        std::unique_lock guard(app->lock);
-        if (app->running && app->runner == std::this_thread::get_id()) {
-            app->exit_by_callback = true;
-            return;
-        }
-        app->ended.wait(guard, [app] { return !app->running; });
-    }
-    release(app);
+    wake(app.get());
+    std::unique_lock guard(app->lock);
+    if (app->runner != std::this_thread::get_id())
+        app->ended.wait(guard, [&] { return !app->running; });
 }

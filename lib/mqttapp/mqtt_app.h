@@ -34,12 +34,13 @@ int mqtt_app_register_on_connect_cb(mqtt_app *app, mqtt_app_connect_cb on_connec
 // after mqtt_app_exit only, or at once -1 when `app` was not initialised or runs already.
 int mqtt_app_run(mqtt_app *app);
 
-// Queues `length` bytes for the broker and returns: 0, EINVAL for what cannot be published, or
-// ENOBUFS when 256 messages (or 4 MiB) wait for the broker's acknowledgement already. What was
-// not acknowledged is sent again, in order, on the next connection. Any thread.
+// Queues `length` bytes for the broker and returns: 0, EINVAL for a handle that has ended or what
+// cannot be published, or ENOBUFS when 256 messages (or 4 MiB) wait for the broker's
+// acknowledgement already. What was not acknowledged is sent again, in order, on the next
+// connection. Any thread.
 int mqtt_app_publish(mqtt_app *app, const char *topic, int length, const char *payload);
 
-// Ends mqtt_app_run, waits for it and frees; what is still queued is dropped. Null is ignored. Any
-// thread; from a callback the memory lives until mqtt_app_run returns. No other call on `app` may
-// begin from here on.
+// Ends mqtt_app_run, waits for it (not when called from a callback) and frees; what is still queued
+// is dropped. Null and a handle that has ended are ignored, and the other calls refuse the latter,
+// so that threads may go on with theirs. Any thread.
 void mqtt_app_exit(mqtt_app *app);
