@@ -1,6 +1,9 @@
 #include "tarn/tarn.h"
 
+#include <cstring>
+
 #include "log.h"
+#include "mqttapp/mqtt_app.h"
 #include "robot.h"
 
 namespace {
@@ -95,13 +98,28 @@ TEST_F(Tarn, ResponsesToManyThreads) {
     EXPECT_EQ(answer(64, 1, 20), 64);
 }
 
-TEST_F(Tarn, ExitEndsTransfersOfOtherThreads) {
-    std::vector<std::jthread> askers;
+// The daemon parks after a fatal error while its other threads go on.
+TEST_F(Tarn, ExitEndsWhatOtherThreadsDo) {
+    constexpr char kRequest[] = "tarn/network/req/10/7";
+    std::vector<std::jthread> threads;
     for (int i = 0; i < 8; i++)
-        askers.emplace_back([&] { EXPECT_EQ(transfer("hello", 3600), "none"); });
+        threads.emplace_back([&] { EXPECT_EQ(transfer("hello", 3600), "none"); });
     for (int i = 0; i < 8; i++)
         EXPECT_NE(next_id(), "");
-    tarn_lib_exit(std::exchange(lib, nullptr));
+    for (int i = 0; i < 4; i++)
+        threads.emplace_back([&] {
+            while (tarn_send_resp(lib, kRequest, "r") == 0) {
+            }
+        });
+    EXPECT_TRUE(eventually([&] { return !take_sent().empty(); }));
+    tarn_lib_exit(lib);
+    while (!take_sent().empty()) {
+    }
+    threads.clear();
+    EXPECT_EQ(take_sent(), "") << "the callback is used after the end";
+    int type = 0;
+    EXPECT_NE(get_tarn_message_type(lib, kRequest, &type), 0);
+    EXPECT_EQ(tarn_alloc_req_handle(lib), nullptr);
 }
 
 TEST_F(Tarn, TopicsAreOursOnlyInTheirExactShape) {
@@ -139,6 +157,40 @@ TEST_F(Tarn, LogLevelByRequest) {
     EXPECT_TRUE(logged("after dbg"));
     EXPECT_EQ(times_logged("after debug"), 0);
     log_close(log);
+}
+
+// Two processes on one connection: `network` asks, `peer` answers with the request's own text.
+tarn_lib *network, *peer;
+
+void on_message(mqtt_app *, const mqtt_app_message *message) {
+    if (auto *request = tarn_get_req_handle_using_topic(network, message->topic))
+        tarn_complete_transfer(request, message->payload);
+    else
+        EXPECT_EQ(tarn_send_resp(peer, message->topic, message->payload), 0) << message->topic;
+}
+
+int publish(void *app, const char *topic, const char *text) {
+    return mqtt_app_publish(static_cast<mqtt_app *>(app), topic, static_cast<int>(strlen(text)),
+                            text);
+}
+
+TEST_F(Tarn, SixtyFourTransfersAtOnceOverTheBroker) {
+    const Broker broker;
+    const char *const topics[] = {"tarn/#", nullptr};
+    mqtt_app *app = mqtt_app_create("both");
+    ASSERT_EQ(mqtt_app_init(app, topics, on_message), 0);
+    tarn_lib_exit(lib);
+    network = lib = tarn_lib_init(publish, app, nullptr);
+    peer = tarn_lib_init(publish, app, nullptr);
+    tarn_lib_set_process(peer, 10);
+    std::jthread server(mqtt_app_run, app);
+    std::vector<std::jthread> askers;
+    for (int i = 0; i < 64; i++)
+        askers.emplace_back(
+            [this, text = std::to_string(i)] { EXPECT_EQ(transfer(text, 20), text); });
+    askers.clear();
+    mqtt_app_exit(app);
+    tarn_lib_exit(peer);
 }
 
 }  // namespace

@@ -17,6 +17,7 @@
 #include <new>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "log.h"
 
@@ -112,6 +113,32 @@ struct tarn_req {
 
 namespace {
 
+// --- the open handles ----------------------------------------------------------------------------
+
+using State = std::shared_ptr<shared_state>;
+
+// A thread that took a handle just before another one ended it finds it missing here instead of
+// using freed memory.
+struct open_libs {
+    std::mutex lock;  // leaf
+    std::vector<std::unique_ptr<tarn_lib>> all;
+};
+
+open_libs &libs() {
+    static auto *const open = new open_libs;  // detached threads outlive static storage
+    return *open;
+}
+
+// Null when the library has ended.
+State state_of(const tarn_lib *lib) {
+    auto &open = libs();
+    const std::lock_guard guard(open.lock);
+    for (const auto &each : open.all)
+        if (each.get() == lib)
+            return lib->state;
+    return nullptr;
+}
+
 // --- topics --------------------------------------------------------------------------------------
 
 struct address {
@@ -192,8 +219,8 @@ std::string topic_of(const address &of) {
     return topic;
 }
 
-bool is_for_us(const tarn_lib *lib, const char *topic, address &to) {
-    return lib != nullptr && parse_topic(topic, to) && to.receiver == lib->state->process;
+bool is_for_us(const State &state, const char *topic, address &to) {
+    return state && parse_topic(topic, to) && to.receiver == state->process;
 }
 
 // Never the same twice in this process, and seldom one that an earlier process of our name used:
@@ -219,32 +246,41 @@ bool send_text(const shared_state &state, const address &to, const char *text) {
     return false;
 }
 
-// A thread that uses the callback of a library that others may end meanwhile.
+// A thread that uses the callback of a library that others may end meanwhile; false when they
+// have.
 class Caller {
   public:
     explicit Caller(shared_state &state) : state_(state) {
         const std::lock_guard guard(state_.lock);
-        state_.callers++;
+        is_in_ = !state_.closed;
+        if (is_in_)
+            state_.callers++;
     }
     Caller(const Caller &) = delete;
     Caller &operator=(const Caller &) = delete;
     ~Caller() {
+        if (!is_in_)
+            return;
         const std::lock_guard guard(state_.lock);
         if (--state_.callers == 0)
             state_.callers_gone.notify_all();
     }
+    explicit operator bool() const { return is_in_; }
 
   private:
     shared_state &state_;
+    bool is_in_ = false;
 };
 
 // Answers the message on `topic` of type `received` with one of type `answer`.
 int answer_topic(const tarn_lib *lib, const char *topic, tarn_message_type received,
                  tarn_message_type answer, const char *text) {
+    const State state = state_of(lib);
     address from{};
-    if (text == nullptr || !is_for_us(lib, topic, from) || from.type != received)
+    if (text == nullptr || !is_for_us(state, topic, from) || from.type != received)
         return -1;
-    return send_text(*lib->state, {from.peer, answer, from.receiver, from.id}, text) ? 0 : -1;
+    const Caller caller(*state);
+    return caller && send_text(*state, {from.peer, answer, from.receiver, from.id}, text) ? 0 : -1;
 }
 
 // --- transfers -----------------------------------------------------------------------------------
@@ -286,42 +322,48 @@ bool may_send(const tarn_req *request, int source, int destination, const char *
 tarn_lib *tarn_lib_init(tarn_send_cb send, void *fn_data, log_handle *log) {
     if (send == nullptr)
         return nullptr;
-    auto *lib = new (std::nothrow) tarn_lib;
-    if (lib == nullptr)
+    std::unique_ptr<tarn_lib> lib(new (std::nothrow) tarn_lib);
+    if (!lib)
         return nullptr;
     lib->state = std::make_shared<shared_state>();
     lib->state->send = send;
     lib->state->fn_data = fn_data;
     lib->state->log = log;
-    return lib;
+    auto &open = libs();
+    const std::lock_guard guard(open.lock);
+    return open.all.emplace_back(std::move(lib)).get();
 }
 
 void tarn_lib_set_process(tarn_lib *lib, int process) {
-    lib->state->process = process;
+    if (const State state = state_of(lib))
+        state->process = process;
 }
 
 void tarn_lib_exit(tarn_lib *lib) {
-    if (lib == nullptr)
+    const State state = state_of(lib);
+    if (!state)
         return;
     {
-        shared_state &state = *lib->state;
-        std::unique_lock guard(state.lock);
-        state.closed = true;
-        for (auto &[id, request] : state.pending)
-            request->answered.notify_all();
-        while (state.callers != 0)
-            state.callers_gone.wait(guard);
+        auto &open = libs();
+        const std::lock_guard guard(open.lock);
+        std::erase_if(open.all, [lib](const auto &each) { return each.get() == lib; });
     }
-    delete lib;
+    std::unique_lock guard(state->lock);
+    state->closed = true;
+    for (auto &[id, request] : state->pending)
+        request->answered.notify_all();
+    while (state->callers != 0)
+        state->callers_gone.wait(guard);
 }
 
 tarn_req *tarn_alloc_req_handle(tarn_lib *lib) {
-    if (lib == nullptr)
+    State state = state_of(lib);
+    if (!state)
         return nullptr;
     auto *request = new (std::nothrow) tarn_req;
     if (request == nullptr)
         return nullptr;
-    request->state = lib->state;
+    request->state = std::move(state);
     request->owner.reset(request);
     return request;
 }
@@ -329,7 +371,7 @@ tarn_req *tarn_alloc_req_handle(tarn_lib *lib) {
 void tarn_free_req_handle(tarn_req *request) {
     if (request == nullptr)
         return;
-    const std::shared_ptr<shared_state> state = request->state;
+    const State state = request->state;
     std::shared_ptr<tarn_req> last;
     const std::lock_guard guard(state->lock);
     last.swap(request->owner);
@@ -340,6 +382,8 @@ int tarn_transfer(tarn_req *request, int source, int destination, const char *te
     if (!may_send(request, source, destination, text) || response == nullptr || response_size == 0)
         return -1;
     const Caller caller(*request->state);
+    if (!caller)
+        return -1;
     const timespec end = seconds_from_now(wait_s);
     const uint64_t id = next_id();
     if (!start_waiting(request, id, destination, response, response_size))
@@ -355,30 +399,25 @@ int tarn_event_transfer(tarn_req *request, int source, int destination, const ch
         return -1;
     shared_state &state = *request->state;
     const Caller caller(state);
-    {
-        const std::lock_guard guard(state.lock);
-        if (state.closed)
-            return -1;
-    }
-    return send_text(state, {destination, TARN_EVENT, source, next_id()}, text) ? 0 : -1;
+    return caller && send_text(state, {destination, TARN_EVENT, source, next_id()}, text) ? 0 : -1;
 }
 
 int get_tarn_message_type(tarn_lib *lib, const char *topic, int *type) {
     address from{};
-    if (!is_for_us(lib, topic, from))
+    if (!is_for_us(state_of(lib), topic, from))
         return -1;
     *type = from.type;
     return 0;
 }
 
 tarn_req *tarn_get_req_handle_using_topic(tarn_lib *lib, const char *topic) {
+    const State state = state_of(lib);
     address from{};
-    if (!is_for_us(lib, topic, from) || from.type != TARN_RESPONSE)
+    if (!is_for_us(state, topic, from) || from.type != TARN_RESPONSE)
         return nullptr;
-    shared_state &state = *lib->state;
-    const std::lock_guard guard(state.lock);
-    const auto found = state.pending.find(from.id);
-    if (found == state.pending.end() || found->second->destination != from.peer ||
+    const std::lock_guard guard(state->lock);
+    const auto found = state->pending.find(from.id);
+    if (found == state->pending.end() || found->second->destination != from.peer ||
         found->second->delivery || found->second->done)
         return nullptr;
     tarn_req *const request = found->second.get();
@@ -390,7 +429,7 @@ tarn_req *tarn_get_req_handle_using_topic(tarn_lib *lib, const char *topic) {
 int tarn_complete_transfer(tarn_req *request, const char *payload) {
     if (request == nullptr || payload == nullptr)
         return -1;
-    const std::shared_ptr<shared_state> state = request->state;
+    const State state = request->state;
     std::shared_ptr<tarn_req> last;
     const std::lock_guard guard(state->lock);
     last.swap(request->delivery);

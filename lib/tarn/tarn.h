@@ -36,8 +36,9 @@ tarn_lib *tarn_lib_init(tarn_send_cb send, void *fn_data, log_handle *log);
 // Makes it the library of another process; before anything else is called on it.
 void tarn_lib_set_process(tarn_lib *lib, int process);
 
-// Ends all transfers with -1, waits until their threads are out of the library, and frees; request
-// handles stay valid for tarn_free_req_handle. Null is ignored. Not from a callback.
+// Ends all transfers with -1, waits until no thread uses the callback any more, and frees. Null and
+// a library that has ended are ignored, the other calls refuse the latter, and request handles stay
+// valid: threads may go on with theirs. Not from a callback.
 void tarn_lib_exit(tarn_lib *lib);
 
 // A handle for one transfer at a time; null for a null library or no memory.
