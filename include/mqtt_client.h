@@ -24,3 +24,6 @@ int network_send_tarn_req(int destination, const char *text, char *response, siz
 
 // Sends a one-way event to the robot process `destination`. 0, or 255 on failure. Any thread.
 int network_send_tarn_event(int destination, const char *text, int value);
+
+// The last integer received as {"nc": n}, 0 until one came. Any thread.
+int get_nc_val();
