@@ -10,6 +10,7 @@
 #include <optional>
 #include <string_view>
 
+#include "discovery.h"
 #include "gateway_pinger.h"
 #include "log.h"
 #include "monitor_main.h"
@@ -25,6 +26,7 @@
 #include "tarn/tarn.h"
 #include "version.h"
 #include "wifi_control.h"
+#include "wifi_regdom_utils.h"
 #include "wifi_state.h"
 
 #define LOG_SOURCE "src/main"
@@ -202,6 +204,15 @@ void ensure_active_interface() {
         LOGE("%s: Could not set network.interface key", "main");
 }
 
+// Also without the key: an absent one resets the domain.
+void apply_regulatory_domain() {
+    const MallocText domain(pex_kvs_get_key_str_malloc("product.regdom"));
+    if (wifi_regdom_utils_set_regdomain(domain.get()) != 0)
+        LOGE("failed to set regdomain");
+    if (!domain)
+        LOGE("Could not find %s key", "product.regdom");
+}
+
 bool wifi_is_there() {
     const bool interface = wifi_check_sta_iface_available() != -1;
     const bool directory = wifi_check_run_network_dir() != -1;
@@ -275,6 +286,7 @@ void start(const options &given) {
     if (given.wipe)
         wipe_saved_network();
     ensure_active_interface();
+    apply_regulatory_domain();
     start_thread({"Creating mqtt app thread", "mqtt_app_main", mqtt_app_main,
                   "Could not start thread for mqtt app\n"});
     wlan_monitor_init(wifi_get_sta_interface(), wlan_monitor_event);
@@ -285,6 +297,8 @@ void start(const options &given) {
     start_thread({"Creating gw pinger thread", "pinger_main", pinger_main,
                   "Could not start thread for pinger\n"});
     restart_diagnostic_web_server();
+    start_thread({"Creating discovery thread", "discovery_main", discovery_main,
+                  "Could not start thread for discovery\n"});
     pass_on_tidelink_connected();
     ask_for_station_status();
     publish_status();
