@@ -19,7 +19,7 @@ country() {
 }
 
 kernel_country() {
-    iw reg get 2>/dev/null | sed -n 's/^country \(..\).*/\1/p' | head -n 1
+    timeout 5 iw reg get 2>/dev/null | sed -n 's/^country \(..\).*/\1/p' | head -n 1
 }
 
 # set_country: hands the domain to the kernel, which loads its rules a moment later. A refusal is
@@ -27,7 +27,7 @@ kernel_country() {
 set_country() {
     wanted=$(country)
     [ "$(kernel_country)" != "$wanted" ] || return 0
-    if ! iw reg set "$wanted" 2>/dev/null; then
+    if ! timeout 5 iw reg set "$wanted" 2>/dev/null; then
         say "iw reg set $wanted failed"
         return 0
     fi
