@@ -28,8 +28,13 @@ constexpr char kHelp[] =
     R"(usage: peers [--next-cleaning N] [--mode PROCESS=MODE]...
 
 Plays the robot's other processes on the broker (MQTT_APP_BROKER, default 127.0.0.1:1883):
-   9  answers {"get":"nextCleaning"} with {"nextCleaning":N} (default 86400)
+   0  the Bluetooth manager: takes netinfo and wifistat, answers with the same text
+   1  takes wifistat while the Wi-Fi is tested in the factory, answers with the same text
+   2  the cloud client: takes the event {"event":"resetCloudConnection"}
+   5  answers {"event":"disconnect_local"} with the same text
+   9  the scheduler: answers {"get":"nextCleaning"} with {"nextCleaning":N} (default 86400)
   10  answers {"sta": N} with {"sta": N}
+  12  corehub: answers {"get":"cap"} with the robot's capabilities
 Each request and event is written to standard output: "PROCESS < TYPE TEXT", answers as
 "PROCESS > TEXT".
 
@@ -47,32 +52,58 @@ constexpr std::array<std::string_view, 4> kModes{"normal", "silent", "late", "wr
 
 json_int_t next_cleaning = 86400;
 
-// --- what each process answers; null when the request is none of its
-// ------------------------------
+// --- what each process answers; null when the request is none of its -----------------------------
 
-json_t *answer_cleaning(const json_t *request) {
-    const char *what = json_string_value(json_object_get(request, "get"));
-    return what != nullptr && std::string_view(what) == "nextCleaning"
-               ? json_pack("{s:I}", "nextCleaning", next_cleaning)
+bool holds(const json_t *request, const char *key, std::string_view value) {
+    const char *what = json_string_value(json_object_get(request, key));
+    return what != nullptr && what == value;
+}
+
+json_t *answer_cleaning(json_t *request) {
+    return holds(request, "get", "nextCleaning") ? json_pack("{s:I}", "nextCleaning", next_cleaning)
+                                                 : nullptr;
+}
+
+json_t *answer_station(json_t *request) {
+    return json_is_integer(json_object_get(request, "sta")) ? json_incref(request) : nullptr;
+}
+
+json_t *answer_status(json_t *request) {
+    const bool known = json_object_get(request, "netinfo") != nullptr ||
+                       json_object_get(request, "wifistat") != nullptr;
+    return known ? json_incref(request) : nullptr;
+}
+
+json_t *answer_disconnect(json_t *request) {
+    return holds(request, "event", "disconnect_local") ? json_incref(request) : nullptr;
+}
+
+json_t *answer_capabilities(json_t *request) {
+    return holds(request, "get", "cap")
+               ? json_pack("{s:{s:i,s:i,s:i}}", "cap", "ota", 2, "maps", 3, "pose", 1)
                : nullptr;
 }
 
-json_t *answer_station(const json_t *request) {
-    json_t *state = json_object_get(request, "sta");
-    return json_is_integer(state) ? json_pack("{s:O}", "sta", state) : nullptr;
+json_t *answer_nothing(json_t * /*request*/) {
+    return nullptr;
 }
 
 struct peer {
     int process;
     const char *topics;
-    json_t *(*answer)(const json_t *request);
+    json_t *(*answer)(json_t *request);
     answer_mode mode = answer_mode::normal;
     tarn_lib *lib = nullptr;
 };
 
 std::array peers{
+    peer{0, "tarn/btmanager/#", answer_status},
+    peer{1, "tarn/1/#", answer_status},
+    peer{2, "tarn/2/#", answer_nothing},
+    peer{5, "tarn/5/#", answer_disconnect},
     peer{9, "tarn/9/#", answer_cleaning},
     peer{10, "tarn/10/#", answer_station},
+    peer{12, "tarn/corehub/#", answer_capabilities},
 };
 
 peer *find_peer(json_int_t process) {
