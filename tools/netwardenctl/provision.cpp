@@ -1,0 +1,279 @@
+// Provisioning and training, played as the robot's user interface and the owner's phone play them.
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <functional>
+
+#include "commands.h"
+#include "connection.h"
+#include "text.h"
+
+namespace ctl {
+
+namespace {
+
+constexpr double kStartS = 30;  // the robot may be busy with its scripts
+constexpr double kWholeRunS = 180;
+constexpr double kEndS = 10;
+constexpr size_t kLongestSsid = 32;  // bytes, IEEE 802.11
+constexpr size_t kLongestSecret = 128;
+
+// --- secrets -------------------------------------------------------------------------------------
+
+// A line from the descriptor, without its end.
+std::string read_line(int fd, const std::string &name) {
+    std::string line;
+    for (char c = 0; wait_readable(fd, kNever);) {
+        const ssize_t got = read(fd, &c, 1);
+        if (got < 0)
+            throw Failure(kUsage, "cannot read " + name + ": " + strerror(errno));
+        if (got == 0 || c == '\n')
+            break;
+        line.push_back(c);
+        if (line.size() > kLongestSecret)
+            throw Failure(kUsage, name + ": longer than " + std::to_string(kLongestSecret));
+    }
+    if (line.ends_with('\r'))
+        line.pop_back();
+    if (line.empty())
+        throw Failure(kUsage, name + ": the first line is empty");
+    return line;
+}
+
+std::string read_secret_file(const std::string &path) {
+    if (path == "-")
+        return read_line(STDIN_FILENO, "standard input");
+    const Fd file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!file)
+        throw Failure(kUsage, "cannot open " + printable(path) + ": " + strerror(errno));
+    return read_line(file.get(), printable(path));
+}
+
+// The terminal does not show what is typed while this lives.
+class Silence {
+  public:
+    explicit Silence(int fd) : fd_(fd) {
+        tcgetattr(fd_, &before_);
+        termios quiet = before_;
+        quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+        tcsetattr(fd_, TCSAFLUSH, &quiet);
+    }
+    Silence(const Silence &) = delete;
+    Silence &operator=(const Silence &) = delete;
+    ~Silence() {
+        tcsetattr(fd_, TCSAFLUSH, &before_);
+        dprintf(fd_, "\n");
+    }
+
+  private:
+    int fd_;
+    termios before_{};
+};
+
+std::string ask_for_secret(const std::string &prompt) {
+    const Fd terminal(open("/dev/tty", O_RDWR | O_CLOEXEC));
+    if (!terminal)
+        throw Failure(kUsage, "no terminal to ask for the password: --pass-file or --open");
+    dprintf(terminal.get(), "%s", prompt.c_str());
+    const Silence silence(terminal.get());
+    return read_line(terminal.get(), "the password");
+}
+
+// --- the settings --------------------------------------------------------------------------------
+
+void add_text(json_t *to, const char *key, const std::string &text) {
+    json_object_set_new(to, key, json_stringn(text.data(), text.size()));
+}
+
+void add_static_address(json_t *wlcfg, const ProvisionOptions &settings) {
+    const std::array<std::pair<const char *, const std::string *>, 5> members{
+        {{"addr", &settings.addr},
+         {"mask", &settings.mask},
+         {"gw", &settings.gw},
+         {"dns1", &settings.dns1},
+         {"dns2", &settings.dns2}}};
+    for (const auto &[key, text] : members)
+        if (!text->empty())
+            add_text(wlcfg, key, *text);
+}
+
+std::string settings_message(const ProvisionOptions &settings) {
+    if (settings.ssid.empty() || settings.ssid.size() > kLongestSsid)
+        throw Failure(kUsage, "--ssid: 1 to 32 bytes");
+    std::string pass;  // sent empty for an open network: absent, an earlier one would stay
+    if (!settings.pass_file.empty())
+        pass = read_secret_file(settings.pass_file);
+    else if (!settings.open)
+        pass = ask_for_secret("password of " + printable(settings.ssid) + ": ");
+    const Json root(json_pack("{s:{s:s, s:s}, s:b}", "wlcfg", "ssid", to_hex(settings.ssid).c_str(),
+                              "pass", to_hex(pass).c_str(), "wactivate", 1));
+    if (settings.static_address)
+        add_static_address(json_object_get(root.get(), "wlcfg"), settings);
+    if (!settings.robot_pass_file.empty()) {
+        const std::string own = read_secret_file(settings.robot_pass_file);
+        if (json_object_set_new(root.get(), "robotpass", json_stringn(own.data(), own.size())) != 0)
+            throw Failure(kUsage, "the robot's password is not UTF-8");
+    }
+    const MallocText text(json_dumps(root.get(), JSON_COMPACT));
+    return text.get();
+}
+
+// --- the robot's steps ---------------------------------------------------------------------------
+
+using Test = std::function<bool(const json_t *message)>;
+
+// Prints what comes until a message passes the test; false at the deadline.
+bool await(Connection &robot, const Printer &printer, Deadline end, const Test &test) {
+    while (const auto message = robot.next(end)) {
+        printer.message(*message);
+        if (const Json root = parse_masked(message->payload); test(root.get()))
+            return true;
+    }
+    return false;
+}
+
+using Words = std::vector<std::string_view>;
+
+bool is_command(const json_t *message, const Words &words) {
+    const std::string word = text_member(message, "command");
+    return std::find(words.begin(), words.end(), word) != words.end();
+}
+
+const std::vector<std::string> &steps() {
+    static const std::vector<std::string> topics{"network/events", "robot/debug", "local/cmd",
+                                                 "tarn/2/event/network/#"};
+    return topics;
+}
+
+void start_provisioning(Connection &robot, const Printer &printer, const ProvisionOptions &settings,
+                        Deadline end) {
+    if (settings.tidelink) {
+        printer.step("tell", "the way to the app is open");
+        robot.tell(R"({"event":"tidelinkConnected"})");
+    }
+    printer.step("tell", "start provisioning");
+    robot.tell(R"({"event":"provisioning"})");
+    const Deadline start_end = std::min(end, deadline_after(kStartS));
+    if (!await(robot, printer, start_end,
+               [](const json_t *message) { return is_command(message, {"provstart"}); }))
+        throw Failure(kRefused,
+                      "the robot took the event but does not start. Before it has heard that the "
+                      "way to the app is open it waits; --tidelink tells it");
+}
+
+// Wi-Fi states that end the attempt: the robot goes back to waiting for settings.
+bool is_failure(json_int_t state) {
+    constexpr std::array<json_int_t, 6> kFailures{2, 3, 4, 6, 9, 10};
+    return std::find(kFailures.begin(), kFailures.end(), state) != kFailures.end();
+}
+
+// True when the message says that the robot is connected; Failure when it says that it will not be.
+bool is_connected(const json_t *message) {
+    constexpr char kStillThere[] =
+        ". The robot still waits for settings: run it again, or end it with provision --abort";
+    const json_t *wifi = json_object_get(json_object_get(message, "wifistat"), "wifi");
+    if (wifi != nullptr && is_failure(json_integer_value(wifi)))
+        throw Failure(kRefused, wifi_state_text(json_integer_value(wifi)) + kStillThere);
+    if (is_command(message, {"provfail", "provabort"}))
+        throw Failure(kRefused, "the robot has ended provisioning");
+    return is_command(message, {"ipdone"});
+}
+
+void finish(Connection &robot, const Printer &printer) {
+    printer.step("tell", "the app is done");
+    robot.tell(R"({"command":"ipdone"})");
+    if (!await(robot, printer, deadline_after(kEndS), [](const json_t *message) {
+            return text_member(message, "event") == "resetCloudConnection";
+        }))
+        throw Failure(kRefused, "connected, but the robot does not end provisioning");
+}
+
+// A message that the robot answers with a command word to its user interface.
+struct Order {
+    const char *message;
+    const char *what;
+    Words answers;
+    const char *failure;
+};
+
+void carry_out(Connection &robot, const Printer &printer, Deadline end, const Order &order) {
+    printer.step("tell", order.what);
+    robot.tell(order.message);
+    if (!await(robot, printer, end, [&](const json_t *m) { return is_command(m, order.answers); }))
+        throw Failure(kRefused, order.failure);
+}
+
+int carry_out(const Options &options, const Order &order) {
+    Connection robot(steps());
+    carry_out(robot, Printer(options.json), deadline_after(options.timeout_or(kStartS)), order);
+    return kDone;
+}
+
+}  // namespace
+
+int provision(const Options &options, const ProvisionOptions &settings) {
+    const std::string message = settings_message(settings);
+    Connection robot(steps());
+    const Printer printer(options.json);
+    robot.ask(R"({"get":"channel"})");
+    const Deadline end = deadline_after(options.timeout_or(kWholeRunS));
+    try {
+        start_provisioning(robot, printer, settings, end);
+        printer.step("tell",
+                     "join \"" + printable(settings.ssid) + "\" (the settings, then activate)");
+        robot.tell(message);
+        if (!await(robot, printer, end, is_connected))
+            throw Failure(kRefused,
+                          "not connected in time. The robot goes on trying; provision "
+                          "--abort ends it");
+        finish(robot, printer);
+    } catch (const Interrupted &) {
+        fputs("netwardenctl: the robot goes on provisioning; provision --abort ends it\n", stderr);
+        throw;
+    }
+    printer.step("done", "provisioned");
+    return kDone;
+}
+
+int abort_provisioning(const Options &options) {
+    return carry_out(options, {R"({"event":"btnpress"})",
+                               "press the button",
+                               {"provabort", "trainabort"},
+                               "the robot does not abort: it is not provisioning, or has only just "
+                               "started"});
+}
+
+int train(const Options &options, bool follow) {
+    const Order start{R"({"event":"training"})",
+                      "start training",
+                      {"trainstart"},
+                      "the robot does not start training: the soft AP failed, or it is in training "
+                      "already"};
+    if (!follow)
+        return carry_out(options, start);
+    Connection robot(steps());
+    const Printer printer(options.json);
+    const Deadline end = deadline_after(options.timeout_s);
+    carry_out(robot, printer, std::min(end, deadline_after(kStartS)), start);
+    if (!await(robot, printer, end, [](const json_t *message) {
+            return is_command(message, {"traindone", "trainabort"});
+        }))
+        throw Failure(kRefused, "training has not ended in time");
+    return kDone;
+}
+
+int end_training(const Options &options) {
+    return carry_out(options, {R"({"uap":false})",
+                               "end training",
+                               {"traindone"},
+                               "the robot does not end training: it is in none, or the soft AP "
+                               "does not stop"});
+}
+
+}  // namespace ctl
