@@ -1,7 +1,6 @@
 #include "monitor_main.h"
 
 #include <pthread.h>
-#include <semaphore.h>
 #include <unistd.h>
 
 #include <array>
@@ -15,6 +14,7 @@
 
 #include "log.h"
 #include "owned.h"
+#include "pthread_utils.h"
 #include "wpa_ctrl.h"
 
 #define LOG_SOURCE "src/monitor_main"
@@ -39,23 +39,8 @@ std::atomic<int> pending_scan{0};
 bool has_warned_of_connect = false;  // once in the process's life
 
 // Held to open and close the connections, and by the commands in flight together: the first takes
-// it, the last releases it, and these may be different threads. A POSIX semaphore: the standard
-// library's of GCC 12 can sleep through a release.
-class Permit {
-  public:
-    Permit() { sem_init(&semaphore_, 0, 1); }
-    Permit(const Permit &) = delete;
-    Permit &operator=(const Permit &) = delete;
-    void acquire() {
-        while (sem_wait(&semaphore_) != 0 && errno == EINTR)
-            ;
-    }
-    void release() { sem_post(&semaphore_); }
-
-  private:
-    sem_t semaphore_;
-};
-Permit connection_lock;
+// it, the last releases it, and these may be different threads.
+Semaphore connection_lock{1};
 std::mutex reference_lock;
 unsigned reference_count = 0;
 // One command at a time on the one socket, lest a thread read another's reply.

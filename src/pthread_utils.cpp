@@ -1,7 +1,6 @@
 #include "pthread_utils.h"
 
 #include <cstring>
-#include <semaphore>
 
 #include "log.h"
 
@@ -35,7 +34,7 @@ struct Start {
     void *argument;
     const char *name;
     int named = 0;  // of pthread_setname_np
-    std::binary_semaphore running{0};
+    Semaphore running{0};
 };
 
 void *run(void *data) {
