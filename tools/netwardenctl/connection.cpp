@@ -40,7 +40,7 @@ constexpr char kOurTopics[] = "tarn/30/#";
 constexpr size_t kResponseSize = 4096;
 constexpr size_t kWaitingMessages = 4096;  // a flood loses messages, not memory
 
-// A counter between the threads that the main thread can wait for.
+// Raised on one thread as often as the main one may go through its wait.
 class Signal {
   public:
     void raise() {
@@ -53,13 +53,14 @@ class Signal {
     }
 
   private:
-    Fd fd_{eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
+    Fd fd_{eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK | EFD_SEMAPHORE)};
 };
 
 // Between the thread of the broker library, whose callbacks carry no context, and the main one.
 struct inbox {
     std::mutex lock;
     std::deque<Message> messages;
+    bool lost = false;  // some did not fit
     Signal arrived;
     Signal connected;
     bool was_connected = false;  // thread of the library only
@@ -83,22 +84,20 @@ void on_message(mqtt_app *, const mqtt_app_message *message) {
         return;
     }
     const std::lock_guard guard(current->lock);
-    if (current->messages.size() < kWaitingMessages)
-        current->messages.push_back(
-            {message->topic,
-             std::string(message->payload, static_cast<size_t>(message->payload_len))});
+    if (current->messages.size() >= kWaitingMessages) {
+        if (!std::exchange(current->lost, true))
+            fputs("netwardenctl: messages come faster than they can be shown; some are lost\n",
+                  stderr);
+        return;
+    }
+    current->messages.push_back(
+        {message->topic, std::string(message->payload, static_cast<size_t>(message->payload_len))});
     current->arrived.raise();
 }
 
 int send_text(void *app, const char *topic, const char *text) {
     return mqtt_app_publish(static_cast<mqtt_app *>(app), topic, static_cast<int>(strlen(text)),
                             text);
-}
-
-std::string seconds_text(double seconds) {
-    std::array<char, 32> text{};
-    snprintf(text.data(), text.size(), "%g s", seconds);
-    return text.data();
 }
 
 }  // namespace
@@ -113,7 +112,8 @@ Connection::Connection(const std::vector<std::string> &topics, double limit_s) {
     try {
         start(topics);
         if (!current->connected.wait(deadline_after(limit_s)))
-            throw Failure(kNoAnswer, "no broker at " + broker_address());
+            throw Failure(kNoAnswer,
+                          "no broker at " + printable(broker_address()) + ", or it refuses us");
     } catch (...) {
         stop();
         throw;
@@ -179,9 +179,9 @@ std::optional<std::string> Connection::try_ask(const std::string &request, doubl
 std::string Connection::ask(const std::string &request, double limit_s) {
     if (const auto answer = try_ask(request, limit_s))
         return *answer;
-    throw Failure(kNoAnswer, "the broker at " + broker_address() +
+    throw Failure(kNoAnswer, "the broker at " + printable(broker_address()) +
                                  " is there but netwarden does not answer within " +
-                                 seconds_text(std::ceil(limit_s)));
+                                 format("%g s", std::ceil(limit_s)));
 }
 
 void Connection::tell(const std::string &message) {
@@ -191,18 +191,12 @@ void Connection::tell(const std::string &message) {
 }
 
 std::optional<Message> Connection::next(Deadline end) {
-    for (;;) {
-        {
-            const std::lock_guard guard(current->lock);
-            if (!current->messages.empty()) {
-                Message first = std::move(current->messages.front());
-                current->messages.pop_front();
-                return first;
-            }
-        }
-        if (!current->arrived.wait(end))
-            return std::nullopt;
-    }
+    if (Clock::now() >= end || !current->arrived.wait(end))
+        return std::nullopt;
+    const std::lock_guard guard(current->lock);
+    Message first = std::move(current->messages.front());
+    current->messages.pop_front();
+    return first;
 }
 
 }  // namespace ctl

@@ -85,46 +85,58 @@ void add_listeners(CLI::App &app, Arguments &a) {
         ->excludes(address);
 }
 
+void add_password(CLI::App *to, Arguments &a) {
+    auto *const file =
+        to->add_option("--pass-file", a.settings.pass_file,
+                       "Its password is this file's first line; - is standard input");
+    auto *const prompt =
+        to->add_flag("--pass", a.prompt, "Ask for the password on the terminal (the default)")
+            ->disable_flag_override()
+            ->excludes(file);
+    to->add_flag("--open", a.settings.open, "The network has no password")
+        ->excludes(file)
+        ->excludes(prompt);
+    to->add_option("--robot-pass-file", a.settings.robot_pass_file,
+                   "Give the robot this file's first line as its own password");
+}
+
+void add_addresses(CLI::App *to, Arguments &a) {
+    auto *const fixed =
+        to->add_flag("--static", a.settings.static_address, "A fixed address, no DHCP");
+    const auto add = [&](const char *name, std::string &text, const char *help) {
+        return to->add_option(name, text, help)->check(CLI::ValidIPV4)->needs(fixed);
+    };
+    fixed->needs(add("--addr", a.settings.addr, "The fixed address"));
+    fixed->needs(add("--mask", a.settings.mask, "Its subnet mask"));
+    fixed->needs(add("--gw", a.settings.gw, "The gateway"));
+    add("--dns1", a.settings.dns1, "First name server (default: the gateway)");
+    add("--dns2", a.settings.dns2, "Second name server");
+}
+
 void add_provisioning(CLI::App &app, Arguments &a) {
     CLI::App *const prov = command(
         app, a, "provision",
-        "Play app and phone: start provisioning, send the home's settings, wait until the "
-        "robot is connected (180 s), and end it",
+        "Play app and phone: start provisioning, send the home's settings, wait until the robot is "
+        "connected (180 s), and end it",
         [&a] { return a.end ? abort_provisioning(a.options) : provision(a.options, a.settings); });
     CLI::Option *const ssid = prov->add_option("--ssid", a.settings.ssid, "The home's network");
-    CLI::Option *const end = prov->add_flag(
-        "--abort", a.end, "Press the robot's button instead: ends provisioning or training");
-    end->excludes(ssid);
-    auto *const file =
-        prov->add_option("--pass-file", a.settings.pass_file,
-                         "Its password is this file's first line; - is standard input");
-    auto *const prompt =
-        prov->add_flag("--pass", a.prompt, "Ask for the password on the terminal (the default)")
-            ->disable_flag_override();
-    auto *const open = prov->add_flag("--open", a.settings.open, "The network has no password");
-    open->excludes(file)->excludes(prompt);
-    prompt->excludes(file);
-    auto *const fixed =
-        prov->add_flag("--static", a.settings.static_address, "A fixed address, no DHCP");
-    const auto add_address = [&](const char *name, std::string &to, const char *help) {
-        return prov->add_option(name, to, help)->check(CLI::ValidIPV4)->needs(fixed);
-    };
-    for (auto *needed : {add_address("--addr", a.settings.addr, "The fixed address"),
-                         add_address("--mask", a.settings.mask, "Its subnet mask"),
-                         add_address("--gw", a.settings.gw, "The gateway")})
-        fixed->needs(needed);
-    add_address("--dns1", a.settings.dns1, "First name server (default: the gateway)");
-    add_address("--dns2", a.settings.dns2, "Second name server");
-    prov->add_option("--robot-pass-file", a.settings.robot_pass_file,
-                     "Give the robot this file's first line as its own password");
+    add_password(prov, a);
+    add_addresses(prov, a);
     prov->add_flag("--tidelink", a.settings.tidelink,
-                   "Tell the robot first that the way to the app is open: without that, once since "
-                   "its start, it waits");
+                   "Tell the robot first that the way to the app is open. A robot that has not "
+                   "heard so since its start waits for it");
+    prov->add_flag("--abort", a.end,
+                   "Press the robot's button instead: ends provisioning or training")
+        ->excludes(ssid);
+}
+
+void add_training(CLI::App &app, Arguments &a) {
     CLI::App *const training = command(app, a, "train", "Start training mode (30 s)", [&a] {
         return a.end ? end_training(a.options) : train(a.options, a.follow);
     });
-    training->add_flag("--follow", a.follow, "Go on showing its steps until it ends");
-    training->add_flag("--end", a.end, "End it instead");
+    CLI::Option *const follow =
+        training->add_flag("--follow", a.follow, "Go on showing its steps until it ends");
+    training->add_flag("--end", a.end, "End it instead")->excludes(follow);
 }
 
 void describe_arguments(CLI::App &app, Arguments &a) {
@@ -141,11 +153,23 @@ void describe_arguments(CLI::App &app, Arguments &a) {
     add_questions(app, a);
     add_listeners(app, a);
     add_provisioning(app, a);
+    add_training(app, a);
 }
 
 int fail(exit_code code, const std::string &text) {
     fprintf(stderr, "netwardenctl: %s\n", text.c_str());
     return code;
+}
+
+// Names an option that there is not, and nothing else: it may be a password put in the wrong place.
+int refuse_extras(const CLI::App &app) {
+    for (const std::string &argument : app.remaining(true))
+        if (argument.starts_with("--"))
+            return fail(kUsage,
+                        "no such option: " + printable(argument.substr(0, argument.find('='))));
+    return fail(kUsage,
+                "arguments too many (netwardenctl COMMAND --help). A password is never an "
+                "argument: --pass-file, or it is asked for");
 }
 
 int run(const Arguments &arguments) {
@@ -173,10 +197,7 @@ int main(int argc, char **argv) {
     try {
         app.parse(argc, argv);
     } catch (const CLI::ExtrasError &) {
-        // Not repeated: it may be a password that somebody put there.
-        return fail(kUsage,
-                    "there are arguments too many (netwardenctl COMMAND --help). A password "
-                    "is never an argument: --pass-file, or it is asked for");
+        return refuse_extras(app);
     } catch (const CLI::ParseError &error) {
         return app.exit(error) == 0 ? kDone : kUsage;
     }

@@ -169,7 +169,7 @@ void start_provisioning(Connection &robot, const Printer &printer, const Provisi
 
 // Wi-Fi states that end the attempt: the robot goes back to waiting for settings.
 bool is_failure(json_int_t state) {
-    constexpr std::array<json_int_t, 6> kFailures{2, 3, 4, 6, 9, 10};
+    constexpr std::array<json_int_t, 7> kFailures{-1, 2, 3, 4, 6, 9, 10};
     return std::find(kFailures.begin(), kFailures.end(), state) != kFailures.end();
 }
 

@@ -17,6 +17,8 @@ namespace ctl {
 // characters, what is not UTF-8, and marks that turn the direction of writing.
 std::string printable(std::string_view text);
 
+std::string format(const char *with, ...) __attribute__((format(printf, 1, 2)));
+
 std::string to_hex(std::string_view text);
 // The bytes, or nothing when it is no hexadecimal text.
 std::optional<std::string> from_hex(std::string_view text);

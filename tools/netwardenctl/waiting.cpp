@@ -13,6 +13,13 @@ namespace {
 
 volatile sig_atomic_t interrupted = 0;
 
+// Both signals are blocked but inside ppoll, which does not take them while there is input.
+bool is_interrupt_pending() {
+    sigset_t pending;
+    sigpending(&pending);
+    return sigismember(&pending, SIGINT) == 1 || sigismember(&pending, SIGTERM) == 1;
+}
+
 timespec time_until(Deadline end) {
     using namespace std::chrono;
     const auto left = std::max(duration_cast<nanoseconds>(end - Clock::now()), nanoseconds(0));
@@ -47,7 +54,7 @@ bool wait_readable(int fd, Deadline end) {
     for (;;) {
         const timespec left = end == kNever ? timespec{} : time_until(end);
         const int count = ppoll(&ready, 1, end == kNever ? nullptr : &left, &none);
-        if (interrupted != 0)
+        if (interrupted != 0 || is_interrupt_pending())
             throw Interrupted();
         if (count >= 0)
             return count > 0;
