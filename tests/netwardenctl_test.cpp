@@ -146,7 +146,9 @@ TEST_F(Ctl, ProvisionsAndKeepsSecrets) {
     EXPECT_EQ(kvs_get("robot.password"), "a secret key");
 
     fake("provision", "exit 0");
-    const pid_t client = start(home);
+    const pid_t client = start(home + "--phone");
+    EXPECT_TRUE(prints("wait "));
+    publish("robot/debug", R"({"command":"softapconnect"})");
     EXPECT_TRUE(prints("join \"Home\""));
     const std::string process = read_file("/proc/" + std::to_string(client) + "/cmdline");
     EXPECT_THAT(process, HasSubstr("Home"));

@@ -45,6 +45,7 @@ struct ProvisionOptions {
     std::string dns2;
     std::string robot_pass_file;
     bool tidelink = false;
+    bool phone = false;  // waits for one on the soft AP
 };
 int provision(const Options &options, const ProvisionOptions &settings);
 int abort_provisioning(const Options &options);

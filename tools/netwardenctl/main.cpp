@@ -125,6 +125,8 @@ void add_provisioning(CLI::App &app, Arguments &a) {
     prov->add_flag("--tidelink", a.settings.tidelink,
                    "Tell the robot first that the way to the app is open. A robot that has not "
                    "heard so since its start waits for it");
+    prov->add_flag("--phone", a.settings.phone,
+                   "Send the settings only when a phone has joined the robot's soft AP");
     prov->add_flag("--abort", a.end,
                    "Press the robot's button instead: ends provisioning or training")
         ->excludes(ssid);

@@ -167,6 +167,13 @@ void start_provisioning(Connection &robot, const Printer &printer, const Provisi
                       "way to the app is open it waits; --tidelink tells it");
 }
 
+void await_phone(Connection &robot, const Printer &printer, Deadline end) {
+    printer.step("wait", "for a phone on the soft AP");
+    if (!await(robot, printer, end,
+               [](const json_t *message) { return is_command(message, {"softapconnect"}); }))
+        throw Failure(kRefused, "no phone has joined the soft AP in time");
+}
+
 // Wi-Fi states that end the attempt: the robot goes back to waiting for settings.
 bool is_failure(json_int_t state) {
     constexpr std::array<json_int_t, 7> kFailures{-1, 2, 3, 4, 6, 9, 10};
@@ -225,6 +232,8 @@ int provision(const Options &options, const ProvisionOptions &settings) {
     const Deadline end = deadline_after(options.timeout_or(kWholeRunS));
     try {
         start_provisioning(robot, printer, settings, end);
+        if (settings.phone)
+            await_phone(robot, printer, end);
         printer.step("tell",
                      "join \"" + printable(settings.ssid) + "\" (the settings, then activate)");
         robot.tell(message);
