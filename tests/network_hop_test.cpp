@@ -1,0 +1,141 @@
+#include "device_network_hop.h"
+#include "home_device_list.h"
+#include "monitor_main.h"
+#include "pthread_utils.h"
+#include "supplicant.h"
+
+extern "C" unsigned sleep(unsigned) {
+    return 0;
+}
+
+namespace {
+
+// A home whose access points are "bb:FREQUENCY"; the supplicant roams as it is told.
+class NetworkHop : public Robot {
+  protected:
+    NetworkHop() {
+        init_device_list();
+        supplicant_.answer_with([this](const auto &command) { return Texts{answer(command)}; });
+        wlan_monitor_init("wlan0", nullptr);
+        pthread_create_detached_thread(nullptr, wlan_monitor_main, nullptr, "wlan_monitor");
+        EXPECT_TRUE(eventually([this] {
+            if (times_logged("established") == 0)
+                wlan_monitor_signal_attach();
+            return supplicant_.is_attached();
+        }));
+    }
+    std::string answer(const std::string &command) {
+        const std::lock_guard guard(lock_);
+        if (command.starts_with("ROAM bb:") && !refuses_)
+            status_ = status_of(command.substr(8));
+        return command == "STATUS" ? status_ : command == "SCAN_RESULTS" ? scan_ : "OK\n";
+    }
+    // From now on in a supplicant's answer.
+    void set(std::string &what, const std::string &text) {
+        const std::lock_guard guard(lock_);
+        what = text;
+    }
+    static std::string status_of(const std::string &frequency) {
+        return "bssid=bb:" + frequency + "\nfreq=" + frequency + "\nwpa_state=COMPLETED\n";
+    }
+    static std::string table_of(const std::vector<std::pair<int, int>> &access_points) {
+        std::string text = "bssid / frequency / signal level / flags / ssid\n";
+        for (const auto &[frequency, signal] : access_points) {
+            const std::string number = std::to_string(frequency);
+            text +=
+                "bb:" + number + "\t" + number + "\t" + std::to_string(signal) + "\t[E]\thome\n";
+        }
+        return text;
+    }
+    // The roams that one hop asks for, whose log has this end.
+    std::string hop(const std::string &end) {
+        const size_t before = supplicant_.commands().size();
+        forget_log();
+        device_network_hop_request();
+        EXPECT_TRUE(logged(end)) << log_text();
+        std::string roams;
+        const Texts all = supplicant_.commands();
+        for (size_t i = before; i < all.size(); i++)
+            if (all[i].starts_with("ROAM ") && all[i - 1] == "PREAUTHENTICATE " + all[i].substr(5))
+                roams += all[i].substr(8);
+        return roams;
+    }
+
+    std::mutex lock_;
+    std::string scan_, status_ = status_of("2412");
+    std::atomic<bool> refuses_{false};
+    Supplicant supplicant_;
+};
+
+TEST_F(NetworkHop, TakesTheBestOtherChannelsInTurn) {
+    const char *const kDone = "switch successful";
+    set(scan_, table_of({{2412, -40}, {2437, -60}, {5180, -50}, {2412, -70}, {5500, -90}}));
+    pthread_create_detached_thread(nullptr, device_network_hop_main, nullptr, "dev_network_hop");
+    for (const char *expected : {"5180", "2437", "2412", "5180"})
+        EXPECT_EQ(hop(kDone), expected);
+    EXPECT_TRUE(
+        logged("sending object {\"wifiScanResults\":[{\"bssid\":\"bb:2412\",\"rssi\":-40,"
+               "\"freq\":2412},{\"bssid\":\"bb:2437\","));
+    // 5180 is gone and its slot filled anew; the others keep theirs.
+    set(scan_, table_of({{5500, -90}, {2437, -60}, {2412, -40}}));
+    for (const char *expected : {"2437", "2412", "5500", "2437"})
+        EXPECT_EQ(hop(kDone), expected);
+    set(scan_, table_of({{5180, -70}, {5200, -50}, {5220, -50}, {5240, -60}}));
+    EXPECT_EQ(hop(kDone), "5200");  // then 5220 before 5240
+    refuses_ = true;
+    EXPECT_EQ(hop("Did not switch bssid"), "5220");
+    EXPECT_TRUE(logged("    did not use 5180 (bb:5180): -70"));
+    set(scan_, table_of({{5200, -60}, {5200, -50}}));
+    EXPECT_EQ(hop("failed to get bssid to switch to"), "");
+    set(scan_, "");  // what is not seen any more is no target
+    EXPECT_EQ(hop("failed to get bssid to switch to"), "");
+    set(status_, "wpa_state=SCANNING\n");
+    EXPECT_EQ(hop("could not get current bssid, skipping bssid switch"), "");
+}
+
+TEST_F(NetworkHop, ReadsWhatIsWholeInTheScanResults) {
+    const std::string good = "bb:1\t2412\t-40\t[E]\thome\n", header = "header\n";
+    const auto filled = [&](size_t size) {
+        const std::string start = header + "bb:2\t5180\t-60\t[E]\t";
+        return start + std::string(size - start.size(), 'x') + "\nbb:4\t5500\t-40";
+    };
+    const std::pair<std::string, std::string> cases[] = {
+        {"", ""},
+        {"\n\n" + header + good, "2412 -40 bb:1, "},
+        {header + "bb:3\nbb:3\t2412\nbb:3\t\t-40\nbb:3\t2412\tx\nbb:3\t0\t-1\n" + good,
+         "2412 -40 bb:1, "},
+        {header + "bb:3\t99999999999\t-40\n" + good + "\t\t\n" + good, "2412 -40 bb:1, "},
+        {header + "bb:3\t2412x\t-40dBm", "2412 -40 bb:3, "},
+        {filled(1023 - 14), "5180 -60 bb:2, "},  // the buffer may have ended within the signal
+        {filled(1022 - 14) + "\t[E]", "5180 -60 bb:2, 5500 -40 bb:4, "},
+        {header + std::string(5000, 'b'), ""},
+        // Without room only a stronger one gets in, and only on a frequency that is there.
+        {table_of({{2412, -50}, {5180, -60}, {2412, -50}, {5200, -1}, {5180, -59}}),
+         "2412 -50 bb:2412, 5180 -59 bb:5180, "},
+    };
+    for (const auto &[results, expected] : cases) {
+        set(scan_, results);
+        channel_info entries[2];
+        std::string text;
+        for (int i = 0, count = get_channel_information(entries, 2); i < count; i++)
+            text += std::to_string(entries[i].freq) + " " + std::to_string(entries[i].rssi) + " " +
+                    entries[i].bssid.get() + ", ";
+        EXPECT_EQ(text, expected) << results.substr(0, 200);
+    }
+}
+
+TEST_F(NetworkHop, UnreadableStatusGivesNoBssid) {
+    char *bssid = nullptr;
+    int32_t frequency = 7;
+    for (const char *status :
+         {"", "\n", "freq=2412\n", "freq=2412\nbssid=bb", "bssid=bb\n", "bssid=bb\nfreq=x"}) {
+        forget_log();
+        set(status_, std::string(*status != '\0' ? "wpa_state=COMPLETED\n" : "") + status);
+        EXPECT_EQ(get_current_bssid(&bssid, &frequency), 0) << status;
+        EXPECT_TRUE(logged_as("ERROR", "unexpected ")) << status;
+    }
+    EXPECT_EQ(bssid, nullptr);
+    EXPECT_EQ(frequency, 7);
+}
+
+}  // namespace
