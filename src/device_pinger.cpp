@@ -1,27 +1,362 @@
 #include "device_pinger.h"
 
+#include <arpa/inet.h>
+#include <jansson.h>
+#include <unistd.h>
+
+#include <array>
+#include <chrono>
+#include <climits>
+#include <cstdio>
+#include <cstring>
 #include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "device_network_hop.h"
+#include "device_tracking.h"
+#include "home_device_list.h"
+#include "kvs_json.h"
+#include "log.h"
+#include "mqtt_client.h"
+#include "owned.h"
+#include "pex_misc.h"
+#include "wifi_control.h"
+#include "wifi_state.h"
+
+#define LOG_SOURCE "src/device_pinger"
+
+using device_tracking::current_session;
+using device_tracking::Session;
 
 namespace {
 
+constexpr char kModule[] = "netwarden";
+constexpr unsigned kRoundS = 3;
+constexpr int kDefaultHopIntervalS = 15;
+constexpr size_t kCommandSize = 128;
+constexpr size_t kLineSize = 255;
+
+// --- mode ----------------------------------------------------------------------------------------
+
 std::mutex mode_lock;
 pinger_mode mode{0, 0};
+uint32_t session_number = 0;
+
+bool is_off(const pinger_mode &flags) {
+    return flags.pinger == 0 && flags.discover == 0;
+}
+
+// --- one probe -----------------------------------------------------------------------------------
+
+// What a device announced as its address reaches a shell only if it is one.
+bool is_ipv4(const char *text) {
+    in_addr parsed;
+    return text != nullptr && inet_pton(AF_INET, text, &parsed) == 1;
+}
+
+using Command = std::array<char, kCommandSize>;
+
+enum class probe { learn_mac, keep_alive, wait };
+
+bool build_command(probe kind, const char *ip, Command &command) {
+    const char *interface = wifi_get_sta_interface();
+    if (interface == nullptr || *interface == '\0') {
+        LOGE("no valid interface for pinging");
+        return false;
+    }
+    const bool learns = kind == probe::learn_mac;
+    const char *tail = learns ? " | grep reply" : kind == probe::keep_alive ? " &" : "";
+    const int length = snprintf(command.data(), command.size(), "sudo arping %s-I%s -c2 -f %s%s",
+                                learns ? "" : "-q ", interface, ip, tail);
+    if (length >= 0 && static_cast<size_t>(length) < command.size())
+        return true;
+    LOGE("broken ping packet %s", ip);
+    return false;
+}
+
+// The text between the first brackets: "Unicast reply from A.B.C.D [MAC]  1.5ms".
+std::optional<std::string_view> bracketed(std::string_view line) {
+    const size_t open = line.find('[');
+    if (open == line.npos)
+        return std::nullopt;
+    const size_t close = line.find(']', open);
+    if (close == line.npos)
+        return std::nullopt;
+    return line.substr(open + 1, close - open - 1);
+}
+
+void store_reply(ping_request &request, std::string_view mac) {
+    if (request.mac == nullptr) {
+        LOGE("NULL mac_address in entry");
+        return;
+    }
+    request.mac[mac.copy(request.mac, kProbeMacSize - 1)] = '\0';
+    LOGD("updated mac %s for ip %s\n", request.mac, request.ip);
+}
+
+bool read_replies(FILE *output, ping_request &request) {
+    std::array<char, kLineSize> line{};
+    bool replied = false;
+    while (fgets(line.data(), line.size(), output) != nullptr)
+        if (const auto mac = bracketed(line.data())) {
+            store_reply(request, *mac);
+            replied = true;
+        }
+    return replied;
+}
+
+bool learn_mac(const char *command, ping_request &request) {
+    const Pipe output(command);
+    if (!output) {
+        LOGE("Failed to run command %s", command);
+        return false;
+    }
+    if (read_replies(output.get(), request))
+        return true;
+    LOGE("no reply from %s\n", request.ip);
+    return false;
+}
+
+int run_arping(const char *command) {
+    LOGD("%s\n", command);
+    LOGD("\nCalling pex_system(%s) now...", command);
+    return pex_system(kModule, command, nullptr);
+}
+
+// --- report --------------------------------------------------------------------------------------
+
+void set_member(json_t *object, const char *key, const std::optional<std::string> &value) {
+    if (!value)
+        return;
+    // A text that is not UTF-8 makes no JSON: the member is left out, the device stays.
+    json_object_set_new(object, key, json_stringn(value->data(), value->size()));
+}
+
+json_t *describe(const device_texts &device) {
+    json_t *object = json_object();
+    set_member(object, "mac_address", device.mac);
+    set_member(object, "google_cd", device.google_cd);
+    set_member(object, "type", device.type);
+    set_member(object, "name", device.name);
+    set_member(object, "hostname", device.hostname);
+    set_member(object, "md", device.md);
+    return object;
+}
+
+void report_devices() {
+    clear_device_list_updated();  // before the list is read: what changes later is in the next one
+    const Json list(json_array());
+    for (const device_texts &device : copy_device_list())
+        if (device.mac)
+            json_array_append_new(list.get(), describe(device));
+    const Json message(list ? json_pack("{s:O}", "wifiDevices", list.get()) : nullptr);
+    const MallocText text(message ? json_dumps(message.get(), JSON_COMPACT) : nullptr);
+    if (!text) {
+        LOGE("Could not allocate new json objects");
+        return;
+    }
+    LOGD("sending object %s", text.get());
+    mqtt_client_send("robot/debug", static_cast<int>(strlen(text.get())), text.get());
+}
+
+// --- the pinger ----------------------------------------------------------------------------------
+
+int read_hop_interval() {
+    json_t *raw = nullptr;
+    kvs_get_json_from_key("robot.disc_reconnect_sleep_sec", JSON_INTEGER, &raw);
+    const Json value(raw);
+    const json_int_t seconds = json_integer_value(value.get());
+    if (!value || seconds < INT_MIN || seconds > INT_MAX) {
+        LOGI("using default bssid switch sleep %d sec", kDefaultHopIntervalS);
+        return kDefaultHopIntervalS;
+    }
+    const int interval = static_cast<int>(seconds);
+    LOGI("setting bssid switch sleep to user selected val %d sec", interval);
+    return interval;
+}
+
+bool has_link() {
+    wifistat status{};
+    netinfo info{};
+    if (wifi_get_wifistat(&status) != sizeof status || status.wifi != WIFI_CONNECTED) {
+        LOGI("wifi is disconnected");
+        return false;
+    }
+    if (wifi_get_netinfo(&info) != sizeof info || info.addr == 0) {
+        LOGI("no IP address");
+        return false;
+    }
+    return true;
+}
+
+// The pinger. One object lives on its thread; a round is run every 3 s.
+class Pinger {
+  public:
+    explicit Pinger(int hop_interval) : hop_interval_(hop_interval) {
+        set_pinger_mode(PINGER_MODE_CLEAR, 0);
+        session_ = current_session().number;
+        wifi_enable_noarp_mode(0);
+    }
+
+    void round() {
+        sleep(kRoundS);
+        const Session now = current_session();
+        LOGD("pinger %s, discover %s", now.mode.pinger != 0 ? "active" : "disabled",
+             now.mode.discover != 0 ? "enable" : "disable");
+        if (is_off(now.mode) || now.number != session_)
+            settle_down();
+        session_ = now.number;
+        if (is_off(now.mode) || !has_link())
+            return;
+        const bool sweeps = !is_tracking_ && start_tracking();
+        if (!sweeps)
+            pace_hops();
+        if (probe_devices() || device_list_updated() != 0)
+            report_devices();
+    }
+
+  private:
+    // Also when tracking is on again already: each stop empties the list and each start sweeps.
+    void settle_down() {
+        if (is_tracking_) {
+            wifi_stop_monitor_mode();
+            wifi_enable_noarp_mode(0);
+            is_tracking_ = false;
+        }
+        if (is_device_list_empty() != 0)
+            return;
+        clear_device_list();
+        LOGW("clearing device list");
+    }
+
+    // True when a sweep is due: one for each start.
+    bool start_tracking() {
+        wifi_start_monitor_mode();
+        wifi_enable_noarp_mode(1);
+        is_tracking_ = true;
+        pinger_mode now;
+        if (get_pinger_mode(&now)->discover == 0)
+            return false;
+        device_tracking::request_sweep(session_);
+        return true;
+    }
+
+    void pace_hops() {
+        pinger_mode now;
+        get_pinger_mode(&now);
+        const std::chrono::duration<double> passed = Clock::now() - last_hop_;
+        if (now.pinger == 0 || now.discover != 0 || passed.count() < hop_interval_)
+            return;
+        last_hop_ = Clock::now();
+        device_network_hop_request();
+    }
+
+    // Whether a hardware address was learned.
+    bool probe_devices() {
+        int count = 0;
+        bool learned = false;
+        for (const device_texts &device : copy_device_list()) {
+            if (!device.ip)
+                continue;
+            if (current_session().number != session_)
+                break;  // switched off: hundreds of silent devices would hold up the rest
+            count++;
+            ping_request request{.ip = device.ip->c_str()};
+            if (device.mac)
+                ping_device(&request, 0, 0);
+            else if (find_mac(request))
+                learned = true;
+        }
+        LOGI("pinged %d active devices", count);
+        return learned;
+    }
+
+    static bool find_mac(ping_request &request) {
+        std::array<char, kProbeMacSize> answer{};
+        request.mac = answer.data();
+        LOGI("need mac for %s", request.ip);
+        if (ping_device(&request, 1, 1) == 0)
+            return false;
+        const int learned = learn_device_mac(request.ip, request.mac);
+        if (learned > 0)
+            LOGI("updating %s with mac %s", request.ip, request.mac);
+        else if (learned < 0)
+            LOGI("out of memory");
+        return learned > 0;
+    }
+
+    using Clock = std::chrono::steady_clock;
+
+    const int hop_interval_;
+    Clock::time_point last_hop_ = Clock::now();
+    bool is_tracking_ = false;
+    uint32_t session_ = 0;
+};
 
 }  // namespace
+
+// --- mode ----------------------------------------------------------------------------------------
 
 void set_pinger_mode(int kind, int value) {
     const auto flag = static_cast<unsigned char>(value);
     const std::lock_guard guard(mode_lock);
-    if (kind == PINGER_MODE_CLEAR)
+    if (kind == PINGER_MODE_CLEAR) {
         mode = {0, 0};
-    else if (kind == PINGER_MODE_DISCOVER)
+        session_number++;
+    } else if (kind == PINGER_MODE_DISCOVER) {
         mode.discover = flag;
-    else if (kind == PINGER_MODE_PINGER)
+    } else if (kind == PINGER_MODE_PINGER) {
         mode.pinger = flag;
+    }
 }
 
 pinger_mode *get_pinger_mode(pinger_mode *out) {
     const std::lock_guard guard(mode_lock);
     *out = mode;
     return out;
+}
+
+Session device_tracking::current_session() {
+    const std::lock_guard guard(mode_lock);
+    return {mode, session_number};
+}
+
+bool device_tracking::is_sweep_wanted(uint32_t session) {
+    const Session now = current_session();
+    return now.number == session && now.mode.discover != 0;
+}
+
+void device_tracking::end_sweep(uint32_t session) {
+    const std::lock_guard guard(mode_lock);
+    if (session_number == session)
+        mode.discover = 0;
+}
+
+// --- probes --------------------------------------------------------------------------------------
+
+int ping_device(ping_request *request, int want_mac, int wait) {
+    if (!is_ipv4(request->ip)) {
+        LOGE("no valid ip address to ping");
+        return 0;
+    }
+    const probe kind = want_mac != 0 ? probe::learn_mac
+                       : wait != 0   ? probe::wait
+                                     : probe::keep_alive;
+    Command command{};
+    if (!build_command(kind, request->ip, command))
+        return 0;
+    if (kind == probe::learn_mac)
+        return learn_mac(command.data(), *request) ? 1 : 0;
+    if (run_arping(command.data()) != 0 || kind == probe::keep_alive)
+        return 0;
+    LOGD("Rx arping reply from %s\n", request->ip);
+    return 1;
+}
+
+void *device_pinger_main(void * /*unused*/) {
+    for (Pinger pinger(read_hop_interval());;)
+        pinger.round();
 }

@@ -10,6 +10,8 @@
 #include <optional>
 #include <string_view>
 
+#include "device_network_hop.h"
+#include "device_pinger.h"
 #include "discovery.h"
 #include "gateway_pinger.h"
 #include "log.h"
@@ -296,6 +298,12 @@ void start(const options &given) {
     bring_wifi_into_a_known_state();
     start_thread({"Creating gw pinger thread", "pinger_main", pinger_main,
                   "Could not start thread for pinger\n"});
+    start_thread({"Creating IoT device pinger thread", "dev_pinger", device_pinger_main,
+                  "Could not start thread for pinger\n"});
+    start_thread({"Creating subnet pinger thread", "dev_subnet_ping", device_subnet_ping_main,
+                  "Could not start thread for pinger\n"});
+    start_thread({"Creating bssid switching thread", "dev_network_hop", device_network_hop_main,
+                  "Could not start thread for bssid switching\n"});
     restart_diagnostic_web_server();
     start_thread({"Creating discovery thread", "discovery_main", discovery_main,
                   "Could not start thread for discovery\n"});

@@ -6,6 +6,8 @@
 #include <spawn.h>
 #include <sys/wait.h>
 
+#include <algorithm>
+
 #include "robot.h"
 #include "wifi_state.h"
 
@@ -116,9 +118,14 @@ TEST_F(Boot, WipedRobotComesUpWithoutANetwork) {
     EXPECT_EQ(kvs_get("network.ssid"), "<none>");
     EXPECT_EQ(kvs_get("network.interface2"), "41");
     EXPECT_EQ(kvs_get("network.interface"), "wlan0");
-    // The discovery thread asks for the version whenever it comes to run.
+    // The discovery thread asks for the version whenever it comes to run, as does the pinger of
+    // home devices for its ARP mode.
+    constexpr char kArpMode[] = "sudo network_dhcp_arp_control.sh disable";
+    EXPECT_TRUE(eventually([&] { return std::ranges::count(commands(), kArpMode) == 1; }));
     auto run = commands();
-    std::erase_if(run, [](const auto &line) { return line.starts_with("sudo version"); });
+    std::erase_if(run, [&](const auto &line) {
+        return line.starts_with("sudo version") || line == kArpMode;
+    });
     EXPECT_THAT(run, ElementsAre("sudo provision --clregdomain \"#\" \n",
                                  "sudo provision | grep CL\\ REG\\ DOMAIN",
                                  "ifconfig wlan0 | grep HWaddr", "sudo ifdown wlan1",
