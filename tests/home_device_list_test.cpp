@@ -2,10 +2,6 @@
 
 #include "robot.h"
 
-extern "C" unsigned sleep(unsigned) {
-    return 0;
-}
-
 namespace {
 
 class DeviceList : public Robot {
@@ -59,8 +55,6 @@ TEST_F(DeviceList, IterationEndsWhereAnEntryHasGone) {
     EXPECT_EQ(remove_device_entry_if_any(find_device_entry("192.0.2.2", nullptr)), 1);
     EXPECT_EQ(remove_device_entry_if_any(find_device_entry("192.0.2.2", nullptr)), 0);
     EXPECT_EQ(unlock_device_list(), 0);
-    EXPECT_EQ(unlock_device_list(), -1);
-    EXPECT_TRUE(logged("unlock device error"));
     EXPECT_EQ(get_next_device_entry(b), nullptr);
     device_entry *const c = get_next_device_entry(a);
     lock_device_list();
