@@ -27,6 +27,9 @@ int get_current_bssid(char **bssid, int32_t *frequency);
 // empty before. How many were filled. Blocks for up to 9 s and the supplicant's answers.
 int get_channel_information(channel_info *entries, int capacity);
 
+// What that makes of the supplicant's text, which may have been cut to 1023 characters.
+int parse_scan_results(const char *text, channel_info *entries, int capacity);
+
 // Scans, publishes what was found, and keeps the best access points for the hops.
 void update_known_channel_info();
 

@@ -214,30 +214,6 @@ int keep(channel_info found, std::span<channel_info> entries, int count) {
     return count;
 }
 
-int parse_scan(std::string_view results, std::span<channel_info> entries) {
-    LOGD("Parsing scan results");
-    if (next_piece(results, '\n').empty()) {  // the line of titles
-        LOGE(kUnexpectedScan);
-        return 0;
-    }
-    int count = 0;
-    for (;;) {
-        const std::string_view line = next_piece(results, '\n');
-        if (line.empty())
-            return count;
-        LOGD("parsing line %.*s", static_cast<int>(line.size()), line.data());
-        channel_info found;
-        const line_kind kind = parse_scan_line(line, found);
-        if (kind == line_kind::last)
-            return count;
-        if (kind == line_kind::skipped)
-            continue;
-        add_entry_to_device_list(nullptr, 0, nullptr, found.bssid.get(), "access-point", nullptr,
-                                 nullptr, nullptr);
-        count = keep(std::move(found), entries, count);
-    }
-}
-
 // --- survey --------------------------------------------------------------------------------------
 
 using Entries = std::span<channel_info>;
@@ -400,10 +376,33 @@ int get_current_bssid(char **bssid, int32_t *frequency) {
 
 int get_channel_information(channel_info *entries, int capacity) {
     const MallocText results = scan_malloc();
-    if (!results)
+    return results ? parse_scan_results(results.get(), entries, capacity) : 0;
+}
+
+int parse_scan_results(const char *text, channel_info *entries, int capacity) {
+    LOGD("Parsing scan results");
+    const std::span<channel_info> room(entries, static_cast<size_t>(std::max(capacity, 0)));
+    std::string_view results = without_cut_signal(text);
+    if (next_piece(results, '\n').empty()) {  // the line of titles
+        LOGE(kUnexpectedScan);
         return 0;
-    return parse_scan(without_cut_signal(results.get()),
-                      {entries, static_cast<size_t>(std::max(capacity, 0))});
+    }
+    int count = 0;
+    for (;;) {
+        const std::string_view line = next_piece(results, '\n');
+        if (line.empty())
+            return count;
+        LOGD("parsing line %.*s", static_cast<int>(line.size()), line.data());
+        channel_info found;
+        const line_kind kind = parse_scan_line(line, found);
+        if (kind == line_kind::last)
+            return count;
+        if (kind == line_kind::skipped)
+            continue;
+        add_entry_to_device_list(nullptr, 0, nullptr, found.bssid.get(), "access-point", nullptr,
+                                 nullptr, nullptr);
+        count = keep(std::move(found), room, count);
+    }
 }
 
 void update_known_channel_info() {

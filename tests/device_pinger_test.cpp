@@ -132,7 +132,13 @@ TEST_F(DevicePinger, SwitchingOffAlwaysEmptiesTheList) {
         usleep(i % 10 * 5000);
         stop_device_discovery();
     }
-    start_device_discovery();  // sweeps again, whatever was before
+    start_device_discovery();
+    EXPECT_TRUE(logged("added entry for 192.0.2.9"));
+    forget_log();
+    stop_device_discovery();  // and on again before the pinger looks: emptied, and swept anew
+    start_device_discovery();
+    EXPECT_TRUE(logged("clearing device list"));
+    EXPECT_TRUE(logged("pinging 254 addresses"));
     EXPECT_TRUE(logged("added entry for 192.0.2.9"));
     stop_device_discovery();
     browser.request_stop();
