@@ -77,7 +77,7 @@ TEST_F(NetworkHop, TakesTheBestOtherChannelsInTurn) {
         logged("sending object {\"wifiScanResults\":[{\"bssid\":\"bb:2412\",\"rssi\":-40,"
                "\"freq\":2412},{\"bssid\":\"bb:2437\","));
     // 5180 is gone and its slot filled anew; the others keep theirs.
-    set(scan_, table_of({{5500, -90}, {2437, -60}, {2412, -40}}));
+    set(scan_, table_of({{5500, -90}, {2437, -40}, {2412, -60}}));
     for (const char *expected : {"2437", "2412", "5500", "2437"})
         EXPECT_EQ(hop(kDone), expected);
     set(scan_, table_of({{5180, -70}, {5200, -50}, {5220, -50}, {5240, -60}}));
