@@ -18,11 +18,12 @@ class NetworkHop : public Robot {
         supplicant_.answer_with([this](const auto &command) { return Texts{answer(command)}; });
         wlan_monitor_init("wlan0", nullptr);
         pthread_create_detached_thread(nullptr, wlan_monitor_main, nullptr, "wlan_monitor");
-        EXPECT_TRUE(eventually([this] {
-            if (times_logged("established") == 0)
+        // Blocks once it is connected; a signal before the monitor waits is lost.
+        std::thread([] {
+            for (;; usleep(1000))
                 wlan_monitor_signal_attach();
-            return supplicant_.is_attached();
-        }));
+        }).detach();
+        EXPECT_TRUE(eventually([this] { return supplicant_.is_attached(); }));
     }
     std::string answer(const std::string &command) {
         const std::lock_guard guard(lock_);
