@@ -89,7 +89,7 @@ gone() { ! kill -0 "$1"; }
 # --- what the robot says -----------------------------------------------------------------------------
 
 has_log() { log_since_mark | grep -qE -- "$1"; }
-has_message() { messages_since_mark | awk -v t="$1" '$2 == t' | sed -E 's/^[^ ]+ [^ ]+ //' | grep -qE -- "$2"; }
+has_message() { messages_since_mark | awk -v t="^$1\$" '$2 ~ t' | sed -E 's/^[^ ]+ [^ ]+ //' | grep -qE -- "$2"; }
 
 # expect_log PATTERN SECONDS: a line of the robot's system log.
 expect_log() {
@@ -102,7 +102,7 @@ refute_log() {
     ! has_log "$1" || fail "logged, and must not be: $(log_since_mark | grep -E -m3 -- "$1")"
 }
 
-# expect_message TOPIC PATTERN SECONDS: a message on exactly this topic.
+# expect_message TOPIC PATTERN SECONDS: a message on this topic, which is a pattern too.
 expect_message() {
     wait_until "$3" has_message "$1" "$2" || fail "no message /$2/ on $1 within $3 s; the last were:
 $(messages_since_mark | tail -8)"
@@ -280,15 +280,18 @@ phone() { "${in_phone[@]}" "$@"; }
 in_home=(nsenter --net=/run/netns/home)
 in_phone=(nsenter --net=/run/netns/phone)
 
-# home_ap_up [ssid=..] [key=..] [security=wpa2|wpa|open|wep] [channel=N] [radio=1|2|3]: an access point.
+# home_ap_up [ssid=..] [key=..] [security=wpa2|wpa|open|wep] [channel=N] [radio=1|2|3] [hidden=1] [rejects=1]: an
+# access point; a hidden one does not beacon its name, one that rejects refuses every association.
 home_ap_up() {
-    local ssid=$HOME_SSID key=$HOME_KEY security=wpa2 channel=6 radio=1 mode=g
+    local ssid=$HOME_SSID key=$HOME_KEY security=wpa2 channel=6 radio=1 hidden=0 rejects=0 mode=g
     (($# == 0)) || local "$@"
     local interface=wlan$((radio + 1)) conf=$LAB/ap$radio.conf
     ((channel <= 14)) || mode=a
     {
         printf '%s\n' interface=$interface driver=nl80211 bridge=br0 ctrl_interface=$LAB/hostapd \
-            logger_syslog=0 ssid2="$(hex "$ssid")" hw_mode=$mode channel=$channel
+            logger_syslog=0 ssid2="$(hex "$ssid")" hw_mode=$mode channel=$channel ignore_broadcast_ssid=$hidden
+        # A station sleeps through more beacons than one: status 51, listen interval too large.
+        if ((rejects)); then echo max_listen_interval=1; fi
         case $security in
         wpa2) printf '%s\n' wpa=2 wpa_key_mgmt=WPA-PSK rsn_pairwise=CCMP wpa_passphrase="$key" ;;
         wpa) printf '%s\n' wpa=1 wpa_key_mgmt=WPA-PSK wpa_pairwise=TKIP wpa_passphrase="$key" ;;
@@ -376,6 +379,52 @@ phone_is_associated() { phone wpa_cli -p $LAB/phone -i wlan5 status | grep -q wp
 phone_leave() {
     end phone
     phone ip addr flush dev wlan5
+}
+
+# --- the owner's app ---------------------------------------------------------------------------------
+# What it says reaches the daemon through the robot's other processes, on the broker.
+
+# provisioning_begins: the app asks for it, the soft AP comes up, the phone joins.
+provisioning_begins() {
+    publish brisk/network/events '{"event":"tidelinkConnected"}'
+    publish brisk/network/events '{"event":"provisioning"}'
+    expect_message robot/debug '^\{"command":"provstart"\}$' 10
+    expect_log 'SoftAP is up' 60
+    phone_join ssid="Plover-$(kvs_get product.robotid | cut -c1-4)"
+    expect_message robot/debug '^\{"command":"softapconnect"\}$' 15
+    phone_leave
+}
+
+# app_sends [ssid=..] [key=..] [more=JSON MEMBERS]: the home's settings, and leave to use them.
+app_sends() {
+    local ssid=$HOME_SSID key=$HOME_KEY more=
+    (($# == 0)) || local "$@"
+    mark
+    publish brisk/network/events \
+        "{\"wlcfg\":{\"ssid\":\"$(hex "$ssid")\",\"pass\":\"$(hex "$key")\"${more:+,$more}},\"wactivate\":true}"
+}
+
+# provisioning_fails STATE SECONDS: the robot tells the app STATE, keeps it, and waits for new settings.
+provisioning_fails() {
+    wait_state "$1" "$2"
+    expect_message tarn/btmanager/req/network/.* "\{\"wifistat\":\{\"wifi\":$1,\"uap\":(true|false)\}\}" 5
+    [[ $(kvs_get network.last_prov_status) == "$1" ]]
+    refute_message network/events '"wifi":1,'
+    refute "an address is left" grep . <<<"$(robot_address)"
+}
+
+# provisioning_succeeds [SSID [SECRET AS SAVED]]: the robot connects, the app says ipdone, the settings are saved.
+provisioning_succeeds() {
+    wait_state 1 90
+    expect_message local/cmd '^\{"command":"ipdone"\}$' 20
+    publish brisk/network/events '{"command":"ipdone"}'
+    expect_message tarn/2/event/network/.* '^\{"event":"resetCloudConnection"\}$' 15
+    expect_log 'rx event PROVISIONING_COMPLETE in state WAITING_FOR_IP_DONE' 1
+    expect_message network/events '"wlcfg"' 10
+    [[ $(kvs_get network.last_prov_status) == 1 ]]
+    [[ $(kvs_get network.ssid) == "$(hex "${1-$HOME_SSID}")" ]]
+    if (($# == 0)); then set -- "$HOME_SSID" "$(psk_of "$HOME_SSID" "$HOME_KEY")"; fi
+    if [[ ${2-} ]]; then [[ $(kvs_get network.password) == "$2" ]]; else [[ ! -e $STORE/network.password ]]; fi
 }
 
 # --- before and after a scenario (lab/guest/robot) ---------------------------------------------------

@@ -1,0 +1,37 @@
+# limit: 270 s
+# The owner presses the button at each step of a provisioning: the saved network is rejoined every time.
+home_up
+save_network
+kvs_set product.robotid 0123456789ABCDEF
+start_peers
+start_daemon
+wait_state 1 90
+
+aborted() {
+    mark
+    publish brisk/network/events '{"event":"btnpress"}'
+    expect_message robot/debug '^\{"command":"provabort"\}$' 20
+    expect_log "provisioning stopped in state $1" 30
+    wait_state 1 90
+    [[ $(kvs_get network.ssid) == "$(hex "$HOME_SSID")" && $(kvs_get network.last_prov_status) == 1 ]]
+}
+
+step "while the soft AP waits for settings"
+provisioning_begins
+aborted 1
+
+step "after settings came, before they are used"
+mark
+publish brisk/network/events '{"event":"provisioning"}'
+expect_log 'provisioning started' 60
+publish brisk/network/events '{"wlcfg":{"ssid":"aa","pass":"6161616161616161"}}'
+expect_log 'rx event PROVISIONING_NETWORK_CONFIG_RX' 10
+aborted 2
+
+step "while the robot looks for a network that is not there"
+mark
+publish brisk/network/events '{"event":"provisioning"}'
+expect_log 'provisioning started' 60
+app_sends ssid=nowhere
+wait_state 8 60
+aborted 3

@@ -1,0 +1,24 @@
+# limit: 300 s
+# The home gives no address, then one whose gateway does not answer; the app is told both times.
+home_ap_up
+kvs_set product.robotid 0123456789ABCDEF
+start_peers
+start_daemon
+wait_state 0 60
+provisioning_begins
+app_sends
+expect_log 'CTRL-EVENT-CONNECTED' 60
+provisioning_fails 4 90
+expect_log 'wifi_dhcp_timer_tick: DHCP timeout' 1
+
+step "an address, but a silent gateway"
+home_dhcp_up
+home_arp_drop on
+app_sends
+expect_log 'lease of 192\.168\.77\.[0-9]+ obtained' 60
+provisioning_fails 4 90
+
+step "the gateway answers"
+home_arp_drop off
+app_sends
+provisioning_succeeds

@@ -1,0 +1,13 @@
+# limit: 150 s
+# A home without a key, whose name holds what a shell or a JSON parser would trip over.
+HOME_SSID="O'Brien \"\$(x)\" \\ & Söhne"
+home_up security=open
+kvs_set product.robotid 0123456789ABCDEF
+start_peers
+start_daemon
+wait_state 0 60
+provisioning_begins
+app_sends key=
+provisioning_succeeds "$HOME_SSID"
+expect_message network/events "$(netinfo dhcp=true sec=0)" 5
+[[ ! $(station_status pairwise_cipher) || $(station_status pairwise_cipher) == NONE ]]

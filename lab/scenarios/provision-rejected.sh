@@ -1,0 +1,18 @@
+# limit: 240 s
+# The access point refuses the robot; the owner changes that.
+home_up rejects=1
+kvs_set product.robotid 0123456789ABCDEF
+start_peers
+start_daemon
+wait_state 0 60
+provisioning_begins
+app_sends
+expect_log 'connection to AP rejected' 60
+provisioning_fails 6 60
+
+step "it is let in"
+end ap1
+sed -i s/AP-ENABLED/AP-WAS-ENABLED/ "$LAB_RESULTS/ap1.log"
+home_ap_up
+app_sends
+provisioning_succeeds

@@ -1,0 +1,25 @@
+# limit: 240 s
+# The owner walks away: after twenty minutes the robot gives up, keeps a Wi-Fi log, and is home again as before.
+home_up
+save_network
+kvs_set product.robotid 0123456789ABCDEF
+start_peers
+fast_clock 1
+start_daemon
+wait_state 1 90
+provisioning_begins
+refute "the station still has its address" grep . <<<"$(robot_address)"
+
+step "20 minutes pass, forty times as fast"
+mark
+fast_clock 40
+expect_log 'PROVISIONING TIMEOUT' 60
+fast_clock 1
+expect_message robot/debug '^\{"command":"provfail"\}$' 20
+expect_log 'provisioning stopped in state 1' 30
+grep -q wpa_supplicant /tmp/prov-fail-wifilog*
+
+step "home again"
+wait_state 1 90
+[[ $(kvs_get network.last_prov_status) == 1 ]]
+refute "the soft AP is still up" ip link show wlan1
