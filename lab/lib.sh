@@ -127,6 +127,25 @@ $(messages_since_mark)"
     done
 }
 
+# story_begins: from here on each command that runs through sudo is logged, for `story`.
+story_begins() {
+    sed -i '/!syslog/d' /etc/sudoers.d/netwarden
+    wc -l <"$LAB_LOG" >$LAB/story.log
+    wc -l <"$LAB_MESSAGES" >$LAB/story.messages
+}
+
+# story: what the robot was told, said and did since story_begins, in the order of time: "TOPIC PAYLOAD" for each
+# message, "% COMMAND" for each command. Left out is what only asks (arping, wpa_cli status, all_sta) and what
+# answers; what differs from run to run is ID and ADDRESS.
+story() {
+    {
+        tail -n +$(($(<$LAB/story.messages) + 1)) "$LAB_MESSAGES"
+        tail -n +$(($(<$LAB/story.log) + 1)) "$LAB_LOG" |
+            sed -nE -e '/(arping .*| status| all_sta)$/d' -e 's/^([0-9.]+) sudo: .* COMMAND=[^ ]*\/([^ /]+)/\1 % \2/p'
+    } | sort -n | sed -E -e 's/^[^ ]+ //' -e 's,^(tarn/[^ ]*/)[0-9]+ ,\1ID ,' -e '/^(lab|tarn\/network)\//d' \
+        -e 's/"192\.168\.77\.1[0-5][0-9]"/"ADDRESS"/'
+}
+
 # netinfo dhcp=.. sec=.. [addr=..] [dns2=..]: the pattern of the netinfo message of a robot joined to radio 1.
 netinfo() {
     local dhcp sec addr='192\.168\.77\.1[0-5][0-9]' dns2=0.0.0.0

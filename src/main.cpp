@@ -168,9 +168,15 @@ void open_log() {
     park();
 }
 
+// Whether the sleep lasted to its end: no signal cut it short.
+bool undisturbed_sleep(time_t seconds) {
+    const timespec duration{seconds, 0};
+    return nanosleep(&duration, nullptr) == 0;
+}
+
 void wait_for_the_robot() {
     LOGI("sleeping for %d secs", static_cast<int>(kStartDelayS));
-    if (sleep(kStartDelayS) != 0)
+    if (!undisturbed_sleep(kStartDelayS))
         LOGW("could not sleep for required time");
 }
 
@@ -342,7 +348,7 @@ void publish_what_changed(NetinfoText &previous, NetinfoText &current) {
         wifi_network_status_update();
         if (is_robot_provisioning() == 0)
             publish_what_changed(previous, current);
-        if (sleep(1) != 0)
+        if (!undisturbed_sleep(1))
             continue;
         const long after = monotonic_seconds();
         wifi_timer_tick(after);

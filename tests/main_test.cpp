@@ -15,6 +15,9 @@ extern "C" unsigned sleep(unsigned seconds) {
     usleep(seconds * 20'000);
     return 0;
 }
+extern "C" int nanosleep(const timespec *duration, timespec * /*rest*/) {
+    return usleep(static_cast<useconds_t>(duration->tv_sec * 20'000 + duration->tv_nsec / 1000));
+}
 
 namespace {
 

@@ -17,7 +17,8 @@ expect_log 'PROVISIONING TIMEOUT' 60
 fast_clock 1
 expect_message robot/debug '^\{"command":"provfail"\}$' 20
 expect_log 'provisioning stopped in state 1' 30
-grep -q wpa_supplicant /tmp/prov-fail-wifilog*
+captured() { base64 -d /tmp/syslog-prov-fail-wifilog.gz.base64 | zcat | grep -q wpa_supplicant; }
+expect "a Wi-Fi log" 30 captured
 
 step "home again"
 wait_state 1 90
