@@ -18,7 +18,7 @@ expect_message robot/debug softapconnect 15
 
 step "the phone sends the home's settings; the robot joins"
 publish brisk/network/events '{"wlcfg":{"ssid":"4c616220486f6d65","pass":"636f727265637420686f727365203432"},"robotpass":"secret9"}'
-expect_log 'rx event PROVISIONING_NETWORK_CONFIG_RX in state WAITING_FOR_NETWORK_CONFIG_RX' 5
+expect_log 'COMMAND=.*provision --clmode dhcp' 5
 publish brisk/network/events '{"uap":false}'
 provisioning_succeeds
 
