@@ -2,12 +2,6 @@
 # limit: 500 s
 declare -r WATCH_S=180 SETTLE_S=30
 
-# figure NAME VALUE: a line of the report and of results/idle/figures.
-figure() {
-    printf '%-44s %s\n' "$1" "$2" >>"$LAB_RESULTS/figures"
-    printf 'T # %-44s %s\n' "$1" "$2" >&3
-}
-
 # memory KEY...: the sum of these in smaps_rollup, in KiB (which it calls kB).
 memory() {
     local keys

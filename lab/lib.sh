@@ -86,6 +86,12 @@ end() {
 }
 gone() { ! kill -0 "$1"; }
 
+# figure NAME VALUE: a measurement: a comment of the report and a line of results/figures.
+figure() {
+    printf '%-44s %s\n' "$1" "$2" >>"$LAB_RESULTS/figures"
+    printf 'T # %-44s %s\n' "$1" "$2" >&3
+}
+
 # --- what the robot says -----------------------------------------------------------------------------
 
 has_log() { log_since_mark | grep -qE -- "$1"; }

@@ -12,31 +12,42 @@ chapter() {
 # The broker's messages and the telling lines of the log, live. Set-up noise and repetitions stay out.
 tail -n 0 -F "$LAB_MESSAGES" 2>/dev/null | while read -r _ topic payload; do
     case $topic in
-    network/events) tell "   ${GREEN}$topic${PLAIN}  $payload" ;;
+    network/events | robot/debug | local/cmd) tell "   ${GREEN}$topic${PLAIN}  $payload" ;;
+    brisk/network/events) tell "   ${BLUE}$topic${PLAIN}  $payload" ;;
     esac
 done &
 tail -n 0 -F "$LAB_LOG" 2>/dev/null | grep --line-buffered -E \
-    'found wlan0|network block generated|Connection established|CTRL-EVENT-(CONNECTED|DISCONNECTED)|wifi = |wifi is |Network is down|ready to ping|no ping recv|maximum ping loss|reconnect' |
+    'found wlan0|SoftAP is|rx event|network block generated|Connection established|CTRL-EVENT-(CONNECTED|DISCONNECTED)|wifi = |wifi is |Network is down|ready to ping|no ping recv|maximum ping loss|reconnect' |
     while read -r _ line; do tell "   ${DIM}${line%% - <*}${PLAIN}"; done &
 
 chapter "A home: an access point with WPA2 on channel 6, DHCP, a gateway, all on simulated radios."
+tell "A robot that has just left the factory boots. It waits five seconds for its other processes, and finds no"
+tell "saved network."
 home_up
-save_network
 kvs_set product.robotid 0123456789abcdef0123456789abcdef
+kvs_set robot.name Rosie
 start_peers
-
-chapter "The robot boots. It waits five seconds for its other processes, finds the saved network and joins."
 fast_clock 1
 start_daemon
-wait_state 1 90
-expect_message network/events '"addr":"192\.168\.77\.1[0-9][0-9]"' 10
-tell "   -> connected: address $(robot_address), leased from the home's DHCP server; the gateway answered an ARP ping."
+wait_state 0 60
 
-chapter "Somebody unplugs the access point for half a minute."
+chapter "Its owner starts the app, which asks for provisioning. The robot opens a soft AP, and the phone joins it."
+mark
+provisioning_begins
+
+chapter "The phone sends the home's name and password. The robot leaves its soft AP and joins the home."
+app_sends
+provisioning_succeeds
+tell "   -> connected: address $(robot_address), leased from the home's DHCP server; the gateway answered an ARP ping."
+tell "   -> the settings are saved, the password only as the key that is made from it."
+
+chapter "The phone is at home too now. Its app looks for robots: one UDP probe to everyone."
+home netwardenctl discover --interface br0 | while read -r line; do tell "   $line"; done
+
+chapter "Somebody unplugs the access point."
 mark
 home_ap_down
 wait_state 5 60
-sleep 10
 chapter "The access point is back. The robot joins again."
 mark
 home_ap_up
