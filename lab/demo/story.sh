@@ -17,8 +17,9 @@ tail -n 0 -F "$LAB_MESSAGES" 2>/dev/null | while read -r _ topic payload; do
     esac
 done &
 tail -n 0 -F "$LAB_LOG" 2>/dev/null | grep --line-buffered -E \
-    'found wlan0|SoftAP is|rx event|network block generated|Connection established|CTRL-EVENT-(CONNECTED|DISCONNECTED)|wifi = |wifi is |Network is down|ready to ping|no ping recv|maximum ping loss|reconnect' |
+    'found wlan0 iface|SoftAP is|rx event|network block generated|Connection established|CTRL-EVENT-(CONNECTED|DISCONNECTED)|wifi = |wifi is |Network is down|ready to ping|no ping recv|maximum ping loss' |
     while read -r _ line; do tell "   ${DIM}${line%% - <*}${PLAIN}"; done &
+mapfile -t tails < <(jobs -p)
 
 chapter "A home: an access point with WPA2 on channel 6, DHCP, a gateway, all on simulated radios."
 tell "A robot that has just left the factory boots. It waits five seconds for its other processes, and finds no"
@@ -68,3 +69,4 @@ chapter "The gateway answers again; the restarted network comes up."
 wait_state 1 90
 sleep 2
 tell "   -> connected: $(robot_address). That is the robot's life, day and night."
+kill "${tails[@]}"

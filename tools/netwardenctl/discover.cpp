@@ -40,7 +40,14 @@ struct InterfacesReleaser {
     void operator()(ifaddrs *list) const { freeifaddrs(list); }
 };
 
-// The broadcast addresses of the named interface, or of all.
+uint32_t ipv4_of(const sockaddr *text) {
+    sockaddr_in address{};
+    memcpy(&address, text, sizeof address);
+    return address.sin_addr.s_addr;
+}
+
+// The broadcast addresses of the named interface, or of all. Made from address and mask: whoever
+// sets an interface up by hand forgets to give it one.
 std::vector<uint32_t> broadcast_addresses(const std::string &interface) {
     ifaddrs *list = nullptr;
     if (getifaddrs(&list) != 0)
@@ -50,11 +57,8 @@ std::vector<uint32_t> broadcast_addresses(const std::string &interface) {
     for (const ifaddrs *each = list; each != nullptr; each = each->ifa_next)
         if (each->ifa_addr != nullptr && each->ifa_addr->sa_family == AF_INET &&
             (each->ifa_flags & IFF_UP) != 0 && (each->ifa_flags & IFF_BROADCAST) != 0 &&
-            each->ifa_broadaddr != nullptr && (interface.empty() || interface == each->ifa_name)) {
-            sockaddr_in address{};
-            memcpy(&address, each->ifa_broadaddr, sizeof address);
-            found.push_back(address.sin_addr.s_addr);
-        }
+            each->ifa_netmask != nullptr && (interface.empty() || interface == each->ifa_name))
+            found.push_back(ipv4_of(each->ifa_addr) | ~ipv4_of(each->ifa_netmask));
     return found;
 }
 
