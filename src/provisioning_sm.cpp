@@ -144,11 +144,12 @@ void arm_debounce(long now) {
                                                  static_cast<uint32_t>(kDebounceMs));
 }
 
-// Both sides are whole seconds: a button is ignored exactly in the second of the start.
+// Both sides are whole seconds: a button is ignored exactly in the second of the start. A deadline
+// further ahead than it was ever set is one from 24 days ago and more, before the wrap.
 bool is_debounced(long now) {
     const auto past = static_cast<int32_t>(static_cast<uint32_t>(milliseconds(now)) -
                                            static_cast<uint32_t>(own.debounce_deadline));
-    if (past > 0)
+    if (past > 0 || past < -kDebounceMs)
         return false;
     LOGI("ignoring abort due to button debounce timer");
     return true;

@@ -76,6 +76,9 @@ TEST_F(ProvisioningMachine, AbortIsIgnoredInTheSecondOfTheStart) {
     run(PROVISIONING_ABORT, 101);
     EXPECT_TRUE(logged("provisioning stopped in state 1"));
     EXPECT_EQ(is_robot_provisioning(), 0);
+    run(MFG_WIFI_TEST, 102);
+    run(PROVISIONING_ABORT, 30L * 24 * 3600);  // the milliseconds have wrapped since the start
+    EXPECT_EQ(is_robot_provisioning(), 0);
 }
 
 TEST_F(ProvisioningMachine, TimesOutAfterTwentyMinutes) {
