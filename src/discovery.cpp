@@ -125,15 +125,19 @@ struct addresses {
     std::array<uint8_t, kMacLength> mac{};
 };
 
-// Of the active interface. Without one the MAC stays what it was last; with a name that is none,
-// both are zero.
+std::array<uint8_t, kMacLength> last_mac() {
+    const std::lock_guard guard(shared.lock);
+    return shared.last_mac;
+}
+
+// Of the active interface. Without one, or while it tells none, the MAC stays what it was last;
+// with a name that is none, both are zero.
 addresses read_addresses() {
     addresses found;
     const MallocText name(pex_kvs_get_key_str_malloc("network.interface"));
     if (!name) {
         LOGE("Could not get discovery_if key");
-        const std::lock_guard guard(shared.lock);
-        found.mac = shared.last_mac;
+        found.mac = last_mac();
         return found;
     }
     if (strlen(name.get()) >= IFNAMSIZ) {
@@ -143,7 +147,8 @@ addresses read_addresses() {
         uint32_t address = 0;
         pex_net_get_ip(name.get(), &address);
         inet_ntop(AF_INET, &address, found.ip.data(), found.ip.size());
-        pex_net_get_hwaddr(name.get(), found.mac.data());
+        if (pex_net_get_hwaddr(name.get(), found.mac.data()) != 0)
+            found.mac = last_mac();
     }
     const std::lock_guard guard(shared.lock);
     shared.last_mac = found.mac;
@@ -168,10 +173,6 @@ std::string escaped(const std::string &text) {
     const std::string_view inside = quoted.get();
     return std::string(inside.substr(1, inside.size() - 2));
 }
-
-}  // namespace
-
-namespace {
 
 // What follows the capabilities: `robot.trained` bare when it is one of JSON's words.
 std::string tail() {

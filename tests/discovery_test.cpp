@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 
 #include <array>
+#include <filesystem>
 
 #include "pthread_utils.h"
 #include "robot.h"
@@ -23,14 +24,18 @@ class Discovery : public Robot {
         ASSERT_TRUE(eventually([] { return !probe("halvikmcs", 300).empty(); }));
     }
 
-    static std::string probe(const std::string &text, int patience_ms = 5000) {
-        const Fd app(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    static void send(const Fd &app, const std::string &text) {
         sockaddr_in robot{};
         robot.sin_family = AF_INET;
         robot.sin_port = htons(5678);
         robot.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         sendto(app.get(), text.data(), text.size(), 0, reinterpret_cast<sockaddr *>(&robot),
                sizeof robot);
+    }
+
+    static std::string probe(const std::string &text, int patience_ms = 5000) {
+        const Fd app(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+        send(app, text);
         pollfd ready{app.get(), POLLIN, 0};
         std::array<char, 2048> reply;
         if (poll(&ready, 1, patience_ms) <= 0)
@@ -53,6 +58,20 @@ TEST_F(Discovery, OnlyTheExactProbeIsAnswered) {
         R"("mac":"00:00:00:00:00:00","sw":"4.5.3-\"142\"","sku":"","nc":0,"proto":"mqtt",)"
         R"("cap":{},"trained":true})");
     EXPECT_EQ(kvs_get("robot.name"), "robot");
+}
+
+TEST_F(Discovery, SurvivesAFlood) {
+    const std::string garbage(65507, 'x');
+    for (int sender = 0; sender < 50; sender++) {
+        const Fd app(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+        for (int i = 0; i < 20; i++)
+            send(app, i % 2 == 0 ? "halvikmcs" : garbage);
+    }
+    forget_log();
+    EXPECT_TRUE(eventually([] { return !probe("halvikmcs", 500).empty(); }));
+    const auto descriptors =
+        std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+    EXPECT_LT(descriptors, 20);
 }
 
 TEST_F(Discovery, DescriptionFollowsTheCapabilitiesAndItsBound) {
