@@ -11,10 +11,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <new>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "log.h"
 #include "owned.h"
@@ -157,13 +157,18 @@ constexpr std::string_view kPattern{
 constexpr std::string_view kPatch{
     "\x03"
     "00I"};
-using Bytes = std::vector<char>;
+
+struct Bytes {
+    std::unique_ptr<char[]> data;
+    size_t size;
+};
 
 bool read_nv_file(int fd, Bytes &content) {
-    const size_t expected = content.size();
+    const size_t expected = content.size;
     size_t total = 0;
     ssize_t count = 0;
-    while (total < expected && (count = read(fd, content.data() + total, expected - total)) > 0) {
+    while (total < expected &&
+           (count = read(fd, content.data.get() + total, expected - total)) > 0) {
         LOGI("read %d bytes of %d from nv file", static_cast<int>(count),
              static_cast<int>(expected));
         total += static_cast<size_t>(count);
@@ -178,19 +183,19 @@ bool read_nv_file(int fd, Bytes &content) {
     }
     LOGI("read %d bytes (expected %d) from nv file", static_cast<int>(total),
          static_cast<int>(expected));
-    content.resize(total);
+    content.size = total;
     return true;
 }
 
 bool write_all(int fd, const Bytes &content) {
-    for (size_t total = 0; total < content.size();) {
-        const ssize_t count = write(fd, content.data() + total, content.size() - total);
-        if (count < 0) {
+    for (size_t total = 0; total < content.size;) {
+        const ssize_t count = write(fd, content.data.get() + total, content.size - total);
+        if (count <= 0) {
             LOGE("write error %d", errno);
             return false;
         }
         LOGI("wrote %d bytes of %d to nv file", static_cast<int>(count),
-             static_cast<int>(content.size()));
+             static_cast<int>(content.size));
         total += static_cast<size_t>(count);
     }
     return true;
@@ -230,7 +235,7 @@ scan patch_at(size_t position, Bytes &content, Fd &nv) {
     }
     if (!write_all(backup.get(), content))
         return scan::stop;
-    memcpy(content.data() + position, kPatch.data(), kPatch.size());
+    memcpy(content.data.get() + position, kPatch.data(), kPatch.size());
     nv.reset(open(kNvFile, O_WRONLY | O_CREAT | O_CLOEXEC, kNvMode));
     if (!nv) {
         LOGE("error %d opening nv file ", errno);
@@ -252,12 +257,17 @@ int wifi_regdom_utils_patch_nv_file() {
         LOGE("can't stat %s", kNvFile);
         return -1;
     }
-    Bytes content(static_cast<size_t>(info.st_size));
+    const auto size = static_cast<size_t>(info.st_size);
+    Bytes content{std::unique_ptr<char[]>(new (std::nothrow) char[size]), size};
+    if (!content.data) {
+        LOGE("out of memory");
+        return -1;
+    }
     if (!read_nv_file(nv.get(), content))
         return -1;
     bool patched = false;
     bool found = false;
-    const std::string_view view(content.data(), content.size());
+    const std::string_view view(content.data.get(), content.size);
     for (size_t position = 0; (position = view.find(kPattern, position)) != view.npos; position++) {
         found = true;
         const scan result = patch_at(position, content, nv);
