@@ -1,0 +1,43 @@
+// What the captured Wi-Fi log may show, and where it may be written.
+#include "pex_log_utils.h"
+
+#include "robot.h"
+
+namespace {
+
+class LogCapture : public Robot {
+  protected:
+    static std::string capture(const char *tag) {
+        const MallocText path(create_wifi_log_file_malloc(tag));
+        return path ? path.get() : "<null>";
+    }
+};
+
+TEST_F(LogCapture, NamesNoNetworkAndNoDevice) {
+    write_file("/opt/halvik/bin/wifilogs.sh",
+               "#!/run/fakes/dash\nprintf 'SSID: Home\\nssid=Home\\n\\tssid=Home\\t#\\n"
+               "addr 0a:1B:22:33:44:55 up\\nsignal -40\\n'\n",
+               0755);
+    const std::string path = "/tmp/syslog-prov-fail-wifilog.gz.base64";
+    write_file("/tmp/victim", "precious");
+    ASSERT_EQ(symlink("/tmp/victim", path.c_str()), 0);
+    EXPECT_EQ(capture("prov-fail-wifilog"), path);
+    EXPECT_EQ(read_file("/tmp/victim"), "precious");
+    ASSERT_EQ(system(("base64 -d " + path + " | gunzip >/tmp/plain").c_str()), 0);
+    EXPECT_EQ(read_file("/tmp/plain").find("Home"), std::string::npos) << read_file("/tmp/plain");
+    EXPECT_NE(read_file("/tmp/plain").find("addr **:**:**:**:**:** up\nsignal -40"),
+              std::string::npos)
+        << read_file("/tmp/plain");
+    EXPECT_THAT(capture(nullptr), testing::MatchesRegex("/tmp/syslog-... ... .. ..:..:.. "
+                                                        "[0-9]+.gz.base64"));
+}
+
+TEST_F(LogCapture, WithoutTheScriptThereIsOnlyAName) {
+    const std::string fits(256 - 1 - 22, 'x');
+    EXPECT_EQ(capture(fits.c_str()), "/tmp/syslog-" + fits + ".gz.base64");
+    EXPECT_EQ(read_file("/tmp/syslog-" + fits + ".gz.base64"), "<none>");
+    EXPECT_EQ(capture((fits + "x").c_str()), "<null>");
+    EXPECT_TRUE(logged("snprintf failed: ret: 256"));
+}
+
+}  // namespace
