@@ -171,6 +171,20 @@ refute_text() {
 # publish TOPIC PAYLOAD: as another process of the robot.
 publish() { mosquitto_pub -q 1 -t "$1" -m "$2"; }
 
+# peer_asks PROCESS TEXT ANSWER: another process's request; ANSWER (a pattern) must come at once.
+peer_asks() {
+    local id=$RANDOM$RANDOM
+    publish "tarn/network/req/$1/$id" "$2"
+    expect_message "tarn/$1/resp/network/$id" "^$3\$" 5
+}
+
+# peer_tells PROCESS TEXT: another process's event; its acknowledgement must come at once.
+peer_tells() {
+    local id=$RANDOM$RANDOM
+    publish "tarn/network/event/$1/$id" "$2"
+    expect_message "tarn/$1/ack/network/$id" '^$' 5
+}
+
 # --- the robot ---------------------------------------------------------------------------------------
 
 # kvs_set KEY VALUE, kvs_get KEY, kvs_del KEY: the robot's key-value store.
