@@ -15,6 +15,7 @@
 #include "discovery.h"
 #include "gateway_pinger.h"
 #include "log.h"
+#include "mdns_device_discover.h"
 #include "monitor_main.h"
 #include "mqtt_client.h"
 #include "mqttapp/mqtt_app.h"
@@ -304,6 +305,8 @@ void start(const options &given) {
     bring_wifi_into_a_known_state();
     start_thread({"Creating gw pinger thread", "pinger_main", pinger_main,
                   "Could not start thread for pinger\n"});
+    start_thread({"Creating IoT device mDNS discovery thread", "mdns_discovery",
+                  mdns_discovery_main, "Could not start thread for mDNS\n"});
     start_thread({"Creating IoT device pinger thread", "dev_pinger", device_pinger_main,
                   "Could not start thread for pinger\n"});
     start_thread({"Creating subnet pinger thread", "dev_subnet_ping", device_subnet_ping_main,

@@ -1,0 +1,106 @@
+// Devices that announce themselves: the lines of the real browser's parsable form, made by a fake
+// of it.
+#include "mdns_device_discover.h"
+
+#include <unistd.h>
+
+#include <thread>
+
+#include "home_device_list.h"
+#include "robot.h"
+
+// Three seconds of the thread are a hundredth of one.
+extern "C" unsigned sleep(unsigned seconds) {
+    usleep(seconds * 3'000);
+    return 0;
+}
+
+namespace {
+
+using testing::HasSubstr;
+
+std::string record(const std::string &name, const std::string &txt,
+                   const std::string &address = "192.168.77.30",
+                   const std::string &type = "_x._tcp") {
+    return "=;wlan0;IPv4;" + name + ";" + type + ";local;host.local;" + address + ";80;" + txt +
+           "\n";
+}
+
+class Browser : public Robot {
+  protected:
+    // What the list holds when all rounds of browsing that prints `lines` are over.
+    std::vector<device_texts> browse(const std::string &lines) {
+        write_file("/tmp/lines", lines);
+        fake("avahi-browse", "[ \"$*\" = -artlp ] && cat /tmp/lines; echo x >>/tmp/rounds");
+        std::thread(mdns_discovery_main, nullptr).detach();
+        start_device_discovery();
+        EXPECT_TRUE(eventually([&] { return read_file("/tmp/rounds") == "x\nx\nx\n"; }));
+        usleep(50'000);
+        return copy_device_list();
+    }
+};
+
+TEST_F(Browser, DescribesDevicesAsTheyDescribeThemselves) {
+    struct {
+        std::string line;
+        std::optional<std::string> name, google_cd, type, md;
+    } const cases[]{
+        {record(R"(My\032Speaker)", R"("x=1")"), "My Speaker", {}, {}, {}},
+        {record(R"(a\.b\\c\300\0001\03x)", R"("x=1")"), R"(a.b\c\300\0001\03x)", {}, {}, {}},
+        {record("n", R"("fn=Kitchen" "cd=AB12" "md=Google Home Mini")"), "Kitchen", "AB12",
+         "smart-speaker", "Google Home Mini"},
+        {record("n", R"("md=Chromecast" "cd=")"), "n", "", "tv", "Chromecast"},
+        {record("n", R"("cd=none" "Home")"), "n", "none", {}, {}},
+        {record("n", R"("md=LIFX Z")"), "n", {}, "light", "LIFX Z"},
+        {record("n", R"("md=Printer" "fn=not closed)"), "n", {}, {}, "Printer"},
+    };
+    std::string lines = "+;wlan0;IPv4;unresolved;_x._tcp;local\n" +
+                        record("phone", R"("x")", "192.168.77.9", "_apple-mobdev2._tcp") +
+                        record("six", R"("x")", "fe80::1") + "=;wlan0;IPv4;short\n=\n\n";
+    for (size_t i = 0; i < std::size(cases); i++) {
+        std::string line = cases[i].line;
+        line.replace(line.find(".77.30"), 6, ".77.3" + std::to_string(i));
+        lines += line;
+    }
+    const auto devices = browse(lines);
+    ASSERT_EQ(devices.size(), std::size(cases));
+    for (size_t i = 0; i < std::size(cases); i++) {
+        SCOPED_TRACE(cases[i].line);
+        EXPECT_EQ(devices[i].name, cases[i].name);
+        EXPECT_EQ(devices[i].google_cd, cases[i].google_cd);
+        EXPECT_EQ(devices[i].type, cases[i].type);
+        EXPECT_EQ(devices[i].md, cases[i].md);
+        EXPECT_EQ(devices[i].hostname, "host.local");
+        EXPECT_FALSE(devices[i].mac);
+    }
+    EXPECT_EQ(times_logged("cannot parse ipv6 addresses"), 3);  // once a round
+    EXPECT_EQ(times_logged("mdns entry added for My Speaker 192.168.77.30"), 1);
+    EXPECT_EQ(times_logged("mdns entry already added for My Speaker 192.168.77.30"), 2);
+}
+
+TEST_F(Browser, IsNotDeceivedByLongLines) {
+    // What follows in an overlong line looks like a record of its own.
+    const std::string filler(510 - record("a", "").size() + 1, 'x');
+    const auto devices = browse(record("a", filler + record("evil", "\"fn=evil\"", "6.6.6.6")) +
+                                record("b", "\"fn=b\"", "192.168.77.31"));
+    ASSERT_EQ(devices.size(), 2u);
+    EXPECT_EQ(devices[0].name, "a");
+    EXPECT_EQ(devices[1].name, "b");
+}
+
+TEST_F(Browser, StopsAndIsStartedOnce) {
+    start_device_discovery();
+    start_device_discovery();
+    EXPECT_TRUE(logged("pinger_is still active"));
+    stop_device_discovery();
+    EXPECT_EQ(is_device_discovery_active(), 0);
+    std::thread(mdns_discovery_main, nullptr).detach();
+    usleep(100'000);
+    EXPECT_THAT(commands(), testing::Not(testing::Contains(HasSubstr("avahi"))));
+    fake("avahi-browse", "exit 127");
+    start_device_discovery();
+    EXPECT_TRUE(eventually([&] { return commands().size() == 3; }));
+    EXPECT_TRUE(copy_device_list().empty());
+}
+
+}  // namespace
