@@ -4,7 +4,8 @@
 #
 # Small Wi-Fi chips run two interfaces at once: the station and one other, either the soft AP (while
 # a phone provisions the robot) or the monitor (while home devices are tracked). So netwarden
-# removes the one before it adds the other, and a BSSID hop moves the channel of both.
+# removes the one before it adds the other. The monitor gets no channel: it is wherever the station
+# is, and a hop to an access point on another channel takes both there.
 #
 # An interface that is there without our doing, because the driver makes it or because it is a
 # radio of its own, is left alone, and both actions succeed.
