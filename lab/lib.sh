@@ -205,6 +205,14 @@ save_network() {
     kvs_set network.last_prov_status 1
 }
 
+# save_small_network: as save_network, with the address 192.168.77.2 in a subnet of six, which is soon swept.
+save_small_network() {
+    save_network
+    kvs_set network.addr_type 0
+    kvs_set network.ip_config "sudo provision --clmode static --clipaddr 192.168.77.2 --clnetmask 255.255.255.248 \
+--clgw $HOME_GATEWAY --cldnsns1 $HOME_GATEWAY --cldnsns2 $HOME_GATEWAY"
+}
+
 # start_daemon [ARGUMENT...]: netwarden, with the clock of the last fast_clock.
 start_daemon() {
     rm -f $LAB/daemon.exit $LAB/daemon.pid
@@ -288,6 +296,40 @@ station_status() { wpa_cli -iwlan0 status | sed -n "s/^$1=//p"; }
 # psk_of SSID KEY: the 64 digits that a passphrase becomes.
 psk_of() { wpa_passphrase "$1" "$2" | sed -n 's/^\tpsk=//p'; }
 
+# robot_mdns_up: the robot's own mDNS, which avahi-browse asks.
+robot_mdns_up() {
+    mkdir -p /run/dbus
+    background dbus dbus-daemon --system --nofork --nopidfile
+    expect "the system bus" 10 test -S /run/dbus/system_bus_socket
+    background mdns avahi-daemon --no-drop-root --no-chroot --no-rlimits
+    expect "the robot's mDNS" 20 grep -q 'Server startup complete' "$LAB_RESULTS/mdns.log"
+}
+
+# track start|stop|pause: switches tracking of the home's devices.
+track() { publish brisk/network/events "{\"event\":\"$1WifiDeviceTracking\"}"; }
+
+# census: the newest report of the home's devices since the mark.
+census() { messages_since_mark | sed -n 's/^[^ ]* robot\/debug \({"wifiDevices":.*\)/\1/p' | tail -1; }
+
+# device I [JSON MEMBERS]: how the census shows it.
+device() { echo "{\"mac_address\":\"$(device_mac "$1")\"${2:+,$2}}"; }
+
+# expect_device SECONDS I [JSON MEMBERS]: the newest census lists device I with exactly these.
+expect_device() {
+    local wanted
+    wanted=$(device "$2" "${3-}")
+    wait_until "$1" lists "$wanted" || fail "not listed: $wanted in
+$(census)"
+}
+lists() { census | grep -qF -- "$1"; }
+
+# daemon_status KEY: VmRSS or VmHWM in kB, Threads ... of netwarden.
+daemon_status() { awk -v key="$1:" '$1 == key { print $2 }' "/proc/$(daemon_pid)/status"; }
+
+# daemon_peak_on, daemon_peak KEY: the highest daemon_status from then on (sampled each 0.2 s).
+daemon_peak_on() { background peak bash -c "while sleep 0.2; do cat /proc/$(daemon_pid)/status; done"; }
+daemon_peak() { awk -v key="$1:" '$1 == key && $2 > top { top = $2 } END { print top }' "$LAB_RESULTS/peak.log"; }
+
 # broker_up: the robot's broker starts; from then on its traffic is noted.
 broker_up() {
     background broker mosquitto -c /etc/mosquitto/mosquitto.conf
@@ -331,6 +373,8 @@ home_ap_up() {
     {
         printf '%s\n' interface=$interface driver=nl80211 bridge=br0 ctrl_interface=$LAB/hostapd \
             logger_syslog=0 ssid2="$(hex "$ssid")" hw_mode=$mode channel=$channel ignore_broadcast_ssid=$hidden
+        # World-wide rules allow no access point at 5 GHz.
+        ((channel <= 14)) || echo country_code=US
         # A station sleeps through more beacons than one: status 51, listen interval too large.
         if ((rejects)); then echo max_listen_interval=1; fi
         case $security in
@@ -395,6 +439,51 @@ home_up() {
     home_ap_up "$@"
     home_dhcp_up
 }
+
+# home_ap_power RADIO DBM: how loud it is; the robot's radio hears -30 dBm from one that sends with 20.
+home_ap_power() { home iw dev wlan$(($1 + 1)) set txpower fixed $(($2 * 100)); }
+
+# home_devices N: device1 to deviceN, namespaces behind the home's bridge that answer ARP and IPv6.
+home_devices() {
+    local i
+    for ((i = 1; i <= $1; i++)); do
+        ip netns add device$i
+        home ip link del device$i 2>/dev/null || true   # of a robot before
+        home ip link add device$i type veth peer name eth0 address "$(device_mac $i)" netns device$i
+        home ip link set device$i master br0 up
+        ip -n device$i -batch - <<BATCH
+addr add $(device_address $i)/24 dev eth0
+addr add fd77::$i/64 dev eth0 nodad
+link set lo up
+link set eth0 up
+BATCH
+    done
+}
+
+# device_address I, device_mac I: all over the subnet, outside of what DHCP gives away.
+device_address() { echo "192.168.77.$((10 + $1 / 2 * 8 + $1 % 2 * 150))"; }
+device_mac() { printf '02:77:00:00:00:%02d\n' "$1"; }
+
+# home_announce I HOST-NAME NAME TYPE [TXT...]: device I announces a service by a real avahi-daemon of its own.
+home_announce() {
+    local folder=$LAB/device$1 log=$LAB_RESULTS/avahi$1.log device=$1 host=$2 name=$3 type=$4 text
+    shift 4
+    mkdir -p "$folder" /run/avahi-daemon
+    {
+        echo "<service-group><name>$(xml "$name")</name><service><type>$type</type><port>8009</port>"
+        for text; do echo "<txt-record>$(xml "$text")</txt-record>"; done
+        echo "</service></service-group>"
+    } >"$folder/$type.new"
+    mv "$folder/$type.new" "$folder/$type.service"
+    [[ ! -e $LAB/avahi$device.pid ]] || return 0   # it sees the new file itself
+    printf '%s\n' '[server]' host-name="$host" enable-dbus=no '[publish]' publish-hinfo=no \
+        publish-workstation=no >"$folder/conf"
+    background "avahi$device" nsenter --net=/run/netns/device$device unshare -m sh -c "
+        mount --bind $folder /etc/avahi/services && mount -t tmpfs none /run/avahi-daemon &&
+        exec avahi-daemon --file=$folder/conf --no-drop-root --no-chroot --no-rlimits --no-proc-title"
+    expect "device $device announces its service" 20 grep -q 'successfully established' "$log"
+}
+xml() { printf %s "$1" | sed 's/&/\&amp;/g; s/</\&lt;/g'; }
 
 # phone_join [ssid=..] [key=..]: the owner's phone joins a network (no key: open) and gets an address there.
 phone_join() {
@@ -494,7 +583,7 @@ reset_radios() {
     ! home ip link show br0 >/dev/null 2>&1 || home ip link del br0
     home ip link set lo up
     phone ip link set lo up
-    home ip link add br0 type bridge
+    home ip link add br0 address 02:77:00:00:00:fe type bridge
     home ip addr add $HOME_GATEWAY/24 dev br0
     home ip link set br0 up
     home_arp_drop off
