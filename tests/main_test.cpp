@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 
 #include <algorithm>
+#include <regex>
 
 #include "robot.h"
 #include "wifi_state.h"
@@ -95,6 +96,20 @@ class Boot : public Robot {
             std::chrono::seconds(20));
     }
 
+    // Sends the message until it is taken, which the log tells: the state it needs may be to come.
+    bool taken(const std::string &topic, const std::string &payload, const std::string &effect) {
+        const int before = times_logged(effect);
+        return eventually(
+            [&] {
+                write_file("/tmp/payload", payload);
+                EXPECT_EQ(system(("mosquitto_pub -q 1 -s -t " + topic + " </tmp/payload").c_str()),
+                          0);
+                return effect.empty() || eventually([&] { return times_logged(effect) > before; },
+                                                    std::chrono::milliseconds(500));
+            },
+            std::chrono::seconds(10));
+    }
+
   private:
     static pid_t spawn(std::vector<const char *> arguments) {
         arguments.push_back(nullptr);
@@ -147,6 +162,36 @@ TEST_F(Boot, WaitsForItsInterfaceHoweverLong) {
     write_file("/tmp/plugged", "");
     EXPECT_TRUE(logged("SoftAP is down"));
     EXPECT_EQ(kvs_get("network.interface"), "sta0");
+}
+
+// The examples of docs/messages.md, in their order: what goes in has the effect that is told there,
+// and what is asked gets the answer that is told there.
+TEST_F(Boot, TakesTheDocumentedMessages) {
+    const std::string document = read_file("/mnt/messages.md");
+    const std::regex example("```json (in|out) (\\S+)(?: -> ([^\n]*))?\n([^\n]*)\n```");
+    boot();
+    ASSERT_TRUE(published("network/events {\"wifistat\""));
+    ASSERT_TRUE(taken("tarn/network/req/30/0", R"({"set_log_level": "dbg"})", ""));
+    int sent = 0;
+    for (std::sregex_iterator each(document.begin(), document.end(), example), end; each != end;
+         ++each) {
+        const std::string topic = (*each)[2];
+        const std::string payload = (*each)[4];
+        SCOPED_TRACE(topic + " " + payload);
+        if ((*each)[1] == "in") {
+            EXPECT_TRUE(taken(topic, payload, (*each)[3]));
+            sent++;
+        } else if (topic.starts_with("tarn/30/")) {
+            EXPECT_TRUE(published(topic + " " + payload));
+        }
+    }
+    EXPECT_GE(sent, 25);
+    EXPECT_TRUE(eventually([&] {
+        const std::string traffic = read_file("/tmp/broker");
+        return std::regex_search(
+            traffic,
+            std::regex(R"(resp/network/3 .*"nc":5,.*"cap":\{"ota":2,"maps":3,"pose":1\})"));
+    }));
 }
 
 }  // namespace

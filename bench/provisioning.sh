@@ -1,4 +1,4 @@
-# How long a provisioned robot takes to be connected, and how long the same takes by hand: lab/run bench/provision.sh
+# How long a provisioned robot takes to be connected, and how long the same takes by hand: lab/run bench/provisioning.sh
 # limit: 500 s
 declare -r ROUNDS=3
 
