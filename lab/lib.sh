@@ -296,11 +296,12 @@ station_status() { wpa_cli -iwlan0 status | sed -n "s/^$1=//p"; }
 # psk_of SSID KEY: the 64 digits that a passphrase becomes.
 psk_of() { wpa_passphrase "$1" "$2" | sed -n 's/^\tpsk=//p'; }
 
-# robot_mdns_up: the robot's own mDNS, which avahi-browse asks.
+# robot_mdns_up: the robot's own mDNS, which avahi-browse asks; by IPv6 as well.
 robot_mdns_up() {
     mkdir -p /run/dbus
     background dbus dbus-daemon --system --nofork --nopidfile
     expect "the system bus" 10 test -S /run/dbus/system_bus_socket
+    ip addr add fd77::77/64 dev wlan0 nodad
     background mdns avahi-daemon --no-drop-root --no-chroot --no-rlimits
     expect "the robot's mDNS" 20 grep -q 'Server startup complete' "$LAB_RESULTS/mdns.log"
 }
