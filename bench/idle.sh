@@ -15,11 +15,7 @@ ticks() { awk -v a="$1" -v b="$2" '{ print $a + $b }' "/proc/$pid/stat"; }
 # an_hour TICKS: CPU seconds in an hour, when it was TICKS since the watch began.
 an_hour() { awk -v ticks="$1" -v hz="$(getconf CLK_TCK)" -v span="$span" 'BEGIN { printf "%.1f\n", ticks / hz * 3600 / span }'; }
 
-home_up
-save_network
-start_peers
-start_daemon
-wait_state 1 120
+robot_at_home
 connected=$(since_start)
 pid=$(daemon_pid)
 step "connected; the daemon settles for $SETTLE_S s and is watched for $WATCH_S s"

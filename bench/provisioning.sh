@@ -32,10 +32,7 @@ by_hand() {
 }
 
 home_up
-kvs_set product.robotid 0123456789ABCDEF
-start_peers
-start_daemon
-wait_state 0 60
+new_robot_up
 publish brisk/network/events '{"event":"tidelinkConnected"}'
 for ((round = 0; round < ROUNDS; round++)); do by_daemon >>$LAB/by_daemon; done
 stop_daemon

@@ -268,6 +268,24 @@ start_peers() {
 
 stop_peers() { end peers; }
 
+# new_robot_up: a robot without settings, with its other processes.
+new_robot_up() {
+    kvs_set product.robotid 0123456789ABCDEF
+    start_peers
+    start_daemon
+    wait_state 0 60
+}
+
+# robot_at_home: a home, and a robot that has joined it.
+robot_at_home() {
+    home_up
+    save_network
+    kvs_set product.robotid 0123456789ABCDEF
+    start_peers
+    start_daemon
+    wait_state 1 120
+}
+
 # peers_next_cleaning N: from now on the next cleaning is N away.
 peers_next_cleaning() { tell_peers "{\"process\": 9, \"nextCleaning\": $1}"; }
 

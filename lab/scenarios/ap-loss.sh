@@ -2,11 +2,7 @@
 # lease renewed by signal. Away for half a minute: the watchdog finds the robot still waiting and restarts
 # the network, and the robot joins when the access point is back.
 # limit: 300 s
-home_up
-save_network
-start_peers
-start_daemon
-wait_state 1 90
+robot_at_home
 # A ping has just been sent: the watchdog, which restarts the network, is 20 seconds away.
 expect_log 'ready to ping using' 40
 address=$(robot_address)

@@ -1,9 +1,5 @@
 # The broker restarts under a connected robot: what happened meanwhile is told afterwards, in order.
-home_up
-save_network
-start_peers
-start_daemon
-wait_state 1 90
+robot_at_home
 
 step "the broker is away, and so is the access point for a moment"
 mark

@@ -3,10 +3,7 @@
 # provisioned by its owner as any other. Process 1 runs the test.
 home_up
 home_ap_up ssid=owner key='owner key 7' radio=2 channel=1
-kvs_set product.robotid 0123456789ABCDEF
-start_peers
-start_daemon
-wait_state 0 60
+new_robot_up
 
 step "the test starts, and brings settings; process 1 hears that the robot joins"
 mark

@@ -1,12 +1,7 @@
 # limit: 270 s
 # The owner presses the button at each step of a provisioning: the saved network is rejoined every time. The
 # last provisioning status stays what the provisioning came to: 8 when it was about to connect.
-home_up
-save_network
-kvs_set product.robotid 0123456789ABCDEF
-start_peers
-start_daemon
-wait_state 1 90
+robot_at_home
 
 aborted() { # in state $1, leaving status $2
     mark

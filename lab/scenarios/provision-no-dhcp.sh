@@ -1,10 +1,7 @@
 # limit: 540 s
 # The home gives no address, then one whose gateway does not answer; the app is told both times.
 home_ap_up
-kvs_set product.robotid 0123456789ABCDEF
-start_peers
-start_daemon
-wait_state 0 60
+new_robot_up
 provisioning_begins
 app_sends
 expect_log 'CTRL-EVENT-CONNECTED' 60

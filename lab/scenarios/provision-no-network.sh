@@ -1,9 +1,6 @@
 # limit: 240 s
 # The network is not there: the app is told so; then its access point is switched on.
-kvs_set product.robotid 0123456789ABCDEF
-start_peers
-start_daemon
-wait_state 0 60
+new_robot_up
 provisioning_begins
 app_sends
 provisioning_fails 2 90

@@ -2,10 +2,7 @@
 # A home without a key, whose name holds what a shell or a JSON parser would trip over.
 HOME_SSID="O'Brien \"\$(x)\" \\ & Söhne"
 home_up security=open
-kvs_set product.robotid 0123456789ABCDEF
-start_peers
-start_daemon
-wait_state 0 60
+new_robot_up
 provisioning_begins
 app_sends key=
 provisioning_succeeds "$HOME_SSID"

@@ -1,10 +1,7 @@
 # limit: 240 s
 # The access point refuses the robot; the owner changes that.
 home_up rejects=1
-kvs_set product.robotid 0123456789ABCDEF
-start_peers
-start_daemon
-wait_state 0 60
+new_robot_up
 provisioning_begins
 app_sends
 expect_log 'connection to AP rejected' 60

@@ -1,10 +1,7 @@
 # limit: 180 s
 # The owner gives the robot an address of its own; the home has no DHCP server at all.
 home_ap_up
-kvs_set product.robotid 0123456789ABCDEF
-start_peers
-start_daemon
-wait_state 0 60
+new_robot_up
 provisioning_begins
 
 step "a gateway that is no address reaches no shell"

@@ -1,10 +1,7 @@
 # limit: 270 s
 # The owner mistypes the password: the app is told so, and the robot takes the right one at the second try.
 home_up
-kvs_set product.robotid 0123456789ABCDEF
-start_peers
-start_daemon
-wait_state 0 60
+new_robot_up
 provisioning_begins
 
 step "the wrong password"

@@ -1,10 +1,7 @@
 # limit: 240 s
 # A robot without settings is provisioned by its owner's phone: all that is said and done, in its order.
 home_up
-kvs_set product.robotid 0123456789ABCDEF
-start_peers
-start_daemon
-wait_state 0 60
+new_robot_up
 expect_message tarn/network/resp/corehub/.* '"cap"' 10
 story_begins
 
