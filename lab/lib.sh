@@ -205,11 +205,11 @@ save_network() {
     kvs_set network.last_prov_status 1
 }
 
-# save_small_network: as save_network, with the address 192.168.77.2 in a subnet of six, which is soon swept.
+# save_small_network [MASK]: as save_network, with the address 192.168.77.2 in a subnet of six, soon swept.
 save_small_network() {
     save_network
     kvs_set network.addr_type 0
-    kvs_set network.ip_config "sudo provision --clmode static --clipaddr 192.168.77.2 --clnetmask 255.255.255.248 \
+    kvs_set network.ip_config "sudo provision --clmode static --clipaddr 192.168.77.2 --clnetmask ${1:-255.255.255.248} \
 --clgw $HOME_GATEWAY --cldnsns1 $HOME_GATEWAY --cldnsns2 $HOME_GATEWAY"
 }
 
