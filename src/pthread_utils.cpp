@@ -10,6 +10,11 @@ namespace {
 
 constexpr size_t kNameSize = 16;  // the kernel's, with the terminator
 
+// Room for Jansson, which descends 2048 levels into a message at most (700 KiB with 64-bit
+// pointers); the system's 8 MiB for each of a sweep's workers are more than a small processor can
+// address.
+constexpr size_t kStackSize = size_t{1} << 20;
+
 class Attributes {
   public:
     Attributes() : valid_(pthread_attr_init(&attributes_) == 0) {}
@@ -59,6 +64,8 @@ int pthread_create_detached_thread(pthread_t *id, void *(*routine)(void *), void
         LOGE("Failed to set thread detached state");
         return -1;
     }
+    if (pthread_attr_setstacksize(attributes.get(), kStackSize) != 0)
+        LOGW("Failed to set thread stack size");
     if (strlen(name) >= kNameSize) {
         LOGE("Thread name too long");
         return -1;
