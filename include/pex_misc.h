@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <ctime>
+#include <string>
 
 // Runs a command line through the shell, waits for it without a limit, and logs its outcome under
 // the module's name. 0 or -1; `detail` (may be null) gets the exit code or an errno.
@@ -62,3 +63,6 @@ int pex_str_tolower(char *text);   // in place; 0, or -1 for null
 int pex_strip_spaces(char *text);  // removes every blank in place; 0, or -1 for null
 char *pex_generate_uuid_malloc();  // 32 upper-case digits, freed by the caller
 long pex_get_uptime();             // seconds since boot, -1 on failure
+
+// Foreign text as the log may show it: control characters, which could forge a line, become "?".
+std::string pex_one_line(const char *text);

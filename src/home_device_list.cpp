@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "log.h"
+#include "pex_misc.h"
 
 #define LOG_SOURCE "src/home_device_list"
 
@@ -20,10 +21,16 @@ namespace {
 
 constexpr size_t kMacSize = 24;
 
+// More than any home has, and what a robot's memory bears: whoever is on the network can announce
+// as many devices as he likes.
+constexpr size_t kMostDevices = 4096;
+
 // Tells a release by a thread that does not hold it, instead of going wrong.
 pthread_mutex_t list_lock = PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP;
 device_entry *first = nullptr;
 device_entry **tail = &first;  // the last entry's next link
+size_t entries = 0;
+bool is_told_full = false;  // once until the list is cleared
 
 std::mutex updated_lock;
 bool is_updated = false;
@@ -64,6 +71,7 @@ void append(device_entry *entry) {
     entry->back = tail;
     *tail = entry;
     tail = &entry->next;
+    entries++;
 }
 
 void unlink(device_entry &entry) {
@@ -72,6 +80,7 @@ void unlink(device_entry &entry) {
     else
         tail = entry.back;
     *entry.back = entry.next;
+    entries--;
 }
 
 std::optional<std::string> copy(const MallocText &text) {
@@ -117,7 +126,7 @@ void log_search(const Search &result, const char *ip, const char *mac) {
     }
     LOGD("looking for %s", ip != nullptr ? ip : mac);
     if (result.entry != nullptr)
-        LOGD(" found entry - name %s ip %s mac %s", shown(result.texts.name),
+        LOGD(" found entry - name %s ip %s mac %s", pex_one_line(shown(result.texts.name)).c_str(),
              shown(result.texts.ip), shown(result.texts.mac));
 }
 
@@ -174,34 +183,40 @@ bool fill_name(device_entry &entry, const Description &given, Change &change) {
     return true;
 }
 
-bool fill_mac(device_entry &entry, const Description &given, Change &change) {
+// A device whose address makes no sense is listed without it.
+void fill_mac(device_entry &entry, const Description &given, Change &change) {
     if (entry.mac || given.mac == nullptr)
-        return true;
+        return;
     entry.mac.reset(store_arping_mac_address_alloc(given.mac));
-    if (!entry.mac) {
-        change.error = "store_arping_mac_address_alloc failed";
-        return false;
-    }
     change.is_change = true;
-    return true;
+    if (!entry.mac)
+        change.error = "store_arping_mac_address_alloc failed";
 }
 
+// What was filled in before a failure stays, but is no change.
 bool complete(device_entry &entry, const Description &given, Change &change) {
-    return fill_name(entry, given, change) && fill(entry.google_cd, given.google_cd, change) &&
-           fill(entry.type, given.type, change) && fill(entry.hostname, given.hostname, change) &&
-           fill(entry.md, given.md, change) && fill_mac(entry, given, change);
+    if (fill_name(entry, given, change) && fill(entry.google_cd, given.google_cd, change) &&
+        fill(entry.type, given.type, change) && fill(entry.hostname, given.hostname, change) &&
+        fill(entry.md, given.md, change)) {
+        fill_mac(entry, given, change);
+        return true;
+    }
+    change.is_change = false;
+    return false;
 }
 
 void create(const Description &given, Change &change) {
+    if (entries >= kMostDevices) {
+        change.error = std::exchange(is_told_full, true) ? nullptr : "too many devices";
+        return;
+    }
     std::unique_ptr<device_entry> entry(new (std::nothrow) device_entry);
     if (!entry) {
         change.error = "calloc error";
         return;
     }
-    if (!fill(entry->ip, given.ip, change) || !complete(*entry, given, change)) {
-        change.is_change = false;
+    if (!fill(entry->ip, given.ip, change) || !complete(*entry, given, change))
         return;
-    }
     change.is_change = true;
     change.created = entry.release();
     append(change.created);
@@ -247,12 +262,15 @@ void init_device_list() {
     const ListLock guard;
     first = nullptr;
     tail = &first;
+    entries = 0;
 }
 
 void clear_device_list() {
     lock_device_list();
     device_entry *entry = std::exchange(first, nullptr);
     tail = &first;
+    entries = 0;
+    is_told_full = false;
     unlock_device_list();
     // Nobody else sees these any more.
     while (entry != nullptr) {

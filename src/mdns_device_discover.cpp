@@ -16,6 +16,7 @@
 #include "home_device_list.h"
 #include "log.h"
 #include "owned.h"
+#include "pex_misc.h"
 
 #define LOG_SOURCE "src/mdns_device_discover"
 
@@ -131,7 +132,8 @@ void add_device(const Fields &fields, const std::string &service_name) {
         add_entry_to_device_list(name.c_str(), friendly ? kFriendlyNameRank : kServiceNameRank,
                                  address, nullptr, type, text_of(google_cd),
                                  fields[kHostname].c_str(), text_of(model)) != nullptr;
-    LOGI("mdns entry %s for %s %s", is_new ? "added" : "already added", name.c_str(), address);
+    LOGI("mdns entry %s for %s %s", is_new ? "added" : "already added",
+         pex_one_line(name.c_str()).c_str(), address);
 }
 
 void log_fields(const Fields &fields) {
@@ -150,7 +152,7 @@ void take_line(const char *line) {
         return;
     const Fields fields = split(line);
     const std::string name = unescape(fields[kName]);
-    LOGD("name is %s", name.c_str());
+    LOGD("name is %s", pex_one_line(name.c_str()).c_str());
     if (fields[kType] == "_apple-mobdev2._tcp")
         return;  // a telephone's companion, not a device of the home
     log_fields(fields);
@@ -164,11 +166,15 @@ void take_line(const char *line) {
         add_device(fields, name);
 }
 
-// Of a line longer than the buffer only the first piece counts: what follows in it is whatever an
-// attacker put there, and must not pass for a record.
-void skip_rest_of_line(FILE *output) {
-    for (int c = 0; c != '\n' && c != EOF;)
-        c = fgetc(output);
+// The next line, its newline included, as far as the buffer holds it; false at the end. The rest of
+// a longer one is skipped: it is whatever an attacker put there, and must not pass for a record.
+bool read_line(FILE *output, std::array<char, kLineSize> &line) {
+    size_t length = 0;
+    for (int c = 0; c != '\n' && (c = fgetc(output)) != EOF;)
+        if (length < line.size() - 1)
+            line[length++] = static_cast<char>(c);
+    line[length] = '\0';
+    return length > 0;
 }
 
 void mdns_browse_once() {
@@ -177,12 +183,8 @@ void mdns_browse_once() {
         LOGE("Failed to run command %s", kBrowse);
         return;
     }
-    std::array<char, kLineSize + 1> line{};
-    while (fgets(line.data(), kLineSize, browser.get()) != nullptr) {
+    for (std::array<char, kLineSize> line{}; read_line(browser.get(), line);)
         take_line(line.data());
-        if (strchr(line.data(), '\n') == nullptr)
-            skip_rest_of_line(browser.get());
-    }
 }
 
 }  // namespace

@@ -333,3 +333,11 @@ long pex_get_uptime() {
     struct sysinfo info {};
     return sysinfo(&info) == 0 ? info.uptime : -1;
 }
+
+std::string pex_one_line(const char *text) {
+    std::string line(text);
+    for (char &c : line)
+        if (const auto byte = static_cast<unsigned char>(c); byte < 0x20 || byte == 0x7f)
+            c = '?';
+    return line;
+}

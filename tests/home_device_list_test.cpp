@@ -83,4 +83,17 @@ TEST_F(DeviceList, HardwareAddressesAreBounded) {
     }
 }
 
+TEST_F(DeviceList, HoldsAsManyAsAMemoryBears) {
+    for (int i = 0; i < 4200; i++)
+        add_entry_to_device_list(nullptr, 0, std::to_string(i).c_str(), nullptr, nullptr, nullptr,
+                                 nullptr, nullptr);
+    EXPECT_EQ(copy_device_list().size(), 4096u);
+    EXPECT_TRUE(logged("too many devices"));
+    EXPECT_EQ(times_logged("too many devices"), 1);
+    clear_device_list();
+    EXPECT_NE(
+        add_entry_to_device_list(nullptr, 0, "a", nullptr, nullptr, nullptr, nullptr, nullptr),
+        nullptr);
+}
+
 }  // namespace

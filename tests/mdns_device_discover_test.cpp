@@ -78,14 +78,18 @@ TEST_F(Browser, DescribesDevicesAsTheyDescribeThemselves) {
     EXPECT_EQ(times_logged("mdns entry already added for My Speaker 192.168.77.30"), 2);
 }
 
-TEST_F(Browser, IsNotDeceivedByLongLines) {
+TEST_F(Browser, IsNotDeceivedByWhatTheAirBrings) {
     // What follows in an overlong line looks like a record of its own.
     const std::string filler(510 - record("a", "").size() + 1, 'x');
-    const auto devices = browse(record("a", filler + record("evil", "\"fn=evil\"", "6.6.6.6")) +
-                                record("b", "\"fn=b\"", "192.168.77.31"));
-    ASSERT_EQ(devices.size(), 2u);
+    const auto devices =
+        browse(record("a", filler + record("evil", "\"fn=evil\"", "6.6.6.6")) +
+               std::string("=;\0;\n", 5) + record("b", "\"fn=b\"", "192.168.77.31") +
+               record(R"(c\010[ERROR] \027[2J)", "x", "192.168.77.32"));
+    ASSERT_EQ(devices.size(), 3u);
     EXPECT_EQ(devices[0].name, "a");
     EXPECT_EQ(devices[1].name, "b");
+    EXPECT_EQ(devices[2].name, "c\n[ERROR] \033[2J");
+    EXPECT_TRUE(logged("mdns entry added for c?[ERROR] ?[2J 192.168.77.32"));
 }
 
 TEST_F(Browser, StopsAndIsStartedOnce) {
