@@ -16,7 +16,8 @@ struct channel_info {
 // Thread body: one attempt to hop for each request.
 void *device_network_hop_main(void *unused);
 
-// Asks for a hop; one that already waits to be served stands for this one too. Any thread.
+// Asks for a hop. Each request is one attempt, also one that comes while a hop is under way: they
+// queue up, on purpose. Any thread.
 void device_network_hop_request();
 
 // The BSSID (freed by the caller) and frequency in MHz of the link, which it waits for. 1, or 0

@@ -23,10 +23,6 @@ class Semaphore {
             ;
     }
     void release() { sem_post(&semaphore_); }
-    bool is_free() {
-        int count = 0;
-        return sem_getvalue(&semaphore_, &count) == 0 && count > 0;
-    }
 
   private:
     sem_t semaphore_;

@@ -350,11 +350,8 @@ void *device_network_hop_main(void * /*unused*/) {
     }
 }
 
-// Hops take longer than the shortest interval that a robot may be set to. Requests that pile up
-// would keep the link roaming for hours after tracking was switched off.
 void device_network_hop_request() {
-    if (!requests.is_free())
-        requests.release();
+    requests.release();
 }
 
 int get_current_bssid(char **bssid, int32_t *frequency) {
