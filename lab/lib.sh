@@ -213,6 +213,17 @@ save_small_network() {
 --clgw $HOME_GATEWAY --cldnsns1 $HOME_GATEWAY --cldnsns2 $HOME_GATEWAY"
 }
 
+# robot_tracks: robot at home in that subnet, its sweep done, its log in full: what follows are hops.
+robot_tracks() {
+    save_small_network
+    start_daemon
+    wait_state 1 120
+    netwardenctl log-level dbg
+    mark
+    track start
+    expect_log 'discover threads done' 60
+}
+
 # start_daemon [ARGUMENT...]: netwarden, with the clock of the last fast_clock.
 start_daemon() {
     rm -f $LAB/daemon.exit $LAB/daemon.pid
@@ -276,12 +287,13 @@ new_robot_up() {
     wait_state 0 60
 }
 
-# robot_at_home: a home, and a robot that has joined it.
+# robot_at_home [hastened]: a home, and a robot that has joined it; hastened, it can take a fast_clock.
 robot_at_home() {
     home_up
     save_network
     kvs_set product.robotid 0123456789ABCDEF
     start_peers
+    [[ $# == 0 ]] || fast_clock 1
     start_daemon
     wait_state 1 120
 }

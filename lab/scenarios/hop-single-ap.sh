@@ -4,13 +4,7 @@ kvs_set product.regdom US
 kvs_set robot.disc_reconnect_sleep_sec 2
 home_ap_up channel=6 radio=1
 home_ap_up ssid=Neighbour key= security=open channel=36 radio=2
-save_small_network
-start_daemon
-wait_state 1 120
-netwardenctl log-level dbg
-mark
-track start
-expect_log 'discover threads done' 60
+robot_tracks
 
 stays() {
     mark

@@ -1,12 +1,6 @@
 # limit: 240 s
 # The owner walks away: after twenty minutes the robot gives up, keeps a Wi-Fi log, and is home again as before.
-home_up
-save_network
-kvs_set product.robotid 0123456789ABCDEF
-start_peers
-fast_clock 1
-start_daemon
-wait_state 1 90
+robot_at_home hastened
 provisioning_begins
 has_no_address
 

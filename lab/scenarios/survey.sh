@@ -8,13 +8,7 @@ home_ap_up channel=36 radio=2
 home_ap_up channel=149 radio=3
 home_ap_power 2 10
 home_ap_power 3 5
-save_small_network
-start_daemon
-wait_state 1 120
-netwardenctl log-level dbg
-mark
-track start
-expect_log 'discover threads done' 60
+robot_tracks
 
 entry() { printf '{"bssid":"%s","rssi":%d,"freq":%d}' "$(home_bssid "$1")" "$2" "$3"; }
 surveys() { messages_since_mark | grep -F ' robot/debug {"wifiScanResults":['; }

@@ -1,13 +1,7 @@
 # limit: 480 s
 # A local app trains the robot over its soft AP. Training ends by the app's word, by the button, for a provisioning,
 # or by itself after two hours without an app; the robot then goes home with what it had saved.
-home_up
-save_network
-kvs_set product.robotid 0123456789ABCDEF
-start_peers
-fast_clock 1
-start_daemon
-wait_state 1 90
+robot_at_home hastened
 
 tell() { publish brisk/network/events "$1"; }
 says() { expect_message robot/debug "^\{\"command\":\"$1\"\}$" 60; }
