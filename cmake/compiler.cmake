@@ -34,6 +34,11 @@ else()
         -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack -Wl,--gc-sections -Wl,--as-needed)
 endif()
 
+# On a 32-bit processor: clocks go on after January 2038, and files may have inode numbers of 64 bits.
+if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+    target_compile_definitions(netwarden_flags INTERFACE _TIME_BITS=64 _FILE_OFFSET_BITS=64)
+endif()
+
 # Position-independent everywhere, and really linked as such.
 include(CheckPIESupported)
 check_pie_supported(LANGUAGES CXX)

@@ -226,12 +226,14 @@ bool is_for_us(const State &state, const char *topic, address &to) {
 // Never the same twice in this process, and seldom one that an earlier process of our name used:
 // late responses to that one must find nothing here.
 uint64_t next_id() {
-    static std::atomic<uint64_t> last = [] {
+    static std::mutex lock;  // leaf; small processors have no atomic words of 64 bits
+    static uint64_t last = [] {
         uint32_t start = 0;
         if (getrandom(&start, sizeof start, GRND_NONBLOCK) != sizeof start)
             start = static_cast<uint32_t>(time(nullptr));
         return uint64_t{start};
     }();
+    const std::lock_guard guard(lock);
     return ++last;
 }
 
