@@ -607,6 +607,7 @@ robot_boot() {
 # The namespaces outlive the robots, so what is in them is made anew.
 reset_radios() {
     local interface
+    ! ip link show mon0 >/dev/null 2>&1 || iw dev mon0 del
     for interface in wlan0 wlan1; do ip link set $interface down; ip addr flush dev $interface; done
     for interface in wlan2 wlan3 wlan4; do home ip link set $interface down; done
     phone ip link set wlan5 down

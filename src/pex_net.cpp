@@ -328,7 +328,8 @@ int pex_net_parse_routes(const nlmsghdr *message, pex_net_route *route) {
         return -1;
     }
     if (message->nlmsg_len < NLMSG_LENGTH(sizeof(rtmsg))) {
-        LOGE("NLMSG_DATA returned NULL");
+        LOGE(message->nlmsg_len <= NLMSG_HDRLEN ? "NLMSG_DATA returned NULL"
+                                                : "route is not for AF_INET");
         return -1;
     }
     rtmsg header;
