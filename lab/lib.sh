@@ -279,6 +279,9 @@ start_peers() {
 
 stop_peers() { end peers; }
 
+# needs_fast_clocks: libfaketime hastens sleeps everywhere, but not the 64-bit clocks of 32-bit programs.
+needs_fast_clocks() { [[ $(getconf LONG_BIT) == 64 ]] || skip "no fast clocks on a 32-bit processor"; }
+
 # new_robot_up: a robot without settings, with its other processes.
 new_robot_up() {
     kvs_set product.robotid 0123456789ABCDEF

@@ -1,5 +1,6 @@
 # limit: 240 s
 # The owner walks away: after twenty minutes the robot gives up, keeps a Wi-Fi log, and is home again as before.
+needs_fast_clocks
 robot_at_home hastened
 provisioning_begins
 has_no_address
