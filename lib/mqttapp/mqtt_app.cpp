@@ -286,7 +286,8 @@ bool is_own_pair(int fd) {
 }
 
 // Programs that the process starts must not hold a dead connection open. The client library also
-// makes a pair of sockets for each connection and tells nobody their numbers.
+// makes a pair of sockets for each connection and tells nobody their numbers. What starts in the
+// instant between its opening them and this still inherits them: the library has no flag for it.
 void close_on_exec(mosquitto *client) {
     fcntl(mosquitto_socket(client), F_SETFD, FD_CLOEXEC);
     const Directory open(opendir("/proc/self/fd"));
