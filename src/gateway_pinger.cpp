@@ -59,18 +59,29 @@ const char *reply_address(char *line) {
     return strtok_r(line, "[", &rest) != nullptr ? strtok_r(nullptr, "]", &rest) : nullptr;
 }
 
-bool find_reply(FILE *output) {
+// A ping that could not be run says nothing about the gateway.
+enum class ping_result { answered, silent, not_run };
+
+ping_result find_reply(FILE *output) {
     const MallocText line(static_cast<char *>(malloc(kLineSize)));
     if (!line) {
         LOGE("malloc error");
-        return false;
+        return ping_result::not_run;
     }
     while (fgets(line.get(), kLineSize, output) != nullptr)
         if (const char *address = reply_address(line.get())) {
             LOGD("received gateway reply, mac addr: %s", address);
-            return true;
+            return ping_result::answered;
         }
-    return false;
+    return ping_result::silent;
+}
+
+ping_result run_ping(const char *command) {
+    const Pipe output(command);
+    if (output)
+        return find_reply(output.get());
+    LOGE("popen failed");
+    return ping_result::not_run;
 }
 
 // The watchdog. One object lives on the pinger thread; a cycle is run every 20 s.
@@ -154,14 +165,13 @@ class Watchdog {
 
     void ping() {
         const bool provisioning = is_robot_provisioning() != 0;
-        const bool answered = !provisioning && gateway_pinger_arping_once(ping_command_.get()) != 0;
+        const ping_result result =
+            provisioning ? ping_result::not_run : run_ping(ping_command_.get());
         forget_missing_address();
-        if (provisioning)
-            return;  // the loss counter keeps its value
-        if (answered)
+        if (result == ping_result::answered)
             lost_pings_ = 0;
-        else
-            count_lost_ping();
+        else if (result == ping_result::silent)
+            count_lost_ping();  // else the counter keeps its value
     }
 
     void count_lost_ping() {
@@ -223,14 +233,7 @@ char *create_arping_cmd_str_malloc() {
 int gateway_pinger_arping_once(const char *command) {
     const MallocText built(command == nullptr ? create_arping_cmd_str_malloc() : nullptr);
     const char *line = command != nullptr ? command : built.get();
-    if (line == nullptr)
-        return 0;
-    const Pipe output(line);
-    if (!output) {
-        LOGE("popen failed");
-        return 0;
-    }
-    return find_reply(output.get()) ? 1 : 0;
+    return line != nullptr && run_ping(line) == ping_result::answered ? 1 : 0;
 }
 
 void gateway_pinger_set_mission_in_progress(int flag) {

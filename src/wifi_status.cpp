@@ -275,13 +275,12 @@ void log_event(const char *text) {
 
 // --- start from the saved settings ---------------------------------------------------------------
 
-void apply_saved_ip_config() {
-    const MallocText ip_config(pex_kvs_get_key_str_malloc("network.ip_config"));
-    if (!ip_config) {
+void apply_saved_ip_config(const char *ip_config) {
+    if (ip_config == nullptr) {
         LOGE("failed to get ip config");
         return;
     }
-    wifictl_set_ip_config(ip_config.get());
+    wifictl_set_ip_config(ip_config);
     if (failed(wifi_set_provision_ip_config()))
         LOGE("failed to set ip configuration");
 }
@@ -367,11 +366,12 @@ void wifi_start_sta_from_kvs_configuration() {
         return;
     const MallocText ssid(pex_kvs_get_key_str_malloc("network.ssid"));
     const MallocText pass(pex_kvs_get_key_str_malloc("network.password"));
+    const MallocText ip_config(pex_kvs_get_key_str_malloc("network.ip_config"));
     if (!ssid) {
         LOGE("failed to get ssid");
         return;
     }
-    apply_saved_ip_config();
+    apply_saved_ip_config(ip_config.get());
     if (!load_addr_type())
         return;
     wifictl_set_ssid(ssid.get());

@@ -1,6 +1,7 @@
 #include "gateway_pinger.h"
 
 #include <semaphore.h>
+#include <sys/resource.h>
 
 #include "pthread_utils.h"
 #include "robot.h"
@@ -90,6 +91,13 @@ TEST_F(GatewayWatchdog, RestartsAfterThreeSilentPingsInARow) {
     }
     EXPECT_THAT(commands(), testing::Not(testing::Contains("sudo ifdown wlan0")));
     cycle_logs("");
+    rlimit files{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &files), 0);
+    const rlimit no_more_files{3, files.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &no_more_files), 0);
+    EXPECT_TRUE(cycle_logs("popen failed"));
+    EXPECT_EQ(times_logged("loss counter"), 0);  // a ping that could not be sent is not lost
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &files), 0);
     EXPECT_TRUE(cycle_logs("maximum ping loss count, restarting network"));
     EXPECT_THAT(commands(), testing::Contains("sudo ifdown wlan0"));
 }
