@@ -23,10 +23,11 @@ wlan_monitor_message wlan_monitor_parse(const char *datagram);
 // Thread body: connects when signalled, delivers events, leaves when told to.
 void *wlan_monitor_main(void *unused);
 
-// Wakes the thread to connect; blocks while it is connected already. Any thread.
+// Wakes the thread to connect; blocks while it is connected already, which a stop request ends
+// within half a second. Any thread.
 void wlan_monitor_signal_attach();
 
-// Asks the thread to disconnect, which it does within 5 s. Any thread.
+// Asks the thread to disconnect, which it does at once; returns before it is done. Any thread.
 void wlan_monitor_signal_deattach();
 
 // Commands to the supplicant. The reply is terminated within `size`. 0, -1, or -2 when the

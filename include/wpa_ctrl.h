@@ -35,6 +35,19 @@ int wpa_ctrl_request(wpa_ctrl *ctrl, const char *cmd, size_t cmd_len, char *repl
 int wpa_ctrl_attach(wpa_ctrl *ctrl);
 int wpa_ctrl_detach(wpa_ctrl *ctrl);
 
+// How long an exchange with the supplicant may take: at most `timeout_ms` for the reply, and at
+// most 0.2 s from when the descriptor `cancel` (-1: none) is readable, which counts as a failure
+// (-1).
+struct wpa_ctrl_patience {
+    int timeout_ms;
+    int cancel;
+};
+// As the three above, for a supplicant that may be leaving: with a patience of the caller's.
+int wpa_ctrl_request_within(wpa_ctrl *ctrl, const wpa_ctrl_patience &patience, const char *cmd,
+                            size_t cmd_len, char *reply, size_t *reply_len, wpa_ctrl_msg_cb msg_cb);
+int wpa_ctrl_attach_within(wpa_ctrl *ctrl, const wpa_ctrl_patience &patience);
+int wpa_ctrl_detach_within(wpa_ctrl *ctrl, const wpa_ctrl_patience &patience);
+
 // Takes one datagram without waiting. 0, or negative with `*reply_len` untouched.
 int wpa_ctrl_recv(wpa_ctrl *ctrl, char *reply, size_t *reply_len);
 
@@ -52,3 +65,5 @@ size_t os_strlcpy(char *dest, const char *src, size_t size);  // the length of `
 // What select says of one descriptor, for any descriptor number: 1 when reading would not block, 0
 // after the time-out, -1 with errno set (EBADF for a closed or negative one).
 int os_wait_readable(int fd, int timeout_ms);
+// The same, and -1 with errno ECANCELED as soon as `cancel` (-1: none) is readable and `fd` is not.
+int os_wait_readable_or(int fd, int cancel, int timeout_ms);

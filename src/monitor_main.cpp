@@ -1,6 +1,7 @@
 #include "monitor_main.h"
 
 #include <pthread.h>
+#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <array>
@@ -23,8 +24,11 @@ namespace {
 
 constexpr char kSocketDirectory[] = "/var/run/wpa_supplicant";
 constexpr size_t kEventSize = 4096;
-constexpr int kSelectTimeoutMs = 5'000;  // how late a stop request may be noticed
+constexpr int kSelectTimeoutMs = 5'000;  // a stop request comes sooner, by its descriptor
 constexpr int kToleratedSelectFailures = 3;
+constexpr int kAfterFailureMs = 1'000;
+constexpr int kReplyMs = 10'000;
+constexpr int kFarewellMs = 500;  // a supplicant that is being ended may not answer any more
 
 char *interface_name = nullptr;  // lives for the process, as does the callback
 wlan_monitor_event_cb event_callback = nullptr;
@@ -49,8 +53,37 @@ std::mutex request_lock;
 std::mutex attach_lock;
 pthread_cond_t attach_signal = PTHREAD_COND_INITIALIZER;
 
-std::mutex stop_lock;
-bool is_stop_requested = false;
+// The request to leave the supplicant. Also a descriptor, readable while the request stands, that
+// ends whatever wait the monitor thread or a command is in.
+class StopRequest {
+  public:
+    void set() {
+        const std::lock_guard guard(lock_);
+        is_set_ = true;
+        eventfd_write(event_, 1);
+    }
+    void clear() {
+        const std::lock_guard guard(lock_);
+        is_set_ = false;
+        eventfd_t count;
+        eventfd_read(event_, &count);
+    }
+    bool is_set() {
+        const std::lock_guard guard(lock_);
+        return is_set_;
+    }
+    // -1 on a system out of descriptors: then the request is noticed when a wait has ended.
+    int descriptor() const { return event_; }
+
+  private:
+    std::mutex lock_;
+    bool is_set_ = false;
+    const int event_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);  // open for the process's life
+};
+StopRequest stop;
+
+// A link that a failed attempt left half open is dropped with the next one asked to stop.
+std::atomic<bool> is_leftover_stale{false};
 
 class ConnectionLock {
   public:
@@ -68,15 +101,6 @@ class CommandReference {
     CommandReference &operator=(const CommandReference &) = delete;
 };
 
-void set_stop_request(bool value) {
-    const std::lock_guard guard(stop_lock);
-    is_stop_requested = value;
-}
-bool get_stop_request() {
-    const std::lock_guard guard(stop_lock);
-    return is_stop_requested;
-}
-
 bool is_connected() {
     return command_connection.load() != nullptr;
 }
@@ -86,7 +110,7 @@ bool is_connected() {
 void wlan_monitor_close_connection() {
     const ConnectionLock guard;
     if (std::exchange(is_attached, false))
-        wpa_ctrl_detach(monitor_connection);
+        wpa_ctrl_detach_within(monitor_connection, {kFarewellMs, -1});
     wpa_ctrl_close(command_connection.exchange(nullptr));
     wpa_ctrl_close(std::exchange(monitor_connection, nullptr));
 }
@@ -115,7 +139,7 @@ int wlan_monitor_open_connection(const char *ifname) {
     monitor_connection = wpa_ctrl_open(path.get());
     if (monitor_connection == nullptr)
         return -1;  // the command connection stays open, on purpose
-    if (wpa_ctrl_attach(monitor_connection) != 0) {
+    if (wpa_ctrl_attach_within(monitor_connection, {kReplyMs, stop.descriptor()}) != 0) {
         LOGE("Warning: Failed to attach to wpa_supplicant.\n");
         wlan_monitor_close_connection();
         return -1;
@@ -200,13 +224,22 @@ void wlan_monitor_recv_pending() {
 
 // --- the thread ----------------------------------------------------------------------------------
 
-// A signal that interrupts the wait starts the full time-out again.
+// A signal that interrupts the wait starts the full time-out again; a stop request ends it as if
+// the time were up.
 int wait_for_event(int descriptor) {
     int ready;
     do
-        ready = os_wait_readable(descriptor, kSelectTimeoutMs);
+        ready = os_wait_readable_or(descriptor, stop.descriptor(), kSelectTimeoutMs);
     while (ready < 0 && errno == EINTR);
-    return ready;
+    return ready < 0 && errno == ECANCELED ? 0 : ready;
+}
+
+// The pause after a failed wait, which a stop request cuts short.
+void pause_after_failure() {
+    if (stop.descriptor() < 0)
+        sleep(kAfterFailureMs / 1000);
+    else
+        os_wait_readable(stop.descriptor(), kAfterFailureMs);
 }
 
 void receive_until_stopped(int descriptor) {
@@ -216,19 +249,20 @@ void receive_until_stopped(int descriptor) {
         if (ready < 0 && failures < kToleratedSelectFailures) {
             LOGE("select failed, errno: %d", errno);
             failures++;
-            sleep(1);
+            pause_after_failure();
+            if (stop.is_set())
+                return;  // nothing is lost with a link that fails
             continue;
         }
-        if (ready < 0) {
-            // One less than were seen, on purpose.
+        if (ready < 0)  // one less than were seen, on purpose
             LOGE("select failed %d times, closing connection", failures);
-            set_stop_request(true);
-        }
         // A failed wait leaves the descriptor marked readable, so the last one gets a pass as well:
         // a supplicant that is back by then is connected to, and left at once.
         if (ready != 0)
             wlan_monitor_recv_pending();
-        if (get_stop_request())
+        if (ready < 0)
+            stop.set();
+        if (stop.is_set())
             return;
         failures = 0;
         // The supplicant that terminated took the descriptor with it; its number may soon be
@@ -252,6 +286,10 @@ int connect_to_supplicant() {
 
 // From one attach signal to the end of the connection it made.
 void serve_attach() {
+    if (is_leftover_stale.exchange(false) && is_connected())
+        wlan_monitor_close_connection();
+    if (stop.is_set())
+        return;  // asked for after the signal: the supplicant is about to go
     const int descriptor = connect_to_supplicant();
     if (descriptor < 0) {
         LOGE("failed to connect to wpa_supplicant");
@@ -292,14 +330,15 @@ int wlan_monitor_ctrl_command(const char *command, char *reply, size_t size) {
         return -1;
     }
     wpa_ctrl *const connection = command_connection;
-    if (connection == nullptr) {
+    if (connection == nullptr || stop.is_set()) {
         LOGE("Not connected to wpa_supplicant - command dropped.\n");
         return -1;
     }
     const std::lock_guard guard(request_lock);
     size_t length = size - 1;
     const int result =
-        wpa_ctrl_request(connection, command, strlen(command), reply, &length, wlan_monitor_msg_cb);
+        wpa_ctrl_request_within(connection, {kReplyMs, stop.descriptor()}, command, strlen(command),
+                                reply, &length, wlan_monitor_msg_cb);
     if (result >= 0)
         reply[length] = '\0';
     return report_request(result, command);
@@ -342,18 +381,20 @@ void *wlan_monitor_main(void *) {
         // No predicate, on purpose: one signal, one attempt. A signal before the first wait is
         // lost, and a spurious wake-up is an attempt that nobody asked for and does no harm.
         pthread_cond_wait(&attach_signal, attach_lock.native_handle());
-        set_stop_request(false);
         serve_attach();
     }
 }
 
 void wlan_monitor_signal_attach() {
     const std::lock_guard guard(attach_lock);
+    // Cleared here, not when the thread wakes: a stop request that comes in between must stand.
+    stop.clear();
     pthread_cond_signal(&attach_signal);
 }
 
 void wlan_monitor_signal_deattach() {
-    set_stop_request(true);
+    is_leftover_stale = true;
+    stop.set();
 }
 
 int wlan_monitor_ctrl_status(char *reply, size_t size) {

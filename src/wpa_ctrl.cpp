@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <iterator>
 #include <string_view>
 
 #include "owned.h"
@@ -22,6 +23,9 @@ namespace {
 constexpr std::string_view kAbstractPrefix = "@abstract:";
 constexpr int kReplyTimeoutMs = 10'000;
 constexpr long kSendTimeoutS = 5;  // a full queue: the supplicant has stopped reading
+constexpr int kSendPauseS = 1;
+constexpr int kLastChanceMs = 200;  // in which a supplicant that lives has answered
+constexpr wpa_ctrl_patience kUsualPatience{kReplyTimeoutMs, -1};
 
 // Bind and connect always name the whole record: an abstract name is padded with zeros.
 constexpr socklen_t kAddressLength = sizeof(sockaddr_un);
@@ -80,7 +84,18 @@ bool has_waited_too_long(const os_reltime &start) {
     return seconds > kSendTimeoutS || (seconds == kSendTimeoutS && microseconds > 0);
 }
 
-bool send_command(int socket, const char *command, size_t length) {
+// The pause before another try to send; false when there is to be none.
+bool pause_sending(const wpa_ctrl_patience &patience) {
+    if (patience.timeout_ms < kSendPauseS * 1000)
+        return false;
+    if (patience.cancel >= 0)
+        return os_wait_readable(patience.cancel, kSendPauseS * 1000) == 0;
+    os_sleep(kSendPauseS, 0);
+    return true;
+}
+
+bool send_command(int socket, const wpa_ctrl_patience &patience, const char *command,
+                  size_t length) {
     os_reltime start{};
     bool is_retry = false;
     while (send(socket, command, length, 0) < 0) {
@@ -91,15 +106,21 @@ bool send_command(int socket, const char *command, size_t length) {
         else if (has_waited_too_long(start))
             return false;
         is_retry = true;
-        os_sleep(1, 0);
+        if (!pause_sending(patience))
+            return false;
     }
     return true;
 }
 
-// 0 when a datagram waits, -2 after 10 s without one, or the failed wait's result.
-int wait_for_reply(int socket) {
+// 0 when a datagram waits, -2 after the time-out without one, or the failed wait's result.
+int wait_for_reply(int socket, const wpa_ctrl_patience &patience) {
     for (;;) {
-        const int ready = os_wait_readable(socket, kReplyTimeoutMs);
+        int ready = os_wait_readable_or(socket, patience.cancel, patience.timeout_ms);
+        if (ready < 0 && errno == ECANCELED) {
+            ready = os_wait_readable(socket, kLastChanceMs);
+            if (ready == 0)
+                return -1;
+        }
         if (ready > 0)
             return 0;
         if (ready == 0)
@@ -109,11 +130,11 @@ int wait_for_reply(int socket) {
     }
 }
 
-int subscribe(wpa_ctrl *ctrl, const char *command) {
+int subscribe(wpa_ctrl *ctrl, const wpa_ctrl_patience &patience, const char *command) {
     std::array<char, 10> reply;
     size_t length = reply.size();
-    const int result =
-        wpa_ctrl_request(ctrl, command, strlen(command), reply.data(), &length, nullptr);
+    const int result = wpa_ctrl_request_within(ctrl, patience, command, strlen(command),
+                                               reply.data(), &length, nullptr);
     if (result < 0)
         return result;
     return std::string_view(reply.data(), length) == "OK\n" ? 0 : -1;
@@ -158,13 +179,14 @@ void wpa_ctrl_close(wpa_ctrl *ctrl) {
     unlink(ctrl->local.sun_path);
 }
 
-int wpa_ctrl_request(wpa_ctrl *ctrl, const char *cmd, size_t cmd_len, char *reply,
-                     size_t *reply_len, wpa_ctrl_msg_cb msg_cb) {
+int wpa_ctrl_request_within(wpa_ctrl *ctrl, const wpa_ctrl_patience &patience, const char *cmd,
+                            size_t cmd_len, char *reply, size_t *reply_len,
+                            wpa_ctrl_msg_cb msg_cb) {
     errno = 0;
-    if (!send_command(ctrl->s, cmd, cmd_len))
+    if (!send_command(ctrl->s, patience, cmd, cmd_len))
         return -1;
     for (;;) {
-        if (const int result = wait_for_reply(ctrl->s); result < 0)
+        if (const int result = wait_for_reply(ctrl->s, patience); result < 0)
             return result;
         const ssize_t received = recv(ctrl->s, reply, *reply_len, 0);
         if (received < 0)
@@ -182,11 +204,22 @@ int wpa_ctrl_request(wpa_ctrl *ctrl, const char *cmd, size_t cmd_len, char *repl
     }
 }
 
+int wpa_ctrl_attach_within(wpa_ctrl *ctrl, const wpa_ctrl_patience &patience) {
+    return subscribe(ctrl, patience, "ATTACH");
+}
+int wpa_ctrl_detach_within(wpa_ctrl *ctrl, const wpa_ctrl_patience &patience) {
+    return subscribe(ctrl, patience, "DETACH");
+}
+
+int wpa_ctrl_request(wpa_ctrl *ctrl, const char *cmd, size_t cmd_len, char *reply,
+                     size_t *reply_len, wpa_ctrl_msg_cb msg_cb) {
+    return wpa_ctrl_request_within(ctrl, kUsualPatience, cmd, cmd_len, reply, reply_len, msg_cb);
+}
 int wpa_ctrl_attach(wpa_ctrl *ctrl) {
-    return subscribe(ctrl, "ATTACH");
+    return wpa_ctrl_attach_within(ctrl, kUsualPatience);
 }
 int wpa_ctrl_detach(wpa_ctrl *ctrl) {
-    return subscribe(ctrl, "DETACH");
+    return wpa_ctrl_detach_within(ctrl, kUsualPatience);
 }
 
 int wpa_ctrl_recv(wpa_ctrl *ctrl, char *reply, size_t *reply_len) {
@@ -246,15 +279,24 @@ size_t os_strlcpy(char *dest, const char *src, size_t size) {
 }
 
 int os_wait_readable(int fd, int timeout_ms) {
+    return os_wait_readable_or(fd, -1, timeout_ms);
+}
+
+int os_wait_readable_or(int fd, int cancel, int timeout_ms) {
     if (fd < 0) {
         errno = EBADF;
         return -1;
     }
-    pollfd entry{fd, POLLIN, 0};
-    const int ready = poll(&entry, 1, timeout_ms);
-    if (ready > 0 && (entry.revents & POLLNVAL) != 0) {
+    pollfd entries[] = {{fd, POLLIN, 0}, {cancel, POLLIN, 0}};  // the kernel skips a negative one
+    const int ready = poll(entries, std::size(entries), timeout_ms);
+    if (ready <= 0)
+        return ready;
+    if ((entries[0].revents & POLLNVAL) != 0) {
         errno = EBADF;
         return -1;
     }
-    return ready;
+    if (entries[0].revents != 0)
+        return 1;
+    errno = ECANCELED;
+    return -1;
 }

@@ -1,5 +1,7 @@
 #include "monitor_main.h"
 
+#include <sys/resource.h>
+
 #include <optional>
 
 #include "supplicant.h"
@@ -31,14 +33,6 @@ class WlanMonitor : public Robot {
         }));
         wlan_monitor_signal_attach();
         EXPECT_TRUE(eventually([&] { return supplicant_->is_attached(); }));
-    }
-    static bool has_client_sockets(long number) {
-        return eventually([number] {
-            const std::filesystem::directory_iterator files("/tmp");
-            return number == std::count_if(begin(files), end(files), [](const auto &entry) {
-                       return entry.path().filename().string().starts_with("wpa_ctrl_");
-                   });
-        });
     }
     void send_and_expect(const Texts &sent, const Texts &expected) {
         for (const auto &text : sent)
@@ -136,7 +130,6 @@ TEST_F(WlanMonitor, CommandsSurviveReconnects) {
         });
     for (int cycle = 0; cycle < 20; cycle++) {
         wlan_monitor_signal_deattach();
-        supplicant_->send_event("<3>noticed at once");
         EXPECT_TRUE(has_client_sockets(0));
         attach();
     }
@@ -144,6 +137,57 @@ TEST_F(WlanMonitor, CommandsSurviveReconnects) {
     threads.clear();
     EXPECT_GT(answered, 20);
     EXPECT_EQ(times_logged("command failed"), 0);
+    EXPECT_TRUE(has_client_sockets(2));
+}
+
+// Two restarts close together: the stop of the second may come before the thread has woken from the
+// signal of the first, and must stand all the same.
+TEST_F(WlanMonitor, AStopRequestAfterASignalStands) {
+    for (int cycle = 0; cycle < 50; cycle++) {
+        wlan_monitor_signal_deattach();
+        wlan_monitor_signal_attach();
+        if (cycle % 2 == 0)
+            usleep(static_cast<useconds_t>(cycle * 100));
+        wlan_monitor_signal_deattach();
+        EXPECT_TRUE(has_client_sockets(0)) << cycle;
+    }
+}
+
+// Nobody waits out the replies of a supplicant that is being ended, each worth ten seconds.
+TEST_F(WlanMonitor, ASupplicantThatSaysNothingAnyMoreIsLeft) {
+    supplicant_->answer_with([](const auto &) { return Texts{}; });
+    std::jthread asking([&] { EXPECT_EQ(wlan_monitor_ctrl_status(reply_, sizeof reply_), -1); });
+    EXPECT_TRUE(eventually([&] { return supplicant_->commands().back() == "STATUS"; }));
+    wlan_monitor_signal_deattach();
+    EXPECT_TRUE(has_client_sockets(0));
+    asking.join();
+    EXPECT_TRUE(logged("'STATUS' command failed.\n"));
+    wlan_monitor_signal_attach();  // to one that does not even take it in
+    EXPECT_TRUE(eventually([&] { return supplicant_->commands().back() == "ATTACH"; }));
+    wlan_monitor_signal_deattach();
+    EXPECT_TRUE(has_client_sockets(0));
+}
+
+// Out of descriptors for the second of the two connections: the first stays open, and the next stop
+// request takes it along, or the link would never come back.
+TEST_F(WlanMonitor, AHalfOpenLinkEndsWithTheNextRestart) {
+    wlan_monitor_signal_deattach();
+    EXPECT_TRUE(has_client_sockets(0));
+    rlimit usual;
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &usual), 0);
+    const int next = dup(0);
+    close(next);
+    const rlimit room_for_one{static_cast<rlim_t>(next) + 1, usual.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &room_for_one), 0);
+    wlan_monitor_signal_attach();
+    EXPECT_TRUE(logged("Could not connect to wpa_supplicant: wlan0\n"));
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &usual), 0);
+    EXPECT_TRUE(has_client_sockets(1));
+    wlan_monitor_signal_attach();
+    EXPECT_TRUE(eventually([&] { return times_logged("failed to connect") == 2; }));
+    EXPECT_TRUE(has_client_sockets(1));
+    wlan_monitor_signal_deattach();
+    wlan_monitor_signal_attach();
     EXPECT_TRUE(has_client_sockets(2));
 }
 

@@ -5,11 +5,22 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
+#include <algorithm>
 #include <filesystem>
 
 #include "robot.h"
 
 using Texts = std::vector<std::string>;
+
+// Whether the connections under test come to number so many.
+inline bool has_client_sockets(long number) {
+    return Robot::eventually([number] {
+        const std::filesystem::directory_iterator files("/tmp");
+        return number == std::count_if(begin(files), end(files), [](const auto &entry) {
+                   return entry.path().filename().string().starts_with("wpa_ctrl_");
+               });
+    });
+}
 
 class Supplicant {
   public:
