@@ -31,6 +31,7 @@
 #include "wifi_control.h"
 #include "wifi_regdom_utils.h"
 #include "wifi_state.h"
+#include "wifi_station.h"
 
 #define LOG_SOURCE "src/main"
 
@@ -235,6 +236,7 @@ void wait_for_the_interface() {
 }
 
 void bring_wifi_into_a_known_state() {
+    const StationOperation operation;  // the broker's thread runs: a restart may be asked for
     wifi_stop_uap();
     wifi_network_disconnect();
     wifi_init_netinfo();

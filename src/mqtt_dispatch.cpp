@@ -29,6 +29,7 @@
 #include "tarn/tarn.h"
 #include "wifi_control.h"
 #include "wifi_state.h"
+#include "wifi_station.h"
 
 #define LOG_SOURCE "src/mqtt_client"
 
@@ -136,7 +137,7 @@ constexpr std::array kTransportEvents{
     row<>{"restartNetwork",
           [] {
               LOGI("Network manager received restart network request, restarting...");
-              wifi_network_reconnect();
+              wifi_station_request_restart();  // this thread must stay free
           }},
 };
 

@@ -15,6 +15,7 @@
 #include "pex_log_utils.h"
 #include "wifi_control.h"
 #include "wifi_state.h"
+#include "wifi_station.h"
 
 #define LOG_SOURCE "src/provisioning_sm"
 
@@ -210,6 +211,14 @@ bool stop_training(bool restart_station) {
     return true;
 }
 
+// Leaves provisioning for the saved network. One operation: a restart in between would bring the
+// station up with the settings that just failed.
+void return_to_saved_network() {
+    const StationOperation operation;
+    stop_provisioning();
+    wifi_start_sta_from_kvs_configuration();
+}
+
 void fail_with(int code) {
     wifi_state_set_wifi(code);
     provisioning_state_machine(PROVISIONING_ERROR);
@@ -250,8 +259,7 @@ int activate(long now) {
 
 int time_out(long /*now*/) {
     send_command_to_robot("provfail");
-    stop_provisioning();
-    wifi_start_sta_from_kvs_configuration();
+    return_to_saved_network();
     return PS_NONE;
 }
 
@@ -262,12 +270,12 @@ int ignore_abort(long /*now*/) {
 
 int abort_provisioning(long /*now*/) {
     send_command_to_robot("provabort");
-    stop_provisioning();
-    wifi_start_sta_from_kvs_configuration();
+    return_to_saved_network();
     return PS_NONE;
 }
 
 int apply_configuration(long /*now*/) {
+    const StationOperation operation;
     if (current_state() >= WAITING_FOR_DHCP_COMPLETE)
         wifi_network_disconnect();
     if (wifi_set_provision_ip_config() == -1) {
@@ -288,6 +296,7 @@ void tell_manufacturing_test() {
 int connect(long /*now*/) {
     disconnect_local_app();
     disassociate_station();
+    const StationOperation operation;
     int32_t code = WIFI_IFACE_ERROR;
     bool connecting = false;
     if (wifi_stop_uap() == 0) {

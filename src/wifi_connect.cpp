@@ -18,6 +18,7 @@
 #include "wifi_control.h"
 #include "wifi_shared.h"
 #include "wifi_state.h"
+#include "wifi_station.h"
 
 #define LOG_SOURCE "src/wifi_control"
 
@@ -304,6 +305,9 @@ int wifi_network_connect(int32_t *error_code, int /*flag*/) {
         LOGE("invalid input");
         return -1;
     }
+    const StationOperation operation;
+    // The supplicant is about to be ended: whoever still listens to it must not wait for its word.
+    wlan_monitor_signal_deattach();
     wifi_set_wpa_default_config();
     wifi_init_netinfo();
     wrong_key_seen = false;
@@ -329,6 +333,7 @@ int wifi_wpa_reconfigure() {
 }
 
 void wifi_select_sta_network() {
+    const StationOperation operation;
     const char *const ifname = wifi_get_sta_interface();
     const size_t size = strlen(ifname) + 37;  // the rest of the line
     const MallocText command(static_cast<char *>(malloc(size)));
@@ -362,11 +367,13 @@ char *get_key_mgmt_protocol() {
 }
 
 int wifi_network_disconnect() {
+    const StationOperation operation;
     wlan_monitor_signal_deattach();
     return wifi_sta_iface_down();
 }
 
 void wifi_network_reconnect() {
+    const StationOperation operation;
     wifi_network_disconnect();
     sleep(1);
     int32_t error_code = -1;
@@ -374,6 +381,7 @@ void wifi_network_reconnect() {
 }
 
 int wifi_wactivate(int32_t *error_code) {
+    const StationOperation operation;
     const int result = wifi_network_connect(error_code, 1);
     timers.arm(kDhcpLimitS, kAssociationLimitS);
     return result;

@@ -25,6 +25,7 @@
 #include "pex_misc.h"
 #include "wifi_shared.h"
 #include "wifi_state.h"
+#include "wifi_station.h"
 
 #define LOG_SOURCE "src/wifi_control"
 
@@ -286,6 +287,7 @@ std::optional<std::string> ip_config_line() {
 }  // namespace
 
 int wifi_set_provision_ip_config() {
+    const StationOperation operation;
     const auto command = ip_config_line();
     if (!command) {
         LOGW("no IP config saved");

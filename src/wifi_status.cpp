@@ -20,6 +20,7 @@
 #include "wifi_control.h"
 #include "wifi_shared.h"
 #include "wifi_state.h"
+#include "wifi_station.h"
 
 #define LOG_SOURCE "src/wifi_control"
 
@@ -362,6 +363,7 @@ void wifi_refresh_link_status() {
 }
 
 void wifi_start_sta_from_kvs_configuration() {
+    const StationOperation operation;
     if (station_started)
         return;
     const MallocText ssid(pex_kvs_get_key_str_malloc("network.ssid"));

@@ -60,7 +60,7 @@ class Ctl : public Robot {
     void expect(const std::string &arguments, int code, const std::vector<const char *> &texts) {
         EXPECT_EQ(end_of(start(arguments)), code) << arguments << "\n" << out;
         for (const char *text : texts)
-            EXPECT_THAT(out, HasSubstr(text)) << arguments;
+            EXPECT_THAT(out, HasSubstr(text)) << arguments << "\n" << log_text();
     }
 
     static bool prints(const std::string &text, int seconds = 20) {
