@@ -134,13 +134,10 @@ void control_and_settle(wifi_iface_kind kind, bool add) {
     sleep(1);
 }
 
-// The soft AP's name: "Plover-" and the first four characters of the robot id, of which only those
-// that mean nothing to a shell are taken over.
+// The soft AP's name: "Plover-" and the first four characters of the robot id.
 std::string soft_ap_name(const char *robot_id) {
-    std::string word(robot_id, strnlen(robot_id, 4));
-    std::erase_if(word, [](unsigned char c) { return isalnum(c) == 0 && c != '_' && c != '-'; });
     std::array<char, 33> name;  // IEEE 802.11: at most 32 bytes
-    if (snprintf(name.data(), name.size(), "%s-%s", "Plover", word.c_str()) >=
+    if (snprintf(name.data(), name.size(), "%s-%.4s", "Plover", robot_id) >=
         static_cast<int>(name.size()))
         LOGW("softAp ssid truncated");
     return name.data();

@@ -36,13 +36,13 @@ TEST_F(SoftAp, StartTellsTheScriptsInOrder) {
     EXPECT_EQ(wifi_state_get_uap(), 1);
 }
 
-TEST_F(SoftAp, TellsTheScriptTheModeAsItIs) {
-    kvs_set("product.robotid", "12345678");
+TEST_F(SoftAp, TellsTheScriptTheIdAndTheModeAsTheyAre) {
+    kvs_set("product.robotid", "a.~b5678");
     for (const std::string mode : {"", "n-ht40", "g --apchan 1"}) {
         forget_commands();
         EXPECT_EQ(wifi_configure_and_start_uap(6, mode.c_str()), 0);
         EXPECT_THAT(commands(),
-                    testing::Contains("sudo provision --apssid Plover-1234 --apchan 6 --aphwmode " +
+                    testing::Contains("sudo provision --apssid Plover-a.~b --apchan 6 --aphwmode " +
                                       mode + " \n"));
     }
 }
