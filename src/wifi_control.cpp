@@ -395,18 +395,9 @@ namespace {
 using StationAddress = std::array<uint32_t, 6>;
 
 // Six hexadecimal numbers separated by colons begin the line; what follows does not matter.
-bool parse_address(std::string_view line, StationAddress &address) {
-    const char *next = line.data();
-    const char *const end = line.data() + line.size();
-    for (size_t i = 0; i < address.size(); i++) {
-        if (i > 0 && (next == end || *next++ != ':'))
-            return false;
-        const auto [stop, error] = std::from_chars(next, end, address[i], 16);
-        if (error != std::errc())
-            return false;
-        next = stop;
-    }
-    return true;
+bool parse_address(const char *line, StationAddress &address) {
+    return sscanf(line, "%x:%x:%x:%x:%x:%x", &address[0], &address[1], &address[2], &address[3],
+                  &address[4], &address[5]) == 6;
 }
 
 bool find_station(FILE *listing, char *line, size_t size, StationAddress &address) {

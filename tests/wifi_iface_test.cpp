@@ -67,7 +67,8 @@ TEST_F(SoftAp, AFailedIfdownEndsTheStartButNotTheStop) {
 TEST_F(SoftAp, FindsTheStationAmongOtherLines) {
     fake("hostapd_cli",
          "echo \"Selected interface 'p2p0'\"; echo; head -c 300 /dev/zero | tr '\\0' x; echo;"
-         "echo aa:bb:cc:dd:ee; echo fffffffff:1:2:3:4:5; echo aa:bb:cc:dd:ee:0f; echo more");
+         "echo aa:bb:cc:dd:ee; echo aa:bb:cc:dd:ee:; echo aa :bb:cc:dd:ee:1;"
+         "echo aa:bb:cc:dd:ee:0f; echo 1:2:3:4:5:6");
     uint32_t address[7] = {0, 0, 0, 0, 0, 0, 7};
     EXPECT_EQ(wifi_get_associated_station_status(address, sizeof address), 1);
     EXPECT_THAT(address, testing::ElementsAre(0xaa, 0xbb, 0xcc, 0xdd, 0xee, 0x0f, 7));
@@ -75,6 +76,13 @@ TEST_F(SoftAp, FindsTheStationAmongOtherLines) {
     EXPECT_EQ(wifi_disassociate_uap_station(address), -1);
     EXPECT_EQ(commands(), (Lines{"sudo hostapd_cli -ip2p0 all_sta\n",
                                  "sudo hostapd_cli -iwlan1 disassociate aa:bb:cc:dd:ee:0f\n"}));
+}
+
+TEST_F(SoftAp, TakesEveryHexadecimalNumberForAnOctet) {
+    fake("hostapd_cli", "echo '  0xAA:+b: c:-1:fffffffff:0f[signal=-40]'");
+    uint32_t address[6];
+    EXPECT_EQ(wifi_get_associated_station_status(address, sizeof address), 1);
+    EXPECT_THAT(address, testing::ElementsAre(0xaa, 0xb, 0xc, 0xffffffff, 0xffffffff, 0xf));
 }
 
 TEST_F(WifiInterfaces, MonitorModeStartsAndStopsInOrder) {
