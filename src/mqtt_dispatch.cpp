@@ -11,6 +11,7 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -250,7 +251,7 @@ struct addressing {
     std::string addr;
     std::string mask;
     std::string gw;
-    std::string dns1;
+    std::optional<std::string> dns1;
     std::string dns2;
     bool is_static = false;
 };
@@ -315,12 +316,15 @@ void take_member(addressing &to, const char *key, const json_t *value) {
         member->take(to, json_string_value(value));
 }
 
-// The name servers for the command: one or two, the gateway when none was given.
+// The name servers for the command, one or two. The second takes the place of a first that was
+// given as zero, not of one that was not given: that is the gateway.
 void settle_name_servers(addressing &to) {
-    if (is_zero(to.dns1)) {
-        to.dns1 = is_zero(to.dns2) ? to.gw : to.dns2;
+    if (is_zero(to.dns2))
         to.dns2.clear();
-    } else if (is_zero(to.dns2)) {
+    if (!to.dns1) {
+        to.dns1 = to.gw;
+    } else if (is_zero(*to.dns1)) {
+        to.dns1 = to.dns2.empty() ? to.gw : to.dns2;
         to.dns2.clear();
     }
 }
@@ -328,7 +332,7 @@ void settle_name_servers(addressing &to) {
 // The blanks before the second server and at the end are what the robot's script is known to take.
 std::string static_command(addressing to) {
     settle_name_servers(to);
-    for (const auto *part : {&to.addr, &to.mask, &to.gw, &to.dns1})
+    for (const auto *part : {&to.addr, &to.mask, &to.gw, &*to.dns1})
         if (!is_address(*part)) {
             LOGE("invalid wlcfg");
             return "";
@@ -338,7 +342,7 @@ std::string static_command(addressing to) {
         return "";
     }
     return "sudo provision --clmode static --clipaddr " + to.addr + " --clnetmask " + to.mask +
-           " --clgw " + to.gw + " --cldnsns1 " + to.dns1 + "  --cldnsns2 " +
+           " --clgw " + to.gw + " --cldnsns1 " + *to.dns1 + "  --cldnsns2 " +
            (to.dns2.empty() ? "\"#\"" : to.dns2) + " \n";
 }
 
