@@ -164,22 +164,10 @@ std::string robot_name() {
     return "robot";
 }
 
-// A JSON text's inside: what another process saved must not end the member it stands in.
-std::string escaped(const std::string &text) {
-    const Json value(json_string(text.c_str()));
-    const MallocText quoted(value ? json_dumps(value.get(), JSON_ENCODE_ANY) : nullptr);
-    if (!quoted)
-        return "";  // not UTF-8
-    const std::string_view inside = quoted.get();
-    return std::string(inside.substr(1, inside.size() - 2));
-}
-
-// What follows the capabilities: `robot.trained` bare when it is one of JSON's words.
+// What follows the capabilities.
 std::string tail() {
-    const std::string trained = saved("robot.trained", kRobotIdLength);
-    if (trained != "true" && trained != "false")
-        return "}";
-    return ",\"trained\":" + trained + "}";
+    const MallocText trained(pex_kvs_get_key_str_malloc("robot.trained"));
+    return trained ? std::string(",\"trained\":") + trained.get() + "}" : "}";
 }
 
 std::string capability_text() {
@@ -200,17 +188,17 @@ int get_discovery_json(char *buffer, int size) {
         return -1;
     }
     const addresses at = read_addresses();
-    const std::string name = escaped(robot_name());
+    const std::string name = robot_name();
     const identity robot = copy_identity();
+    // The saved texts stand as they are stored, unescaped: what then is no JSON is not sent.
     const int length = snprintf(
         buffer, static_cast<size_t>(size),
         "{\"ver\":\"3\",\"hostname\":\"%s\",\"robotname\":\"%s\",\"robotid\":\"%s\",\"ip\":\"%s\","
         "\"mac\":\"%02X:%02X:%02X:%02X:%02X:%02X\",\"sw\":\"%s\",\"sku\":\"%s\",\"nc\":%d,"
         "\"proto\":\"mqtt\",\"cap\":%s%s",
-        escaped(robot.host_name).c_str(), name.c_str(), escaped(robot.robot_id).c_str(),
-        at.ip.data(), at.mac[0], at.mac[1], at.mac[2], at.mac[3], at.mac[4], at.mac[5],
-        escaped(robot.software).c_str(), escaped(robot.sku).c_str(), get_nc_val(),
-        capability_text().c_str(), tail().c_str());
+        robot.host_name.c_str(), name.c_str(), robot.robot_id.c_str(), at.ip.data(), at.mac[0],
+        at.mac[1], at.mac[2], at.mac[3], at.mac[4], at.mac[5], robot.software.c_str(),
+        robot.sku.c_str(), get_nc_val(), capability_text().c_str(), tail().c_str());
     if (length < 0 || length >= size) {
         LOGE("discovery packet truncated!!");
         return -1;
@@ -220,9 +208,7 @@ int get_discovery_json(char *buffer, int size) {
 }
 
 void store_robot_cap(const char *text) {
-    // It stands bare in the description: anything but one object or array would break that.
-    const Json value(text != nullptr ? json_loads(text, 0, nullptr) : nullptr);
-    if (!value) {
+    if (text == nullptr) {
         LOGE("robot cap is NULL");
         return;
     }

@@ -17,9 +17,10 @@ class Discovery : public Robot {
   protected:
     void SetUp() override {
         ASSERT_EQ(system("ip link set lo up"), 0);
-        kvs_set("product.robotid", "0123456789ABCDEF0123456789ABCDEFTOOLONG");
+        kvs_set("product.robotid", R"(0123456789ABCDEF\"456789ABCDEF\"TOOLONG)");
+        kvs_set("product.sku", R"(R98\"\"TOOLONG)");
         kvs_set("robot.trained", "true");
-        fake("version", "echo 'Product Version: 4.5.3-\"142\"'");
+        fake("version", R"(printf '%s\n' 'Product Version: 4.5.3-\"142\"')");
         ASSERT_EQ(pthread_create_detached_thread(nullptr, discovery_main, nullptr, "discovery"), 0);
         ASSERT_TRUE(eventually([] { return !probe("halvikmcs", 300).empty(); }));
     }
@@ -53,11 +54,28 @@ TEST_F(Discovery, OnlyTheExactProbeIsAnswered) {
     EXPECT_TRUE(logged("bad discovery packet from 127.0.0.1 - len=65507 rxbuf=hhhhhhhhh"));
     EXPECT_EQ(
         probe("halvikmcs"),
-        R"({"ver":"3","hostname":"Plover-0123456789ABCDEF0123456789ABCDEF","robotname":"robot",)"
-        R"("robotid":"0123456789ABCDEF0123456789ABCDEF","ip":"0.0.0.0",)"
-        R"("mac":"00:00:00:00:00:00","sw":"4.5.3-\"142\"","sku":"","nc":0,"proto":"mqtt",)"
-        R"("cap":{},"trained":true})");
+        R"({"ver":"3","hostname":"Plover-0123456789ABCDEF\"456789ABCDEF\"","robotname":"robot",)"
+        R"("robotid":"0123456789ABCDEF\"456789ABCDEF\"","ip":"0.0.0.0",)"
+        R"("mac":"00:00:00:00:00:00","sw":"4.5.3-\"142\"","sku":"R98\"\"","nc":0,)"
+        R"("proto":"mqtt","cap":{},"trained":true})");
     EXPECT_EQ(kvs_get("robot.name"), "robot");
+}
+
+TEST_F(Discovery, SavedTextsStandInItAsTheyAreStored) {
+    kvs_set("robot.name", R"(Ros\u0069e\n","room":"hall)");
+    kvs_set("robot.trained", R"([false, "half of it", "since yesterday"])");
+    const std::string description = probe("halvikmcs");
+    EXPECT_THAT(description, testing::HasSubstr(R"("robotname":"Ros\u0069e\n","room":"hall",)"));
+    EXPECT_THAT(description,
+                testing::EndsWith(R"("trained":[false, "half of it", "since yesterday"]})"));
+    for (const char *key : {"robot.name", "robot.trained"}) {
+        forget_log();
+        kvs_set(key, R"(a "b")");
+        EXPECT_EQ(probe("halvikmcs", 500), "") << key;
+        EXPECT_TRUE(logged_as("ERROR", "json_loadb failed: ")) << key;
+        kvs_set(key, "7");
+    }
+    EXPECT_THAT(probe("halvikmcs"), testing::EndsWith(R"("trained":7})"));
 }
 
 TEST_F(Discovery, SurvivesAFlood) {
@@ -75,8 +93,11 @@ TEST_F(Discovery, SurvivesAFlood) {
 }
 
 TEST_F(Discovery, DescriptionFollowsTheCapabilitiesAndItsBound) {
+    store_robot_cap("7");
+    EXPECT_NE(probe("halvikmcs").find(R"("cap":7,)"), std::string::npos);
     store_robot_cap(R"({"maps":3})");
-    store_robot_cap("7");  // no object: the former stays
+    store_robot_cap(nullptr);  // the former stays
+    EXPECT_TRUE(logged_as("ERROR", "robot cap is NULL"));
     EXPECT_NE(probe("halvikmcs").find(R"("cap":{"maps":3})"), std::string::npos);
     store_robot_cap((R"({"x":")" + std::string(1000, 'x') + "\"}").c_str());
     EXPECT_EQ(probe("halvikmcs", 500), "");

@@ -30,7 +30,7 @@ class Ctl : public Robot {
             fake(tool, "exit 0");
         fake("ifconfig", "echo wlan0 HWaddr");
         kvs_set("product.robotid", "0123");
-        kvs_set("robot.name", "Rosie\033[2J");
+        kvs_set("robot.name", R"(Rosie\u001B[2J)");
         write_file("/run/ifstate", "");
         give_address();
         spawn("exec /mnt/netwardenctl_test --daemon");
