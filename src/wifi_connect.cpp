@@ -269,13 +269,14 @@ bool configure_station(int32_t *error_code) {
     }
     network.name = decode_ssid(network.ssid);
     const auto config = make_config(network, error_code);
-    // A slot that held an error before is believed, on purpose: callers preset it to -1.
+    // A slot that held an error before is believed, here and below, on purpose: callers preset it
+    // to -1.
     if (!config || *error_code == WIFI_BAD_CONFIG) {
         LOGE("newfile is null");
         return false;
     }
     if (*error_code == WIFI_AUTH_ERROR)
-        return true;
+        return false;
     if (!write_config_file(config->text())) {
         *error_code = WIFI_BAD_CONFIG;
         return false;

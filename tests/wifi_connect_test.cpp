@@ -69,6 +69,22 @@ TEST_F(Connect, EverySecretBecomesTheBlocksOfItsReadings) {
     EXPECT_GT(times_logged("psk=*\n\t"), 0);
 }
 
+TEST_F(Connect, ASlotThatHoldsAnErrorIsBelieved) {
+    wifi_state_set_wifi(WIFI_NETWORK_DOWN);
+    wifictl_set_ssid(kSsid);
+    wifictl_set_pass("password");
+    for (const int32_t before : {WIFI_AUTH_ERROR, WIFI_BAD_CONFIG}) {
+        int32_t code = before;
+        forget_log();
+        EXPECT_EQ(wifi_network_connect(&code, 0), -1);
+        EXPECT_EQ(code, before);
+        EXPECT_TRUE(logged("failed to configure sta with given network info"));
+    }
+    EXPECT_EQ(read_file(kFile), kDefaults);
+    EXPECT_EQ(commands().back(), "sudo ifup wlan0");
+    EXPECT_EQ(wifi_state_get_wifi(), WIFI_NETWORK_DOWN);
+}
+
 TEST_F(Connect, StepsInOrderWithTheSavedSettings) {
     connect("", "", WIFI_BAD_CONFIG);
     unlink(kFile);
