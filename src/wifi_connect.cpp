@@ -221,11 +221,13 @@ void log_masked(const char *text) {
     LOGI("writing %s file with %s", kConfigPath, copy.get());
 }
 
-bool write_config_file(const char *text) {
+bool write_config_file(const char *text, bool is_logged) {
     File stream = open_config_file();
     if (!stream)
         return false;
     const bool written = fputs(text, stream.get()) >= 0;
+    if (is_logged)
+        log_masked(text);
     if (fclose(stream.release()) == 0 && written)
         return true;
     LOGE("cannot write %s", kConfigPath);
@@ -277,11 +279,10 @@ bool configure_station(int32_t *error_code) {
     }
     if (*error_code == WIFI_AUTH_ERROR)
         return false;
-    if (!write_config_file(config->text())) {
+    if (!write_config_file(config->text(), true)) {
         *error_code = WIFI_BAD_CONFIG;
         return false;
     }
-    log_masked(config->text());
     return true;
 }
 
@@ -298,7 +299,7 @@ bool restart_station(int32_t *error_code) {
 }  // namespace
 
 void wifi_set_wpa_default_config() {
-    write_config_file(kDefaultConfig);
+    write_config_file(kDefaultConfig, false);
 }
 
 int wifi_network_connect(int32_t *error_code, int /*flag*/) {
