@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
@@ -167,14 +168,16 @@ bool read_nv_file(int fd, Bytes &content) {
     const size_t expected = content.size;
     size_t total = 0;
     ssize_t count = 0;
-    while (total < expected &&
-           (count = read(fd, content.data.get() + total, expected - total)) > 0) {
+    int error = 0;
+    do {
+        count = read(fd, content.data.get() + total, expected - total);
+        error = errno;
         LOGI("read %d bytes of %d from nv file", static_cast<int>(count),
              static_cast<int>(expected));
-        total += static_cast<size_t>(count);
-    }
+        total += static_cast<size_t>(std::max<ssize_t>(count, 0));
+    } while (count > 0);
     if (count < 0) {
-        LOGE("file read error %d", errno);
+        LOGE("file read error %d", error);
         return false;
     }
     if (total == 0) {

@@ -103,6 +103,8 @@ TEST_F(Regdom, EveryPatternOfTheNvFileIsPatched) {
                   zero +
                   "\3\3"
                   "BRI");
+    for (const char *read : {"read 10 bytes of 10 from", "read 0 bytes of 10 from"})
+        EXPECT_TRUE(logged_as("INFO", read)) << log_text();
 }
 
 }  // namespace
