@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <optional>
@@ -53,10 +54,12 @@ MallocText new_reply() {
     return reply;
 }
 
-// The number at the start of a text, which may go on behind it.
+// The number at the start of a text, which may go on behind it; the nearest to one out of range.
 std::optional<int32_t> leading_number(std::string_view text) {
     int32_t number = 0;
     const auto result = std::from_chars(text.data(), text.data() + text.size(), number);
+    if (result.ec == std::errc::result_out_of_range)
+        return text.starts_with('-') ? INT32_MIN : INT32_MAX;
     if (result.ec != std::errc{})
         return std::nullopt;
     return number;
@@ -190,7 +193,7 @@ line_kind parse_scan_line(std::string_view line, channel_info &result) {
     }
     const auto frequency = leading_number(next_piece(line, '\t'));
     const auto signal = leading_number(next_piece(line, '\t'));
-    if (!frequency || *frequency <= 0 || !signal) {
+    if (!frequency || !signal) {
         LOGE(kUnexpectedScan);
         return line_kind::skipped;
     }

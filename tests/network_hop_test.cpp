@@ -107,9 +107,11 @@ TEST_F(NetworkHop, ReadsWhatIsWholeInTheScanResults) {
     const std::pair<std::string, std::string> cases[] = {
         {"", ""},
         {"\n\n" + header + good, "2412 -40 bb:1, "},
-        {header + "bb:3\nbb:3\t2412\nbb:3\t\t-40\nbb:3\t2412\tx\nbb:3\t0\t-1\n" + good,
+        {header + "bb:3\nbb:3\t2412\nbb:3\t\t-40\nbb:3\t2412\tx\nbb:3\tx\t-1\n" + good,
          "2412 -40 bb:1, "},
-        {header + "bb:3\t99999999999\t-40\n" + good + "\t\t\n" + good, "2412 -40 bb:1, "},
+        {header + good + "\t\t\n" + good, "2412 -40 bb:1, "},
+        {header + "bb:3\t0\t-1\nbb:4\t99999999999\t-99999999999\n",  // odd, and taken
+         "0 -1 bb:3, 2147483647 -2147483648 bb:4, "},
         {header + "bb:3\t2412x\t-40dBm", "2412 -40 bb:3, "},
         {filled(1023 - 14), "5180 -60 bb:2, "},  // the buffer may have ended within the signal
         {filled(1022 - 14) + "\t[E]", "5180 -60 bb:2, 5500 -40 bb:4, "},

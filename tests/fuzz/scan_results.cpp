@@ -14,7 +14,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (count < 0 || count > 3)
         abort();
     for (int i = 0; i < count; i++)
-        if (entries[i].freq <= 0 || !entries[i].bssid || *entries[i].bssid == '\0' ||
+        if (!entries[i].bssid || *entries[i].bssid == '\0' ||
             strpbrk(entries[i].bssid.get(), "\t\n") != nullptr)
             abort();
     clear_device_list();
