@@ -1,6 +1,7 @@
 // The status of the connection: the supplicant's events, the once-a-second passes and the timers
 // decide together which Wi-Fi state the robot reports.
 #include <array>
+#include <cctype>
 #include <charconv>
 #include <cstring>
 #include <string>
@@ -265,10 +266,39 @@ constexpr event_marker kEventMarkers[] = {
     {"CTRL-EVENT-SSID-TEMP-DISABLED ", on_temp_disabled},
 };
 
+// Where the name that is quoted at `open` ends, npos when it does not. The supplicant escapes " and
+// \ in a name and leaves a ' as it is: one within a word, as in "Ann's", is no end.
+size_t end_of_name(const std::string &text, size_t open) {
+    const auto in_word = [&](size_t i) {
+        return text[i] == '\'' && isalnum(static_cast<unsigned char>(text[i + 1])) != 0;
+    };
+    for (size_t i = open + 1; i < text.size(); i++) {
+        if (text[i] == '\\')
+            i++;
+        else if (text[i] == text[open] && !in_word(i))
+            return i;
+    }
+    return text.npos;
+}
+
+// Blanks each quoted SSID; pex_hide_ssid does the first one only, up to a quote of either kind.
+void hide_ssids(std::string &text) {
+    pex_hide_ssid(text.data());
+    for (const std::string_view key : {"ssid=", "SSID="})
+        for (size_t at = text.find(key); at != text.npos; at = text.find(key, at + key.size())) {
+            const size_t open = at + key.size();
+            if (open == text.size() || (text[open] != '"' && text[open] != '\''))
+                continue;
+            const size_t end = end_of_name(text, open);
+            if (end != text.npos)
+                text.replace(open + 1, end - open - 1, end - open - 1, '*');
+        }
+}
+
 // An event may name two access points; each pass masks one of them.
 void log_event(const char *text) {
     std::string copy(text);
-    pex_hide_ssid(copy.data());
+    hide_ssids(copy);
     while (pex_hide_mac_addr(copy.data(), 6) != 0) {
     }
     LOGI("wlan monitor event - %s", copy.c_str());

@@ -123,6 +123,21 @@ TEST_F(WifiStatus, TheSecondWrongKeyOfAConnectIsAnError) {
     EXPECT_EQ(times_logged("02:00"), 0) << log_text();
 }
 
+TEST_F(WifiStatus, TheLogShowsNoNameOfANetwork) {
+    const std::pair<const char *, const char *> events[] = {
+        {R"(SSID='Garden' ssid="Home" ssid="" SSID="Yard" ssid='Attic')",
+         R"(SSID='******' ssid="****" ssid="" SSID="****" ssid='*****')"},
+        {R"(ssid="Ann's \"old\" \\" reason="x" SSID='Ann's house' freq=1)",
+         R"(ssid="****************" reason="x" SSID='***********' freq=1)"},
+        {R"(ssid=plain bssid=1 ssid="cut off)", R"(ssid=plain bssid=1 ssid="cut off)"},
+        {"ssid=", "ssid="},
+    };
+    for (const auto &[event, shown] : events) {
+        wlan_monitor_event(event);
+        EXPECT_TRUE(logged(std::string("wlan monitor event - ") + shown)) << log_text();
+    }
+}
+
 TEST_F(WifiStatus, RefreshReadsChannelAndSecurity) {
     const std::tuple<const char *, int, int> cases[] = {
         {"printf 'freq=2484\nkey_mgmt=NONE\npairwise_cipher=WEP-104\n'", 14, 2},
