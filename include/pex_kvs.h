@@ -1,10 +1,12 @@
 // The robot's persistent settings: one file per dotted key. No lock is taken. Any thread.
+// Other processes write here too: a link is not followed, and only a regular file is read or
+// written, so that no call waits for the other end of a pipe.
 #pragma once
 
 #include <cstddef>
 
-// The path of a key's file, freed by the caller. Null on failure, also for a key that is empty,
-// "." or "..", or holds a "/": it would lie outside the store.
+// The path of a key's file, freed by the caller, or null. The key is not checked: one with a "/"
+// names a file outside the store, and callers are trusted.
 char *create_fname_malloc(const char *key);
 
 // Writes a whole file in place, mode 0660, and syncs it. 0 or -1; an empty value is refused.

@@ -1,11 +1,15 @@
 // The command runner and the small text, time and lock helpers of the platform. Any thread.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <ctime>
 #include <string>
+
+#include "owned.h"
 
 // Runs a command line through the shell, waits for it without a limit, and logs its outcome under
 // the module's name. 0 or -1; `detail` (may be null) gets the exit code or an errno.
@@ -47,6 +51,10 @@ char *pex_get_string_from_int(int32_t value);
 
 // Replaces trailing newlines and carriage returns by terminators; how many, or -1.
 int pex_strip_trailing_newline_and_return_chars(char *buffer, size_t length);
+
+// Opens a regular file for those who share its directory with others: no link is followed, nothing
+// waits for the other end of a pipe. Empty on failure.
+Fd pex_open_regular_file(const char *path, int flags, mode_t mode = 0);
 
 // Exclusive POSIX record lock on the whole file; the first blocks until it is free. The lock
 // call's result. Keeps processes apart, not threads.

@@ -11,7 +11,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <string_view>
 #include <utility>
 
 #include "log.h"
@@ -31,11 +30,6 @@ struct DirectoryCloser {
     void operator()(DIR *directory) const { closedir(directory); }
 };
 using Directory = std::unique_ptr<DIR, DirectoryCloser>;
-
-// What names a file of the store itself, and nothing above or below it.
-bool is_key(std::string_view key) {
-    return !key.empty() && key != "." && key != ".." && key.find('/') == key.npos;
-}
 
 int fail_read(size_t *length) {
     *length = 0;
@@ -62,10 +56,6 @@ bool make_directory(const char *path) {
 char *create_fname_malloc(const char *key) {
     if (key == nullptr)
         return nullptr;
-    if (!is_key(key)) {
-        LOGE("\"%s\" is not a KVS key", key);
-        return nullptr;
-    }
     const size_t size = strlen(key) + sizeof kDirectory + 1;  // the slash
     MallocText path(static_cast<char *>(malloc(size)));
     if (!path) {
@@ -83,7 +73,7 @@ char *create_fname_malloc(const char *key) {
 int pex_write_buf_to_file(const char *path, const void *buffer, size_t length) {
     if (path == nullptr || buffer == nullptr || length == 0)
         return -1;
-    Fd file(open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kFileMode));
+    Fd file = pex_open_regular_file(path, O_WRONLY | O_CREAT | O_TRUNC, kFileMode);
     if (file.get() < 1)  // 0 is standard input's and never a file of ours
         return -1;
     fchmod(file.get(), kFileMode);  // past the umask
@@ -104,14 +94,14 @@ int pex_kvs_get_key(const char *key, char *buffer, size_t *length) {
         return -1;
     const MallocText path(create_fname_malloc(key));
     struct stat info {};
-    if (!path || stat(path.get(), &info) != 0)
+    if (!path || lstat(path.get(), &info) != 0)
         return fail_read(length);
     const auto size = static_cast<size_t>(info.st_size);
-    if (size >= *length) {
+    if (S_ISREG(info.st_mode) && size >= *length) {
         *length = size + 1;
         return -1;
     }
-    const Fd file(open(path.get(), O_RDONLY | O_CLOEXEC));
+    const Fd file = pex_open_regular_file(path.get(), O_RDONLY);
     if (!file) {
         LOGE("Failed to open file: %s", path.get());
         return fail_read(length);

@@ -43,6 +43,16 @@ int delete_key(const char *key) {
     return pex_kvs_del_key(key);
 }
 
+// The file of a key, not what a link in its place leads to. errno says why not.
+bool examine(const char *path, struct stat &info) {
+    if (lstat(path, &info) != 0)
+        return false;
+    if (S_ISREG(info.st_mode))
+        return true;
+    errno = EINVAL;
+    return false;
+}
+
 bool find_owner(uid_t &uid) {
     passwd entry{};
     passwd *found = nullptr;
@@ -76,7 +86,7 @@ int pex_kvs_get_key_str(const char *key, char *buffer, size_t *length) {
 size_t pex_kvs_get_key_data_size(const char *key) {
     const MallocText path(create_fname_malloc(key));
     struct stat info {};
-    if (!path || stat(path.get(), &info) != 0) {
+    if (!path || !examine(path.get(), info)) {
         LOGE("Failed to stat file %s", key != nullptr ? key : "");
         return 0;
     }
@@ -105,7 +115,8 @@ int pex_kvs_set_key_str(const char *key, const char *value) {
 
 int pex_kvs_key_exists(const char *key) {
     const MallocText path(create_fname_malloc(key));
-    return path && access(path.get(), F_OK) == 0 ? 0 : -1;
+    struct stat info {};
+    return path && examine(path.get(), info) ? 0 : -1;
 }
 
 int kvs_factory_reset_key(const char *key) {
@@ -129,7 +140,8 @@ int pex_kvs_set_key_owner(const char *key) {
     gid_t gid;
     if (!path || !find_owner(uid) || !find_group(gid))
         return -1;
-    if (chown(path.get(), uid, gid) != 0) {
+    struct stat info {};
+    if (!examine(path.get(), info) || lchown(path.get(), uid, gid) != 0) {
         LOGE("chown fail for uid %d, gid %d", static_cast<int>(uid), static_cast<int>(gid));
         return -1;
     }

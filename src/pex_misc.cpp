@@ -271,6 +271,16 @@ int pex_strip_trailing_newline_and_return_chars(char *buffer, size_t length) {
     return removed;
 }
 
+Fd pex_open_regular_file(const char *path, int flags, mode_t mode) {
+    Fd file(open(path, flags | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, mode));
+    struct stat info {};
+    if (file && (fstat(file.get(), &info) != 0 || !S_ISREG(info.st_mode))) {
+        file.reset();
+        errno = EINVAL;
+    }
+    return file;
+}
+
 int get_file_lock(int fd) {
     return lock_whole_file(fd, F_WRLCK);
 }
