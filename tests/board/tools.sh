@@ -70,11 +70,105 @@ versions_are_found() {
     [ "$(get_lang.sh -lve | grep EXTRA_LANGUAGE_PACK_ID | cut -d '=' -f2)" = 9 ]
 }
 
+# may ARGUMENT...: whether sudo would run it for the user that netwarden runs as.
+may() { sudo -n -l -U netwarden -- "$@"; }
+
+sudo_runs_the_lines_of_the_daemon_and_no_others() {
+    echo 'netwarden:x:990:990::/:/bin/sh' >>/etc/passwd
+    visudo -c -f /etc/sudoers.d/netwarden
+    while read -r line; do
+        eval "may $line"
+    done <<'LINES'
+ifup wlan0
+ifdown p2p0
+ifup mon0
+ifdown wlp2s0.1_a-b
+network_device_interfaces_control.sh --interface=monitor --action=del
+network_device_interfaces_control.sh --interface=softap --action=add
+network_dhcp_arp_control.sh enable
+network_dhcp_arp_control.sh disable
+provision
+provision --clmode dhcp
+provision --clmode static --clipaddr 10.1.2.3 --clnetmask 255.255.255.0 --clgw 10.1.2.1 --cldnsns1 10.1.2.1  --cldnsns2 "#"
+provision --clmode static --clipaddr 10.1.2.3 --clnetmask 255.255.255.0 --clgw 10.1.2.1 --cldnsns1 10.1.2.1  --cldnsns2 9.9.9.9
+provision --apssid Plover-A_-1 --apchan 6 --aphwmode g
+provision --apssid Plover- --apchan 11 --aphwmode g
+provision --clregdomain "#"
+provision --clregdomain US
+provision --clregdomain 00
+wpa_cli -iwlan0 reconfigure
+wpa_cli -iwlan0 select_network 0
+wpa_cli -iwlan0 status
+hostapd_cli -ip2p0 all_sta
+hostapd_cli -iwlan1 disassociate 02:00:00:00:0a:ff
+arping -Iwlan0 -c1 192.168.100.254 -w 2
+arping -Iwlan0 -c2 -f 10.0.0.1
+arping -q -Iwlan0 -c2 -f 10.0.0.1
+version
+webserver_control.sh stop
+/usr/bin/webserver_control.sh start
+/sbin/reboot
+/opt/halvik/bin/wifilogs.sh
+LINES
+    while read -r line; do
+        eval "exits 1 may $line"
+    done <<'LINES'
+ifup -i /tmp/interfaces wlan0
+ifup -a
+ifup -i
+ifup
+ifup wlan0 -i /tmp/interfaces
+ifup "wlan0 -i /tmp/interfaces"
+ifup wlan0 wlan1
+ifup ../wlan0
+ifup wlan0=/tmp/interfaces
+ifup "wlan?"
+ifup wlan0123456789ab
+ifdown -f wlan0
+ifdown $'wlan0\n'
+ifdown $'wlan0\n-i'
+/tmp/ifup wlan0
+wpa_cli
+wpa_cli -a /tmp/action
+wpa_cli -iwlan0 -a /tmp/action
+wpa_cli "-iwlan0 -a/tmp/action" status
+wpa_cli -P /tmp/pid -B
+wpa_cli -iwlan0 -P /tmp/pid -B
+wpa_cli -i/../../../tmp/fake status
+wpa_cli -p/tmp -iwlan0 status
+wpa_cli -iwlan0 status -a /tmp/action
+wpa_cli -iwlan0 set pkcs11_module_path /tmp/lib
+wpa_cli -iwlan0 select_network 1
+hostapd_cli -a /tmp/action
+hostapd_cli -ip2p0 all_sta -a /tmp/action
+hostapd_cli -iwlan1 disassociate 02:00:00:00:00:01 -a /tmp/action
+hostapd_cli -iwlan1 disassociate "02:00:00:00:00:01 x"
+arping -Iwlan0 -c1 192.168.100.254 -w 20
+arping -Iwlan0 -c9 192.168.100.254 -w 2
+arping -s 10.0.0.2 -Iwlan0 -c2 -f 10.0.0.1
+arping -Iwlan0 -c2 -f 10.0.0.1 10.0.0.2
+arping -Iwlan0 -c2 -f some.host
+provision --clmode
+provision --clmode dhcp --clregdomain US
+provision --clregdomain "$(printf 'US\nx')"
+provision --clregdomain /etc/shadow
+provision --apssid "Plover-A B" --apchan 6 --aphwmode g
+provision --apssid Plover-A --apchan 6 --aphwmode g --clmode dhcp
+provision --clmode static --clipaddr 10.1.2.3 --clnetmask 255.255.255.0 --clgw 10.1.2.1 --cldnsns1 "10.1.2.1 --x" --cldnsns2 "#"
+network_device_interfaces_control.sh --interface=softap --action=add --action=del
+network_dhcp_arp_control.sh enable x
+webserver_control.sh restart
+version -h
+reboot -f
+/opt/halvik/bin/../bin/wifilogs.sh x
+sh -c id
+LINES
+}
+
 web_server_and_broker_listen_on_loopback_only() {
     webserver_control.sh stop
     webserver_control.sh start
     wget -q -O - http://127.0.0.1:8080/cgi-bin/status | grep 'CL REG DOMAIN'
-    visudo -c -f /etc/sudoers.d/netwarden
     mosquitto -c /etc/mosquitto/mosquitto.conf &
     until_true 5 mosquitto_pub -h 127.0.0.1 -t a -m b
     [ "$(netstat -ltn | grep -Eo '[0-9.:]+:(8080|1883) ' | sort)" = $'127.0.0.1:1883 \n127.0.0.1:8080 ' ]
@@ -114,4 +208,5 @@ WPA
 }
 
 check refuses_bad_arguments takes_the_lines_of_the_daemon writes_whole_or_not_at_all \
-    versions_are_found web_server_and_broker_listen_on_loopback_only wifi_log_shows_no_secret
+    versions_are_found sudo_runs_the_lines_of_the_daemon_and_no_others \
+    web_server_and_broker_listen_on_loopback_only wifi_log_shows_no_secret
