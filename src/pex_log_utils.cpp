@@ -1,5 +1,6 @@
 #include "pex_log_utils.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -65,12 +66,19 @@ int write_capture_command(char *command, const char *path) {
                     kScript, path);
 }
 
-// The name is taken by nobody else: what lies there as a symbolic link would lead the shell's
-// redirection to a file of somebody's choice.
-void remove_symbolic_link(const char *path) {
+// Makes the file that the shell's redirection then writes: new, so that it is ours and nobody
+// else's to read, however the umask stands. /tmp is everybody's: what lies there under the name is
+// removed when it is a file or a link, and refused when it is anything else, for a pipe would keep
+// the shell waiting. After this only the owner of a sticky folder, or of the file, can put another
+// in its place.
+bool make_private_file(const char *path) {
     struct stat info {};
-    if (lstat(path, &info) == 0 && S_ISLNK(info.st_mode) && unlink(path) != 0)
-        LOGW("could not remove symbolic link %s", path);
+    if (lstat(path, &info) == 0 && (S_ISREG(info.st_mode) || S_ISLNK(info.st_mode)))
+        unlink(path);
+    const Fd file(open(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    if (!file)
+        LOGE("error opening %s", path);
+    return static_cast<bool>(file);
 }
 
 }  // namespace
@@ -89,9 +97,9 @@ char *create_wifi_log_file_malloc(const char *tag) {
         return nullptr;
     // Without the script the empty command is run all the same: the capture then yields the name.
     if (access(kScript, F_OK) == 0 &&
-        !fits(write_capture_command(command.get(), name.get()), kCommandSize))
+        (!fits(write_capture_command(command.get(), name.get()), kCommandSize) ||
+         !make_private_file(name.get())))
         return nullptr;
-    remove_symbolic_link(name.get());
     LOGD("\nCalling pex_system(%s) now...", command.get());
     int detail = -1;
     if (pex_system("common", command.get(), &detail) != 0 && detail != kStillCaptured)

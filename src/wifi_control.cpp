@@ -239,7 +239,7 @@ int wifi_set_provision_ip_config() {
         LOGW("no IP config saved");
         return -1;
     }
-    const Fd lock(open(kProvisionLock, O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+    const Fd lock = pex_open_regular_file(kProvisionLock, O_WRONLY | O_CREAT, 0600);
     if (!lock) {
         LOGE("error opening %s", kProvisionLock);
         return -1;

@@ -1,6 +1,9 @@
 // What the captured Wi-Fi log may show, and where it may be written.
 #include "pex_log_utils.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+
 #include "robot.h"
 
 namespace {
@@ -30,6 +33,28 @@ TEST_F(LogCapture, NamesNoNetworkAndNoDevice) {
         << read_file("/tmp/plain");
     EXPECT_THAT(capture(nullptr), testing::MatchesRegex("/tmp/syslog-... ... .. ..:..:.. "
                                                         "[0-9]+.gz.base64"));
+}
+
+// Anybody may put something under the name into /tmp before the daemon does.
+TEST_F(LogCapture, IsOursAloneAndWaitsForNobody) {
+    write_file("/opt/halvik/bin/wifilogs.sh", "#!/run/fakes/dash\necho log\n", 0755);
+    const std::string path = "/tmp/syslog-tag.gz.base64";
+    write_file(path, "somebody else's", 0666);
+    const Fd readable_before(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    umask(0);
+    EXPECT_EQ(capture("tag"), path);
+    struct stat info {};
+    stat(path.c_str(), &info);
+    EXPECT_EQ(info.st_mode & 07777, 0600U);
+    std::array<char, 4> start{};
+    ASSERT_EQ(read(readable_before.get(), start.data(), start.size()), 4);
+    EXPECT_EQ(std::string(start.data(), 4), "some");
+    unlink(path.c_str());
+    forget_commands();
+    ASSERT_EQ(mkfifo(path.c_str(), 0666), 0);
+    EXPECT_EQ(capture("tag"), "<null>");
+    EXPECT_TRUE(logged_as("ERROR", "error opening " + path));
+    EXPECT_TRUE(commands().empty());
 }
 
 TEST_F(LogCapture, WithoutTheScriptThereIsOnlyAName) {

@@ -1,4 +1,5 @@
 // Interfaces, soft AP and DHCP: what the robot's scripts are told, and what happens when they fail.
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/wait.h>
 
@@ -109,7 +110,7 @@ TEST_F(IpConfig, TheLineIsRunAsItStands) {
     EXPECT_EQ(commands(), lines);
 }
 
-TEST_F(IpConfig, SavedLineIsRunUnderALockThatIsNoLink) {
+TEST_F(IpConfig, SavedLineIsRunUnderALockThatIsAFile) {
     kvs_set("network.ip_config", kDhcp);
     fake("provision", "cat /proc/locks >/tmp/locks; exit 1");
     EXPECT_EQ(wifi_set_provision_ip_config(), -1);
@@ -119,6 +120,14 @@ TEST_F(IpConfig, SavedLineIsRunUnderALockThatIsNoLink) {
     ASSERT_EQ(symlink("/tmp/elsewhere", kLockFile), 0);
     EXPECT_EQ(wifi_set_provision_ip_config(), -1);
     EXPECT_NE(access("/tmp/elsewhere", F_OK), 0);
+    unlink(kLockFile);
+    ASSERT_EQ(mkfifo(kLockFile, 0666), 0);
+    forget_log();
+    EXPECT_EQ(wifi_set_provision_ip_config(), -1);
+    EXPECT_TRUE(logged_as("ERROR", "error opening /tmp/provision.lock"));
+    const Fd other_end(open(kLockFile, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    EXPECT_EQ(wifi_set_provision_ip_config(), -1);
+    EXPECT_EQ(commands().size(), 1U);
 }
 
 TEST_F(IpConfig, RenewalSignalsTheClientAndNobodyElse) {
