@@ -27,11 +27,13 @@ limit_lines=200
 
 # Secrets, in configuration files and in messages of the broker; then the names of networks. netwarden
 # masks names too, but finds "ssid=" only at the start of a line. What follows a name in quotes is
-# kept: it holds the reason why a network was refused.
+# kept: it holds the reason why a network was refused. A JSON string ends at the first quote without
+# a backslash, or where the log cut it; netwarden shows line ends inside a message as "?".
 mask() {
     sed -E \
         -e 's/((psk|password|passphrase|wep_key[0-3])[]0-9[]*[=:] *).*/\1********/I' \
-        -e 's/("(ssid|pass|robotpass|password|psk)" *: *")[^"]*/\1********/gI' \
+        -e 's/("(ssid|pass|robotpass|password|psk|[^"]*\\u[^"]*)"[ ?]*:[ ?]*)("([^"\\]|\\.)*\\?"?|[^",}]+)/\1"********"/gI' \
+        -e 's/(configure sta to ).*/\1********/' \
         -e "s/(ssid2?=)(\"|').*(\"|')/\1'********'/I" \
         -e "s/((^|[^a-z_])ssid2?(\[[0-9]+\])?=)[^\"'].*/\1********/I" \
         -e 's/((^|[^a-z_])ssid[: ]? ).*/\1********/I'
@@ -88,6 +90,11 @@ soft_ap() {
     bb timeout "$limit_s" hostapd_cli -i"$SOFTAP" all_sta </dev/null 2>&1 | tail -n 60
 }
 
+# A message of several lines as one: its sender is named on the first, and journalctl indents the others.
+join_lines() {
+    awk 'NR > 1 && !/^[ \t]/ { print "" } { printf "%s", $0 } END { print "" }'
+}
+
 # The system log's lines of those who have to do with Wi-Fi, from wherever this robot keeps it.
 system_log() {
     printf '\n==== system log\n'
@@ -99,8 +106,10 @@ system_log() {
     [ -s "$scratch" ] || bb timeout "$limit_s" logread >"$scratch" 2>/dev/null </dev/null
     [ -s "$scratch" ] ||
         bb timeout "$limit_s" journalctl -q -n 5000 -o short >"$scratch" 2>/dev/null </dev/null
-    grep -E 'netwarden|wpa_supplicant|hostapd|udhcpc|udhcpd|station:|softap:|provision:|default\.script|wlan|cfg80211|80211' \
-        "$scratch" | tail -n 1500 | mask
+    # netwarden calls itself "network" there.
+    join_lines <"$scratch" |
+        grep -E ' network(\[[0-9]+\])?: |netwarden|wpa_supplicant|hostapd|udhcpc|udhcpd|station:|softap:|provision:|default\.script|wlan|cfg80211|80211' |
+        tail -n 1500 | mask
 }
 
 scratch=$(mktemp) || die "$EX_CANTCREAT" "no room for a temporary file"

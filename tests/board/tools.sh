@@ -185,8 +185,14 @@ wifi_log_shows_no_secret() {
     cat >/var/log/messages <<'LOG'
 wpa_supplicant: wlan0: Trying to associate with 02:00:00:00:00:01 (SSID='SecretHome' freq=2412 MHz)
 wpa_supplicant: wlan0: CTRL-EVENT-SSID-TEMP-DISABLED id=0 ssid="Secret"Home" auth_failures=1 duration=10 reason=WRONG_KEY
-netwarden: payload {"wlcfg":{"ssid":"53656372657448","pass":"70617373"},"robotpass": "opensesame"}
-netwarden: Provisioning for SSID SecretHome
+Nov 22 10:00:01 robot daemon.notice network[812]: [DBG] (src/a:1) rx {"wlcfg":{"ssid":"53656372657448","pass":"7061\"7373"},"robotpass": "open\\\"sesame","wactivate":true}
+Nov 22 10:00:02 robot daemon.notice network[812]: [DBG] (src/a:1) rx {"pass" :?"hunter2","ssid":12345678, "p\u0061ss":"hunter3", "chan":6}
+Nov 22 10:00:03 robot daemon.notice network[812]: [DBG] (src/a:1) rx {"n":1,"pass":"hunter4 cut here
+Nov 22 10:00:04 robot daemon.notice network[812]: Provisioning for SSID SecretHome
+Nov 22 10:00:05 robot daemon.err network[812]: [ERROR] (src/a:2) failed to configure sta to 53656372657448; check kvs
+Nov 22 10:00:06 robot daemon.err network[812]: [ERROR] (src/a:3)
+                                  MODULE : netwarden CMD (sudo provision) failed
+Nov 22 10:00:07 robot daemon.notice other[9]: private
 LOG
     stand_in wpa_cli <<'WPA'
 case $2 in
@@ -198,11 +204,12 @@ esac
 WPA
     stand_in iw <<<'exec sleep 100'
     timeout 50 /opt/halvik/bin/wifilogs.sh >/tmp/wifi.log
-    exits 1 grep -n 'Secret\|53656372\|0000007\|6b657931\|70617373\|opensesame' /tmp/wifi.log
+    exits 1 grep -n 'Secret\|53656372\|0000007\|6b657931\|7373\|sesame\|hunter\|12345678\|private' /tmp/wifi.log
+    [ "$(grep -c ' network\[812\]: ' /tmp/wifi.log)" -eq 6 ]
     sed -E 's/(SSID[: ]? ).*/\1******** /gI;s/([[:xdigit:]]{2}:){5}[[:xdigit:]]{2}/**:**:**:**:**:**/g
         s/(ssid=).*[#\t]/\1******** /gI;s/^ssid=.*/ssid=******** /g' /tmp/wifi.log >/tmp/masked.log
     exits 1 grep -n '02:00:00' /tmp/masked.log
-    for text in reason=WRONG_KEY '2412	-40	.WPA2-PSK-CCMP' scan_ssid=1 'CL MODE : ' '==== kernel'; do
+    for text in reason=WRONG_KEY '"wactivate":true}' '"chan":6}' 'MODULE : netwarden CMD' '2412	-40	.WPA2-PSK-CCMP' scan_ssid=1 'CL MODE : ' '==== kernel'; do
         grep -q -- "$text" /tmp/masked.log
     done
 }
