@@ -19,6 +19,7 @@
 #include "owned.h"
 #include "pex_kvs_helper.h"
 #include "pex_log_utils.h"
+#include "pex_misc.h"
 #include "pex_net.h"
 #include "pex_product_version_string.h"
 #include "provisioning_sm.h"
@@ -279,14 +280,14 @@ bool receive_probe(int listener, sockaddr_in &sender) {
     std::array<char, INET_ADDRSTRLEN> address{};
     inet_ntop(AF_INET, &sender.sin_addr, address.data(), address.size());
     LOGE("bad discovery packet from %s - len=%d rxbuf=%s", address.data(),
-         static_cast<int>(received), text.data());
+         static_cast<int>(received), pex_one_line(text.data()).c_str());
     return false;
 }
 
 void log_reply(const char *text) {
     if (log_configure_trunc(get_log_handle(), 0) != 0)
         LOGE("Failed to disable logging truncation, discovery packet will be truncated");
-    LOGI("disc_advertised is: %s", text);
+    LOGI("disc_advertised is: %s", pex_one_line(text).c_str());
     if (log_configure_trunc(get_log_handle(), 1) != 0)
         LOGE("Failed to enable logging truncation.");
 }

@@ -253,7 +253,7 @@ int gateway_pinger_get_next_cleaning() {
         LOGE("network_send_tarn_req failed");
         return 0;
     }
-    LOGD("tarn resp: %s", reply.data());
+    LOGD("tarn resp: %s", pex_one_line(reply.data()).c_str());
     json_error_t error;
     const Json answer(json_loads(reply.data(), 0, &error));
     if (!answer) {

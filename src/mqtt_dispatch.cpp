@@ -309,7 +309,7 @@ void take_member(addressing &to, const char *key, const json_t *value) {
     const auto member = std::find_if(kTextMembers.begin(), kTextMembers.end(),
                                      [key](const auto &entry) { return entry.key == key; });
     if (member == kTextMembers.end())
-        LOGE("unknown wlcfg item - %s", key);
+        LOGE("unknown wlcfg item - %s", pex_one_line(key).c_str());
     else if (!json_is_string(value))
         LOGE("invalid %s in wlcfg", key);
     else
@@ -480,7 +480,7 @@ void on_mqtt_app_message(mqtt_app * /*app*/, const mqtt_app_message *message) {
                      std::string(message->payload, static_cast<size_t>(message->payload_len)),
                      nullptr, false};
     LOGD("mqtt_client (network) rx (len = %d) %s %s\n", message->payload_len, received.topic,
-         received.payload.c_str());
+         pex_one_line(received.payload.c_str()).c_str());
     const Json root(json_loads(received.payload.c_str(), 0, nullptr));
     if (!root) {
         LOGE("json_loads() failed");

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <string>
 
 #include "log.h"
 #include "owned.h"
@@ -126,15 +127,16 @@ void print_json_object(json_t *object) {
 }
 
 void print_json_kv(const char *key, json_t *value) {
+    const std::string name = pex_one_line(key);
     if (json_is_string(value)) {
-        LOGI("%s : %s", key, json_string_value(value));
+        LOGI("%s : %s", name.c_str(), pex_one_line(json_string_value(value)).c_str());
     } else if (json_is_integer(value)) {
-        LOGI("%s : %.0f", key, json_number_value(value));
+        LOGI("%s : %.0f", name.c_str(), json_number_value(value));
     } else if (json_is_array(value)) {
         const MallocText text(json_dumps(value, 0));
-        LOGI("%s : %s", key, text ? text.get() : "");
+        LOGI("%s : %s", name.c_str(), text ? text.get() : "");
     } else if (json_is_boolean(value)) {
-        LOGI("%s : %s", key, json_is_true(value) ? "true" : "false");
+        LOGI("%s : %s", name.c_str(), json_is_true(value) ? "true" : "false");
     } else if (json_is_object(value)) {
         print_json_object(value);
     }

@@ -251,7 +251,7 @@ Network settings() {
 
 // What cannot be decoded is refused later, or still serves a network without passphrase.
 MallocText decode_ssid(const std::string &ssid) {
-    LOGD("Encoded SSID: %s", ssid.c_str());
+    LOGD("Encoded SSID: %s", pex_one_line(ssid.c_str()).c_str());
     MallocText name(hex_decode_str_malloc(ssid.c_str()));
     if (!name)
         LOGW("Could not decode ssid");

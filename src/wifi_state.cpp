@@ -376,7 +376,7 @@ void wifictl_set_ssid(const char *text) {
     if (is_empty(text))
         return;
     if (set_pending(&pending_settings::ssid, text) >= static_cast<int>(kSsidSize))
-        LOGW("SSID %s is too long -- truncated", text);
+        LOGW("SSID %s is too long -- truncated", pex_one_line(text).c_str());
 }
 
 // Unlike the SSID an empty passphrase replaces the old one: an open network has none.

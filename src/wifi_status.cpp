@@ -411,7 +411,7 @@ void wifi_start_sta_from_kvs_configuration() {
     int32_t error_code = -1;
     if (failed(wifi_network_connect(&error_code, 0))) {
         wifi_state_set_wifi(WIFI_STATION_STOPPED);
-        LOGE("failed to configure sta to %s; check kvs for pass", ssid.get());
+        LOGE("failed to configure sta to %s; check kvs for pass", pex_one_line(ssid.get()).c_str());
     }
 }
 

@@ -49,9 +49,10 @@ class Discovery : public Robot {
 TEST_F(Discovery, OnlyTheExactProbeIsAnswered) {
     for (const std::string &text :
          {std::string(), std::string("halvikmc"), std::string("halvikmcS"),
-          std::string("halvikmcs\n"), std::string(65507, 'h')})
+          std::string("halvikmcs\n"), std::string("\r\nforge\x1b\x7f"), std::string(65507, 'h')})
         EXPECT_EQ(probe(text, 200), "") << text.size();
     EXPECT_TRUE(logged("bad discovery packet from 127.0.0.1 - len=65507 rxbuf=hhhhhhhhh"));
+    EXPECT_TRUE(logged("bad discovery packet from 127.0.0.1 - len=9 rxbuf=??forge??"));
     EXPECT_EQ(
         probe("halvikmcs"),
         R"({"ver":"3","hostname":"Plover-0123456789ABCDEF\"456789ABCDEF\"","robotname":"robot",)"

@@ -78,6 +78,16 @@ TEST_F(Dispatcher, CredentialsAreDecodedAndBadMembersNamed) {
     EXPECT_TRUE(logged("bad wlcfg object"));
 }
 
+// A line end in a message would begin a line of the sender's choice in the log.
+TEST_F(Dispatcher, ForeignTextsStayOnTheirLogLine) {
+    const std::string forged(65, 'x');
+    receive("{\"wlcfg\":\n {\"a\\n[ERROR] b\":1,\"ssid\":\"\\u001b\\r\\n\\u007f \u00e4" + forged +
+            "\"}}");
+    EXPECT_TRUE(logged(R"(brisk/network/events {"wlcfg":? {"a\n[ERROR] b":1,)"));
+    EXPECT_TRUE(logged_as("ERROR", "unknown wlcfg item - a?[ERROR] b"));
+    EXPECT_TRUE(logged_as("WARN", "SSID ???? \u00e4" + forged + " is too long -- truncated"));
+}
+
 TEST_F(Dispatcher, ProvisioningWaitsForTheTidelink) {
     receive(R"({"event":"provisioning"})");
     EXPECT_TRUE(logged("Provisioning attempted but tidelink not connected. Waiting..."));

@@ -57,6 +57,16 @@ TEST_F(LogCapture, IsOursAloneAndWaitsForNobody) {
     EXPECT_TRUE(commands().empty());
 }
 
+TEST_F(LogCapture, PrintsEachJsonMemberOnOneLine) {
+    const Json object(
+        json_loads(R"({"a":{"b\n":1},"c":"d\ne\u00e4","f":["\n"],"g":null})", 0, nullptr));
+    print_json_kv_pairs(object.get(), "TITLE");
+    for (const char *line : {"### TITLE START ###", "b? : 1", "c : d?e\u00e4", R"(f : ["\n"])"})
+        EXPECT_TRUE(logged_as("INFO", line)) << line;
+    EXPECT_TRUE(logged("### TITLE END ###"));
+    EXPECT_EQ(times_logged("a : ") + times_logged("g : "), 0);
+}
+
 TEST_F(LogCapture, WithoutTheScriptThereIsOnlyAName) {
     const std::string fits(256 - 1 - 22, 'x');
     EXPECT_EQ(capture(fits.c_str()), "/tmp/syslog-" + fits + ".gz.base64");
