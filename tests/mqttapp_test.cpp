@@ -89,6 +89,28 @@ TEST_F(MqttApp, OrderQueueAndSubscriptionsSurviveTheBroker) {
     EXPECT_TRUE(logged("refused a message of 65537 bytes on in/large"));
 }
 
+// What is retained comes at every connect; it is old, and what it asked for may be long done.
+TEST_F(MqttApp, IgnoresRetainedMessages) {
+    const Broker broker;
+    for (const std::string topic : {"in/order", "in/other"})
+        ASSERT_EQ(system(("mosquitto_pub -r -q 1 -m retained -t " + topic).c_str()), 0);
+    run();
+    publish_numbers(0, 1);
+    receives_expected(1);
+    // Somebody with the same name takes the connection, so that a second one follows.
+    const std::string name = "tester-" + std::to_string(getpid());
+    ASSERT_EQ(system(("mosquitto_pub -i " + name + " -t elsewhere -n").c_str()), 0);
+    ASSERT_TRUE(eventually([] { return connects == 2; }, std::chrono::seconds(15)));
+    publish_numbers(1, 1);
+    receives_expected(2);
+    // Retained for later subscribers, but said now.
+    ASSERT_EQ(system("mosquitto_pub -r -q 1 -m now -t in/order"), 0);
+    expected.push_back("in/order now");
+    receives_expected(2);
+    EXPECT_EQ(times_logged("ignored a retained message on in/order"), 1);
+    EXPECT_EQ(times_logged("ignored a retained message on in/other"), 1);
+}
+
 TEST_F(MqttApp, RefusesWhatIsNoBrokerTopicOrMessage) {
     for (const std::string broker : {"localhost", ":1883", "localhost:65536", "localhost:18x",
                                      "::1:1883", "a b:1883", "unix:relative"}) {

@@ -50,6 +50,7 @@ constexpr size_t kQueueMessages = 256;
 constexpr size_t kQueueBytes = 4 << 20;
 constexpr size_t kInFlight = 20;  // fits the default window of brokers
 constexpr int kLargestMessage = 64 * 1024;
+constexpr size_t kNamedTopics = 16;  // of retained messages, in the log
 
 struct ClientDeleter {
     void operator()(mosquitto *client) const { mosquitto_destroy(client); }
@@ -100,7 +101,8 @@ struct mqtt_app {
     Client client;
     link_state link = link_state::down;
     bool reported_down = false;
-    bool has_acknowledged = false;  // the broker, something on this connection
+    bool has_acknowledged = false;             // the broker, something on this connection
+    std::vector<std::string> retained_topics;  // those that the log names already
 
     std::atomic<bool> stop{false};
 
@@ -237,8 +239,22 @@ void on_publish(mosquitto * /*client*/, void *context, int mid) {
     queue.erase(acknowledged);
 }
 
+// The broker hands a retained message out at every connect: what somebody once asked for would be
+// asked for again at every boot. Named once for each topic, and not for ever more of them.
+void refuse_retained(mqtt_app *app, const char *topic) {
+    auto &named = app->retained_topics;
+    if (named.size() == kNamedTopics || std::find(named.begin(), named.end(), topic) != named.end())
+        return;
+    LOGW("ignored a retained message on %s", topic);
+    named.emplace_back(topic);
+}
+
 void on_message(mosquitto * /*client*/, void *context, const mosquitto_message *message) {
     auto *app = static_cast<mqtt_app *>(context);
+    if (message->retain) {
+        refuse_retained(app, message->topic);
+        return;
+    }
     if (message->payloadlen > kLargestMessage) {
         LOGE("refused a message of %d bytes on %s", message->payloadlen, message->topic);
         return;

@@ -1,5 +1,6 @@
 // The robot's broker: one connection that comes back by itself, subscriptions that come back with
-// it, and publishes that never wait for the network. QoS 1 both ways, nothing retained.
+// it, and publishes that never wait for the network. QoS 1 both ways, nothing retained: what others
+// retain is not handed on.
 #pragma once
 
 struct mqtt_app;
