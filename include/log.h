@@ -32,13 +32,14 @@ void log_close(log_handle *handle);
 void log_format(log_handle *handle, uint32_t level, const char *source, int line,
                 const char *format, ...) __attribute__((format(printf, 5, 6)));
 
-// 1 cuts messages to 1023 characters (the default), 0 prints them whole. -1 for a null handle.
+// 1 cuts messages to 1023 characters (the default), 0 prints them whole. -1 for a null or closed
+// handle.
 int log_configure_trunc(log_handle *handle, int enable);
 
 // "verbose", "dbg", "info", "warn" or "err". -1 for anything else, the level then stays.
 int log_set_level_using_str(log_handle *handle, const char *word);
 
-// The number is not checked. -1 for a null handle.
+// The number is not checked. -1 for a null or closed handle.
 int log_set_level(log_handle *handle, uint32_t level);
 
 // 1 for one of the five level words, else 0.

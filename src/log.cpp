@@ -68,26 +68,36 @@ bool reports_errno(uint32_t level) {
 
 // The open handles and how many calls are using each, so that a thread which still holds a closed
 // handle falls back to the null one and none is freed under a call. No lock: who logs never waits
-// for another, and closing waits only for calls that began before it.
+// for another, and closing waits only for calls that began before it. A slot is used again and
+// never freed: the list is as long as there were ever handles open at once.
 struct slot {
-    std::atomic<log_handle *> handle{nullptr};
+    explicit slot(log_handle *opened) : handle(opened) {}
+    std::atomic<log_handle *> handle;
     std::atomic<int> users{0};
+    slot *next = nullptr;
 };
-std::array<slot, 8> slots;
+std::atomic<slot *> first_slot{nullptr};
 
 slot *find_slot(const log_handle *handle) {
-    const auto found = std::find_if(slots.begin(), slots.end(),
-                                    [&](const slot &s) { return s.handle.load() == handle; });
-    return found == slots.end() ? nullptr : &*found;
+    slot *each = first_slot.load();
+    while (each != nullptr && each->handle.load() != handle)
+        each = each->next;
+    return each;
 }
 
 bool add_open(log_handle *handle) {
-    for (auto &free_slot : slots) {
+    for (slot *each = first_slot.load(); each != nullptr; each = each->next) {
         log_handle *expected = nullptr;
-        if (free_slot.handle.compare_exchange_strong(expected, handle))
+        if (each->handle.compare_exchange_strong(expected, handle))
             return true;
     }
-    return false;
+    slot *const added = new (std::nothrow) slot(handle);
+    if (added == nullptr)
+        return false;
+    added->next = first_slot.load();
+    while (!first_slot.compare_exchange_weak(added->next, added)) {
+    }
+    return true;
 }
 
 // False when the handle was not open (any more).
@@ -322,12 +332,13 @@ void log_format(log_handle *handle, uint32_t level, const char *source, int line
 }
 
 int log_configure_trunc(log_handle *handle, int enable) {
-    if (handle == nullptr)
+    const InUse in_use(handle);
+    if (in_use.get() == nullptr)
         return -1;
     if (enable != 0)
-        handle->flags.fetch_and(static_cast<uint8_t>(~kNoTruncation));
+        in_use.get()->flags.fetch_and(static_cast<uint8_t>(~kNoTruncation));
     else
-        handle->flags.fetch_or(kNoTruncation);
+        in_use.get()->flags.fetch_or(kNoTruncation);
     return 0;
 }
 
@@ -337,9 +348,10 @@ int log_set_level_using_str(log_handle *handle, const char *word) {
 }
 
 int log_set_level(log_handle *handle, uint32_t level) {
-    if (handle == nullptr)
+    const InUse in_use(handle);
+    if (in_use.get() == nullptr)
         return -1;
-    handle->level.store(level, std::memory_order_relaxed);
+    in_use.get()->level.store(level, std::memory_order_relaxed);
     return 0;
 }
 

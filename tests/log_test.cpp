@@ -88,11 +88,34 @@ TEST_F(Log, ClosingUnderThreadsThatLogIsSafe) {
     std::vector<std::jthread> threads;
     for (int i = 0; i < 4; i++)
         threads.emplace_back([&](const std::stop_token &stop) {
-            while (!stop.stop_requested())
+            while (!stop.stop_requested()) {
                 log_format(log, LOG_LEVEL_ERROR, "s", 1, "busy");
+                log_configure_trunc(log, 0);
+                log_set_level(log, LOG_LEVEL_ERROR);
+                log_set_level_using_str(log, "err");
+            }
         });
     EXPECT_TRUE(logged("busy"));
     log_close(log);
+    EXPECT_EQ(log_configure_trunc(log, 1), -1);
+    EXPECT_EQ(log_set_level(log, LOG_LEVEL_INFO), -1);
+    EXPECT_EQ(log_set_level_using_str(log, "info"), -1);
+}
+
+TEST_F(Log, AnyNumberMayBeOpen) {
+    std::vector<log_handle *> logs(40);
+    for (int round = 0; round < 2; round++) {
+        for (auto &log : logs) {
+            log = log_open("robot", LOG_LEVEL_INFO, kFile, 0, 0, 0, 1, 0);
+            ASSERT_NE(log, nullptr);
+            log_format(log, LOG_LEVEL_INFO, "s", 1, "x");
+        }
+        EXPECT_EQ(log_set_level(logs.front(), LOG_LEVEL_WARN), 0);
+        log_format(logs.front(), LOG_LEVEL_INFO, "s", 1, "filtered");
+        for (log_handle *log : logs)
+            log_close(log);
+    }
+    EXPECT_EQ(read_file(kFile), std::string(80, 'x'));
 }
 
 }  // namespace
