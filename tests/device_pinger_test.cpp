@@ -83,7 +83,7 @@ TEST_F(DevicePinger, SweepFindsAndReportsWhoAnswers) {
     EXPECT_EQ(times_logged(" starting thread "), 32);
     EXPECT_EQ(times_logged("range 192.0.2.249 , count 6"), 1);
     forget_log();
-    EXPECT_TRUE(logged("pinged 2 active devices"));
+    EXPECT_TRUE(eventually([&] { return times_logged("pinged 2 active devices") == 2; }));
     EXPECT_EQ(times_logged("wifiDevices"), 0) << "nothing changed";
     wifi_state_set_wifi(WIFI_NETWORK_DOWN);
     EXPECT_TRUE(logged("wifi is disconnected"));

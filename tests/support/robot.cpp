@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 
@@ -18,6 +19,8 @@ namespace {
 
 constexpr char kCommands[] = "/run/fakes/commands";
 [[maybe_unused]] constexpr char kFakeTime[] = "/usr/$LIB/faketime/libfaketimeMT.so.1";
+constexpr char kMarker[] = "all that was logged before";
+constexpr sockaddr_un kLog{AF_UNIX, "/dev/log"};
 constexpr char kBrokerConfiguration[] = "/tmp/mosquitto.conf";
 
 bool accepts_connections(uint16_t port) {
@@ -29,9 +32,8 @@ bool accepts_connections(uint16_t port) {
 }  // namespace
 
 Robot::Robot() : log_socket_(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
-    const sockaddr_un address{AF_UNIX, "/dev/log"};
-    unlink(address.sun_path);
-    if (bind(log_socket_.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0)
+    unlink(kLog.sun_path);
+    if (bind(log_socket_.get(), reinterpret_cast<const sockaddr *>(&kLog), sizeof kLog) != 0)
         ADD_FAILURE() << "cannot listen on /dev/log: run through tests/sandbox";
     reader_ = std::thread([this] { read_log(); });
     fake("sudo", "exec \"$@\"");
@@ -53,13 +55,32 @@ void Robot::read_log() {
             continue;
         // "<29>Nov 22 10:00:00 network[12]: text" without what stands in front.
         const std::string line(datagram, static_cast<size_t>(length));
+        if (line == kMarker) {
+            markers_read_++;
+            markers_read_.notify_all();
+            continue;
+        }
         const auto start = line.find(": ");
         const std::lock_guard guard(lock_);
         lines_.push_back(start == line.npos ? line : line.substr(start + 2));
     }
 }
 
+// Who logs waits until its line is in the socket's queue, so a line of this test's past is before
+// the marker there. No limit: the reader lives as long as the test, whose own time is limited.
+void Robot::catch_up_with_log() {
+    if (sendto(log_socket_.get(), kMarker, strlen(kMarker), 0,
+               reinterpret_cast<const sockaddr *>(&kLog), sizeof kLog) < 0) {
+        ADD_FAILURE() << "cannot mark the log";
+        return;
+    }
+    markers_sent_++;
+    for (unsigned read = markers_read_; read != markers_sent_; read = markers_read_)
+        markers_read_.wait(read);
+}
+
 std::string Robot::log_text() {
+    catch_up_with_log();
     const std::lock_guard guard(lock_);
     std::string text;
     for (const auto &line : lines_)
@@ -71,6 +92,11 @@ bool Robot::logged_as(const std::string &level, const std::string &text) {
     return eventually([&] { return count_lines(level, text) > 0; }, std::chrono::seconds(10));
 }
 
+int Robot::times_logged(const std::string &text) {
+    catch_up_with_log();
+    return count_lines("", text);
+}
+
 int Robot::count_lines(const std::string &level, const std::string &text) {
     const std::lock_guard guard(lock_);
     return static_cast<int>(std::count_if(lines_.begin(), lines_.end(), [&](const auto &line) {
@@ -80,8 +106,7 @@ int Robot::count_lines(const std::string &level, const std::string &text) {
 }
 
 void Robot::forget_log() {
-    // What was sent before is read first: the reader takes at most one poll to catch up.
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    catch_up_with_log();
     const std::lock_guard guard(lock_);
     lines_.clear();
 }

@@ -26,12 +26,14 @@ class Robot : public testing::Test {
     ~Robot() override;
 
     // --- the log: every line that reached /dev/log, "<priority>" and time stamp cut --------------
-    std::string log_text();  // all lines, newline-ended
+    // All lines, newline-ended. Holds, as do the next ones, whatever was logged before the call: a
+    // marker is sent behind it and waited for. From one thread at a time.
+    std::string log_text();
+    int times_logged(const std::string &text);
+    void forget_log();
     // Waits up to ten seconds for a line that contains `text`, of that level ("ERROR", "DBG", ...).
     bool logged(const std::string &text) { return logged_as("", text); }
     bool logged_as(const std::string &level, const std::string &text);
-    int times_logged(const std::string &text) { return count_lines("", text); }
-    void forget_log();
 
     // --- the settings store ----------------------------------------------------------------------
     static std::string kvs_path(const std::string &key) {
@@ -63,11 +65,14 @@ class Robot : public testing::Test {
 
   private:
     void read_log();
+    void catch_up_with_log();
     int count_lines(const std::string &level, const std::string &text);
 
     Fd log_socket_;
     std::mutex lock_;
     std::vector<std::string> lines_;
+    std::atomic<unsigned> markers_read_{0};
+    unsigned markers_sent_ = 0;
     std::atomic<bool> stop_{false};
     std::thread reader_;
 };
