@@ -24,6 +24,9 @@ void device_network_hop_request();
 // with both as they were. Blocks for seconds.
 int get_current_bssid(char **bssid, int32_t *frequency);
 
+// What that takes from the supplicant's status text. 1, or 0 with the link as it was.
+int parse_link_status(const char *status, channel_info *link);
+
 // Scans, lists every access point as a home device, and fills at most `capacity` entries, which are
 // empty before. How many were filled. Blocks for up to 9 s and the supplicant's answers.
 int get_channel_information(channel_info *entries, int capacity);

@@ -107,32 +107,6 @@ const char *value_of(const char *status, std::string_view key) {
     return found != nullptr ? found + key.size() : nullptr;
 }
 
-bool parse_status(const char *status, channel_info &result) {
-    const char *bssid = value_of(status, "bssid=");
-    const char *end = bssid != nullptr ? strchr(bssid, '\n') : nullptr;
-    if (end == nullptr) {
-        LOGE("unexpected wpa supplicant status output");
-        return false;
-    }
-    result.bssid.reset(strndup(bssid, static_cast<size_t>(end - bssid)));
-    if (!result.bssid) {
-        LOGE("strdup failed");
-        return false;
-    }
-    const char *frequency = value_of(status, "freq=");
-    if (frequency == nullptr) {
-        LOGE("unexpected wpa supplicant status output");
-        return false;
-    }
-    const auto number = leading_number(frequency);
-    if (!number) {
-        LOGE("unexpected wpa_supplicant status output");  // the underscore tells the two apart
-        return false;
-    }
-    result.freq = *number;
-    return true;
-}
-
 // The link's access point, its signal left at 0; an empty entry when it cannot be read.
 channel_info current_access_point() {
     channel_info current;
@@ -367,10 +341,37 @@ int get_current_bssid(char **bssid, int32_t *frequency) {
         return 0;
     }
     channel_info current;
-    if (!parse_status(status.get(), current))
+    if (parse_link_status(status.get(), &current) == 0)
         return 0;
     *bssid = current.bssid.release();
     *frequency = current.freq;
+    return 1;
+}
+
+int parse_link_status(const char *status, channel_info *link) {
+    const char *bssid = value_of(status, "bssid=");
+    const char *end = bssid != nullptr ? strchr(bssid, '\n') : nullptr;
+    if (end == nullptr) {
+        LOGE("unexpected wpa supplicant status output");
+        return 0;
+    }
+    MallocText address(strndup(bssid, static_cast<size_t>(end - bssid)));
+    if (!address) {
+        LOGE("strdup failed");
+        return 0;
+    }
+    const char *frequency = value_of(status, "freq=");
+    if (frequency == nullptr) {
+        LOGE("unexpected wpa supplicant status output");
+        return 0;
+    }
+    const auto number = leading_number(frequency);
+    if (!number) {
+        LOGE("unexpected wpa_supplicant status output");  // the underscore tells the two apart
+        return 0;
+    }
+    link->bssid = std::move(address);
+    link->freq = *number;
     return 1;
 }
 
