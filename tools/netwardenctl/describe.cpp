@@ -174,7 +174,7 @@ constexpr std::array kKeys{
 
 std::string wifi_state_text(json_int_t state) {
     constexpr auto kStates = static_cast<json_int_t>(kWifiStates.size());
-    return state >= -1 && state + 1 < kStates ? kWifiStates[static_cast<size_t>(state + 1)]
+    return state >= -1 && state < kStates - 1 ? kWifiStates[static_cast<size_t>(state + 1)]
                                               : "unknown state " + std::to_string(state);
 }
 
