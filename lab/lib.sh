@@ -103,8 +103,19 @@ expect_log() {
 $(log_since_mark | tail -8)"
 }
 
+# log_is_read: what was logged before the call is in the log's file: a marker went behind it and has arrived.
+log_is_read() {
+    local marker=marker-$RANDOM$RANDOM end=$((SECONDS + 10))
+    logger -t lab "$marker"
+    until grep -qF " lab: $marker" "$LAB_LOG"; do
+        ((SECONDS < end)) || fail "the log is not written any more"
+        sleep 0.05
+    done
+}
+
 # refute_log PATTERN: fails when such a line was logged since the mark.
 refute_log() {
+    log_is_read
     ! has_log "$1" || fail "logged, and must not be: $(log_since_mark | grep -E -m3 -- "$1")"
 }
 
@@ -163,6 +174,7 @@ netinfo() {
 # refute_text TEXT: TEXT (a key, say) must be in no log and no message since the robot's boot.
 refute_text() {
     local file
+    log_is_read
     for file in "$LAB_LOG" "$LAB_MESSAGES" "$LAB_RESULTS/daemon.out"; do
         if [[ -e $file ]] && grep -F -- "$1" "$file"; then fail "this must be written nowhere: $1"; fi
     done
