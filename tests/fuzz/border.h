@@ -42,4 +42,5 @@ std::string take_line(std::string_view &text);
 // Nothing but these characters.
 bool is_made_of(std::string_view text, std::string_view characters);
 
+constexpr std::string_view kDigits = "0123456789";
 constexpr std::string_view kHexDigits = "0123456789abcdefABCDEF";

@@ -6,6 +6,7 @@
 #include <array>
 #include <climits>
 #include <cstring>
+#include <tuple>
 
 #include "../../src/mqtt_dispatch.h"
 #include "../../tools/netwardenctl/text.h"
@@ -161,10 +162,20 @@ void static_addresses(std::string_view text) {
 
 namespace {
 
-// Fit for a terminal: UTF-8 without control characters.
+// Fit for a terminal: UTF-8 without control characters and without marks that turn the direction.
 bool is_printable(const std::string &text) {
+    const auto is_control = [](char c) { return (c >= 0 && c < 0x20) || c == 0x7f; };
     const Json value(json_stringn(text.data(), text.size()));
-    return value && ctl::printable(text) == text;
+    if (!value || std::any_of(text.begin(), text.end(), is_control))
+        return false;
+    for (const auto &[head, first, last] : {std::tuple("\xc2", '\x80', '\x9f'),
+                                            {"\xe2\x80", '\x8e', '\x8f'},
+                                            {"\xe2\x80", '\xa8', '\xae'},
+                                            {"\xe2\x81", '\xa6', '\xa9'}})
+        for (size_t at = 0; (at = text.find(head, at)) != text.npos; at++)
+            if (const char mark = text[at + strlen(head)]; mark >= first && mark <= last)
+                return false;
+    return true;
 }
 
 bool hides_passwords(json_t *value) {

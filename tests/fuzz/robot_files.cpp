@@ -2,6 +2,7 @@
 #include <arpa/inet.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <cstdlib>
@@ -31,6 +32,22 @@ void name_servers(std::string_view text) {
     require(servers[0] == 0 || text.find("nameserver") != text.npos);
 }
 
+namespace {
+
+// Whether one of the numbers in the text is this one, whatever zeros are before it.
+bool holds_number(std::string_view text, int number) {
+    for (size_t at = 0; (at = text.find_first_of(kDigits, at)) != text.npos;) {
+        const size_t end = std::min(text.find_first_not_of(kDigits, at), text.size());
+        const size_t first = std::min(text.find_first_not_of('0', at), end);
+        if (text.substr(first, end - first) == std::to_string(number))
+            return true;
+        at = end;
+    }
+    return false;
+}
+
+}  // namespace
+
 // A signal to the wrong number ends a whole group of processes.
 void dhcp_client_pid(std::string_view text) {
     border::write_file("/run/udhcpc.wlan0.pid", text);
@@ -38,8 +55,7 @@ void dhcp_client_pid(std::string_view text) {
     const int process = border::signalled();
     require(result == 0 ? process >= 2 : result == -1 && process == 0);
     // What stands behind a zero byte counts as one with what is before it.
-    require(process == 0 || text.find(std::to_string(process)) != text.npos ||
-            text.find('\0') != text.npos);
+    require(process == 0 || holds_number(text, process) || text.find('\0') != text.npos);
 }
 
 void radio_nv_file(std::string_view text) {

@@ -117,7 +117,7 @@ void signal_and_noise(std::string_view text) {
 
 // The first line is what was asked for, the rest what script and kernel report.
 void regulatory_domain(std::string_view text) {
-    const std::string wanted = take_line(text);
+    const std::string wanted = take_line(text).c_str();
     border::tools_print(text);
     const int result = wifi_regdom_utils_set_regdomain(wanted.c_str());
     std::string set;
@@ -130,6 +130,8 @@ void regulatory_domain(std::string_view text) {
         require(set == "\"#\"" || set == "00" ||
                 (set.size() == 2 && is_made_of(set, "ABCDEFGHIJKLMNOPQRSTUVWXYZ")));
     }
+    constexpr std::string_view kOfRegions = "US CN WO JP TW \"#\"";
+    require(wanted.size() == 2 || kOfRegions.find(set) != kOfRegions.npos);
     require(!set.empty() && (result == -1 || (result == 0 && set != "\"#\"" && has(text, set))));
 }
 
