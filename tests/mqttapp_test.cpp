@@ -23,9 +23,11 @@ class MqttApp : public Robot {
   protected:
     ~MqttApp() override { exit(); }
 
-    void run(void (*on_connect)(mqtt_app *) = [](mqtt_app *) { connects++; }) {
+    void run(
+        void (*on_connect)(mqtt_app *) = [](mqtt_app *) { connects++; }, int message_limit = -1) {
         app = mqtt_app_create("tester");
         EXPECT_EQ(mqtt_app_init(app, topics, keep), 0);
+        EXPECT_EQ(mqtt_app_set_message_limit(app, message_limit), message_limit < 0 ? -1 : 0);
         mqtt_app_register_on_connect_cb(app, on_connect);
         thread = std::thread(mqtt_app_run, app);
     }
@@ -109,6 +111,19 @@ TEST_F(MqttApp, IgnoresRetainedMessages) {
     receives_expected(2);
     EXPECT_EQ(times_logged("ignored a retained message on in/order"), 1);
     EXPECT_EQ(times_logged("ignored a retained message on in/other"), 1);
+}
+
+// A full census. The board's broker acknowledges what is too long for it and drops it.
+TEST_F(MqttApp, LargestMessageArrivesWhereItIsAskedFor) {
+    const Broker broker;
+    run([](mqtt_app *) { connects++; }, kMqttAppLargestMessage);
+    const std::string largest(kMqttAppLargestMessage, 'x');
+    for (int i = 0; i < 6; i++) {  // more than the queue holds at once
+        ASSERT_TRUE(eventually([&] { return publish("in/large", largest) == 0; })) << i;
+        expected.push_back("in/large " + largest);
+    }
+    receives_expected(1);
+    EXPECT_EQ(publish("in/large", largest + "x"), EMSGSIZE);
 }
 
 TEST_F(MqttApp, RefusesWhatIsNoBrokerTopicOrMessage) {

@@ -101,10 +101,18 @@ TEST_F(Ctl, AsksTheRobot) {
     for (const char *what : {"start", "pause", "stop"})
         expect(std::string("track ") + what, 0, {what});
     EXPECT_TRUE(logged_as("DBG", "stopping wifi device tracking"));
-    const pid_t client = start("devices");
+    pid_t client = start("devices");
     while (!prints("Ann\\x07  ann", 0))
         publish("robot/debug", R"({"wifiDevices":[{"mac_address":"02:00","name":"Ann\u0007",)"
                                R"("hostname":"ann"}]})");
+    EXPECT_EQ(end_of(client), 0);
+    std::string home;
+    for (int i = 0; i < 4096; i++)
+        home += std::string(i == 0 ? "" : ",") + R"({"mac_address":")" + std::to_string(i) +
+                R"(","name":")" + std::string(200, 'n') + R"("})";
+    client = start("devices --timeout 15");
+    for (int i = 0; i < 200 && !prints("\n4095  n", 0); i++)
+        publish("robot/debug", R"({"wifiDevices":[)" + home + "]}");
     EXPECT_EQ(end_of(client), 0);
 }
 

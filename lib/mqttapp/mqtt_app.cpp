@@ -49,7 +49,7 @@ constexpr int kServiceMs = 5000;  // the keep-alive is looked at this often
 constexpr size_t kQueueMessages = 256;
 constexpr size_t kQueueBytes = 4 << 20;
 constexpr size_t kInFlight = 20;  // fits the default window of brokers
-constexpr int kLargestMessage = 64 * 1024;
+constexpr int kDefaultMessageLimit = 64 * 1024;
 constexpr size_t kNamedTopics = 16;  // of retained messages, in the log
 
 struct ClientDeleter {
@@ -95,6 +95,7 @@ struct mqtt_app {
     std::vector<std::string> topics;
     mqtt_app_message_cb on_message = nullptr;
     mqtt_app_connect_cb on_connect = nullptr;
+    int message_limit = kDefaultMessageLimit;
     int wake_fd = -1;
 
     // The thread of mqtt_app_run only.
@@ -255,7 +256,7 @@ void on_message(mosquitto * /*client*/, void *context, const mosquitto_message *
         refuse_retained(app, message->topic);
         return;
     }
-    if (message->payloadlen > kLargestMessage) {
+    if (message->payloadlen > app->message_limit) {
         LOGE("refused a message of %d bytes on %s", message->payloadlen, message->topic);
         return;
     }
@@ -489,6 +490,13 @@ int mqtt_app_register_on_connect_cb(mqtt_app *app, mqtt_app_connect_cb on_connec
     return 0;
 }
 
+int mqtt_app_set_message_limit(mqtt_app *app, int bytes) {
+    if (app == nullptr || bytes < 0)
+        return -1;
+    app->message_limit = bytes;
+    return 0;
+}
+
 int mqtt_app_run(mqtt_app *handle) {
     const Handle app = find(handle);
     if (!app || !begin_run(app.get()))
@@ -508,6 +516,8 @@ int mqtt_app_publish(mqtt_app *handle, const char *topic, int length, const char
     const Handle app = find(handle);
     if (!app || !is_publishable(topic, length, payload))
         return EINVAL;
+    if (length > kMqttAppLargestMessage)
+        return EMSGSIZE;
     const size_t size = strlen(topic) + static_cast<size_t>(length);
     {
         const std::lock_guard guard(app->lock);

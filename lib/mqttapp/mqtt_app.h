@@ -5,6 +5,10 @@
 
 struct mqtt_app;
 
+// The longest payload that is published. The broker must take it: one whose limit is lower
+// acknowledges a longer message and drops it, and nobody is told.
+constexpr int kMqttAppLargestMessage = 1 << 20;
+
 // A received message, valid during the callback. `payload` is never null and is followed by a
 // terminator that `payload_len` does not count. `topic` holds no wildcard.
 struct mqtt_app_message {
@@ -31,14 +35,18 @@ int mqtt_app_init(mqtt_app *app, const char *const *topics, mqtt_app_message_cb 
 // mqtt_app_run. 0, or non-zero for a null argument.
 int mqtt_app_register_on_connect_cb(mqtt_app *app, mqtt_app_connect_cb on_connect);
 
+// What is received is handed on up to this length, 64 KiB unless set; a longer message is refused
+// with a line in the log. Before mqtt_app_run. 0, or non-zero for a null or negative argument.
+int mqtt_app_set_message_limit(mqtt_app *app, int bytes);
+
 // Serves the connection: connects, reconnects after 1 s to 30 s, receives and sends. Returns 0
 // after mqtt_app_exit only, or at once -1 when `app` was not initialised or runs already.
 int mqtt_app_run(mqtt_app *app);
 
 // Queues `length` bytes for the broker and returns: 0, EINVAL for a handle that has ended or what
-// cannot be published, or ENOBUFS when 256 messages (or 4 MiB) wait for the broker's
-// acknowledgement already. What was not acknowledged is sent again, in order, on the next
-// connection. Any thread.
+// cannot be published, EMSGSIZE for more than kMqttAppLargestMessage, or ENOBUFS when 256 messages
+// (or 4 MiB) wait for the broker's acknowledgement already. What was not acknowledged is sent
+// again, in order, on the next connection. Any thread.
 int mqtt_app_publish(mqtt_app *app, const char *topic, int length, const char *payload);
 
 // Ends mqtt_app_run, waits for it (not when called from a callback) and frees; what is still queued

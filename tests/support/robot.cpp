@@ -179,9 +179,9 @@ bool Robot::run_hastened(int factor) {
 
 void Broker::start() {
     // In the sandbox's user namespace it cannot become another user.
-    std::ofstream(kBrokerConfiguration) << "user root\nallow_anonymous true\n"
-                                           "listener 0 /tmp/broker.sock\n"
-                                           "listener 1883 127.0.0.1\n";
+    std::ofstream(kBrokerConfiguration)
+        << std::ifstream("/etc/mosquitto/mosquitto.conf").rdbuf() << "user root\n"
+        << "listener 0 /tmp/broker.sock\n";
     const char *argv[] = {"mosquitto", "-c", kBrokerConfiguration, nullptr};
     posix_spawnp(&pid_, argv[0], nullptr, nullptr, const_cast<char *const *>(argv), environ);
     EXPECT_TRUE(

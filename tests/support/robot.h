@@ -77,7 +77,8 @@ class Robot : public testing::Test {
     std::thread reader_;
 };
 
-// The real broker on 127.0.0.1:1883 and /tmp/broker.sock, ended with the object.
+// The real broker with the board's configuration, on 127.0.0.1:1883 and /tmp/broker.sock, ended
+// with the object.
 class Broker {
   public:
     Broker() { start(); }

@@ -38,7 +38,9 @@ constexpr int kDaemon = 6;
 constexpr int kOurProcess = 30;  // of the robot's process numbers; none of its own
 constexpr char kOurTopics[] = "tarn/30/#";
 constexpr size_t kResponseSize = 4096;
-constexpr size_t kWaitingMessages = 4096;  // a flood loses messages, not memory
+// A flood loses messages, not memory.
+constexpr size_t kWaitingMessages = 4096;
+constexpr size_t kWaitingBytes = 16 << 20;
 
 // Raised on one thread as often as the main one may go through its wait.
 class Signal {
@@ -60,6 +62,7 @@ class Signal {
 struct inbox {
     std::mutex lock;
     std::deque<Message> messages;
+    size_t bytes = 0;   // of their payloads
     bool lost = false;  // some did not fit
     Signal arrived;
     Signal connected;
@@ -84,14 +87,15 @@ void on_message(mqtt_app *, const mqtt_app_message *message) {
         return;
     }
     const std::lock_guard guard(current->lock);
-    if (current->messages.size() >= kWaitingMessages) {
+    const auto size = static_cast<size_t>(message->payload_len);
+    if (current->messages.size() >= kWaitingMessages || current->bytes + size > kWaitingBytes) {
         if (!std::exchange(current->lost, true))
             fputs("netwardenctl: messages come faster than they can be shown; some are lost\n",
                   stderr);
         return;
     }
-    current->messages.push_back(
-        {message->topic, std::string(message->payload, static_cast<size_t>(message->payload_len))});
+    current->messages.push_back({message->topic, std::string(message->payload, size)});
+    current->bytes += size;
     current->arrived.raise();
 }
 
@@ -135,6 +139,7 @@ void Connection::start(const std::vector<std::string> &topics) {
     if (mqtt_app_init(app_, filters.data(), on_message) != 0)
         throw Failure(kUsage, "the broker is host:port or unix:/path, not \"" +
                                   printable(broker_address()) + "\"");
+    mqtt_app_set_message_limit(app_, kMqttAppLargestMessage);  // of a home full of devices
     mqtt_app_register_on_connect_cb(app_, on_connect);
     transport_ = tarn_lib_init(send_text, app_, get_log_handle());
     if (transport_ == nullptr)
@@ -196,6 +201,7 @@ std::optional<Message> Connection::next(Deadline end) {
     const std::lock_guard guard(current->lock);
     Message first = std::move(current->messages.front());
     current->messages.pop_front();
+    current->bytes -= first.payload.size();
     return first;
 }
 
