@@ -4,6 +4,7 @@
 #include <jansson.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <climits>
@@ -36,6 +37,16 @@ namespace {
 constexpr char kModule[] = "netwarden";
 constexpr unsigned kRoundS = 3;
 constexpr int kDefaultHopIntervalS = 15;
+
+// A keep-alive runs for 2 s in the background, for longer on a busy robot. A home with more devices
+// than may run at once has half as many each round, so that two rounds' may overlap.
+constexpr size_t kMostKeepAlives = 64;
+constexpr size_t kKeepAlivesOfMany = kMostKeepAlives / 2;
+
+// What report, link and hops wait for in a round: a silent device costs 2 s, and where tools are
+// slow an answering one a second.
+constexpr int kMostSilent = 5;
+constexpr std::chrono::seconds kAskingTime{30};
 constexpr size_t kCommandSize = 128;
 constexpr size_t kLineSize = 255;
 
@@ -47,6 +58,10 @@ uint32_t session_number = 0;
 
 bool is_off(const pinger_mode &flags) {
     return flags.pinger == 0 && flags.discover == 0;
+}
+
+bool is_current(uint32_t session) {
+    return current_session().number == session;
 }
 
 // --- one probe -----------------------------------------------------------------------------------
@@ -126,6 +141,8 @@ int run_arping(const char *command) {
     return pex_system(kModule, command, nullptr);
 }
 
+using Devices = std::vector<device_texts>;
+
 // --- report --------------------------------------------------------------------------------------
 
 void set_member(json_t *object, const char *key, const std::optional<std::string> &value) {
@@ -146,7 +163,8 @@ json_t *describe(const device_texts &device) {
     return object;
 }
 
-void report_devices() {
+// Nothing once that tracking is over.
+void report_devices(uint32_t session) {
     clear_device_list_updated();  // before the list is read: what changes later is in the next one
     const Json list(json_array());
     for (const device_texts &device : copy_device_list())
@@ -158,6 +176,8 @@ void report_devices() {
         LOGE("Could not allocate new json objects");
         return;
     }
+    if (!is_current(session))
+        return;
     LOGD("sending object %s", text.get());
     mqtt_client_send("robot/debug", static_cast<int>(strlen(text.get())), text.get());
 }
@@ -192,6 +212,17 @@ bool has_link() {
     return true;
 }
 
+using Clock = std::chrono::steady_clock;
+
+// The questions of one round for hardware addresses.
+struct Asking {
+    Clock::time_point end = Clock::now() + kAskingTime;
+    int silent = 0;
+    bool learned = false;
+    bool is_over = false;
+    size_t next = 0;  // place in the list of who is first in the next round
+};
+
 // The pinger. One object lives on its thread; a round is run every 3 s.
 class Pinger {
   public:
@@ -215,7 +246,7 @@ class Pinger {
         if (!sweeps)
             pace_hops();
         if (probe_devices() || device_list_updated() != 0)
-            report_devices();
+            report_devices(session_);
     }
 
   private:
@@ -226,6 +257,7 @@ class Pinger {
             wifi_enable_noarp_mode(0);
             is_tracking_ = false;
         }
+        first_asked_ = next_keep_alive_ = 0;
         if (is_device_list_empty() != 0)
             return;
         clear_device_list();
@@ -254,24 +286,61 @@ class Pinger {
         device_network_hop_request();
     }
 
+    // Off, or the link is lost: hundreds of silent devices would hold up the rest.
+    bool goes_on() const {
+        wifistat status{};
+        return is_current(session_) && wifi_get_wifistat(&status) == sizeof status &&
+               status.wifi == WIFI_CONNECTED;
+    }
+
     // Whether a hardware address was learned.
     bool probe_devices() {
+        const Devices devices = copy_device_list();
+        const std::vector<bool> keep_alives = turns_of_keep_alives(devices);
+        Asking asking;
         int count = 0;
-        bool learned = false;
-        for (const device_texts &device : copy_device_list()) {
-            if (!device.ip)
+        for (size_t walked = 0; walked < devices.size() && goes_on(); walked++) {
+            const size_t i = (first_asked_ + walked) % devices.size();
+            if (!devices[i].ip)
                 continue;
-            if (current_session().number != session_)
-                break;  // switched off: hundreds of silent devices would hold up the rest
             count++;
-            ping_request request{.ip = device.ip->c_str()};
-            if (device.mac)
+            ping_request request{.ip = devices[i].ip->c_str()};
+            if (keep_alives[i])
                 ping_device(&request, 0, 0);
-            else if (find_mac(request))
-                learned = true;
+            else if (!devices[i].mac)
+                ask(request, i, asking);
         }
+        first_asked_ = asking.next;
         LOGI("pinged %d active devices", count);
-        return learned;
+        return asking.learned;
+    }
+
+    // Who of those with a hardware address gets a keep-alive in this round.
+    std::vector<bool> turns_of_keep_alives(const Devices &devices) {
+        const auto is_known = [](const device_texts &each) { return each.ip && each.mac; };
+        const auto known =
+            static_cast<size_t>(std::count_if(devices.begin(), devices.end(), is_known));
+        std::vector<bool> turns(devices.size());
+        for (size_t left = known <= kMostKeepAlives ? known : kKeepAlivesOfMany; left > 0;) {
+            const size_t i = next_keep_alive_++ % devices.size();
+            turns[i] = is_known(devices[i]);
+            left -= turns[i] ? 1 : 0;
+        }
+        if (!devices.empty())
+            next_keep_alive_ %= devices.size();
+        return turns;
+    }
+
+    static void ask(ping_request &request, size_t place, Asking &asking) {
+        if (asking.is_over)
+            return;
+        asking.is_over = asking.silent >= kMostSilent || Clock::now() >= asking.end;
+        if (asking.is_over)
+            asking.next = place;
+        else if (find_mac(request))
+            asking.learned = true;
+        else
+            asking.silent++;
     }
 
     static bool find_mac(ping_request &request) {
@@ -288,12 +357,12 @@ class Pinger {
         return learned > 0;
     }
 
-    using Clock = std::chrono::steady_clock;
-
     const int hop_interval_;
     Clock::time_point last_hop_ = Clock::now();
     bool is_tracking_ = false;
     uint32_t session_ = 0;
+    size_t first_asked_ = 0;  // places in the list: who is first in this round
+    size_t next_keep_alive_ = 0;
 };
 
 }  // namespace
