@@ -9,7 +9,6 @@
 #include <chrono>
 #include <climits>
 #include <cstdio>
-#include <cstring>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -22,6 +21,7 @@
 #include "kvs_json.h"
 #include "log.h"
 #include "mqtt_client.h"
+#include "mqttapp/mqtt_app.h"
 #include "owned.h"
 #include "pex_misc.h"
 #include "wifi_control.h"
@@ -152,34 +152,73 @@ void set_member(json_t *object, const char *key, const std::optional<std::string
     json_object_set_new(object, key, json_stringn(value->data(), value->size()));
 }
 
-json_t *describe(const device_texts &device) {
-    json_t *object = json_object();
-    set_member(object, "mac_address", device.mac);
-    set_member(object, "google_cd", device.google_cd);
-    set_member(object, "type", device.type);
-    set_member(object, "name", device.name);
-    set_member(object, "hostname", device.hostname);
-    set_member(object, "md", device.md);
-    return object;
+// Empty without memory.
+std::string describe(const device_texts &device) {
+    const Json object(json_object());
+    set_member(object.get(), "mac_address", device.mac);
+    set_member(object.get(), "google_cd", device.google_cd);
+    set_member(object.get(), "type", device.type);
+    set_member(object.get(), "name", device.name);
+    set_member(object.get(), "hostname", device.hostname);
+    set_member(object.get(), "md", device.md);
+    const MallocText text(json_dumps(object.get(), JSON_COMPACT));
+    return text ? text.get() : "";
+}
+
+std::string describe_address(const device_texts &device) {
+    device_texts bare;
+    bare.mac = device.mac;
+    return describe(bare);
+}
+
+constexpr std::string_view kReportHead = R"({"wifiDevices":[)";
+constexpr std::string_view kReportTail = "]}";
+constexpr size_t kReportRoom = kMqttAppLargestMessage - kReportHead.size() - kReportTail.size();
+
+// What one device may take of the report, comma included. Homes stay far below what a message
+// holds; where somebody announces thousands of devices with long texts, each has an equal share.
+size_t share_of_report(const Devices &devices) {
+    size_t total = 0;
+    for (const device_texts &device : devices)
+        total += describe(device).size() + 1;
+    return total <= kReportRoom ? total : kReportRoom / devices.size();
+}
+
+// One message with all devices, whatever they announce. Empty without memory.
+std::string write_report(const Devices &devices) {
+    const size_t share = share_of_report(devices);
+    std::string text(kReportHead);
+    size_t shortened = 0;
+    for (const device_texts &device : devices) {
+        std::string description = describe(device);
+        if (description.size() >= share) {
+            description = describe_address(device);
+            shortened++;
+        }
+        if (description.empty())
+            return "";
+        text.append(&device != &devices.front() ? "," : "").append(description);
+    }
+    if (shortened > 0)
+        LOGW("census too long: %zu of %zu devices are reported by their address only", shortened,
+             devices.size());
+    return text.append(kReportTail);
 }
 
 // Nothing once that tracking is over.
 void report_devices(uint32_t session) {
     clear_device_list_updated();  // before the list is read: what changes later is in the next one
-    const Json list(json_array());
-    for (const device_texts &device : copy_device_list())
-        if (device.mac)
-            json_array_append_new(list.get(), describe(device));
-    const Json message(list ? json_pack("{s:O}", "wifiDevices", list.get()) : nullptr);
-    const MallocText text(message ? json_dumps(message.get(), JSON_COMPACT) : nullptr);
-    if (!text) {
+    Devices devices = copy_device_list();
+    std::erase_if(devices, [](const device_texts &device) { return !device.mac; });
+    const std::string text = write_report(devices);
+    if (text.empty()) {
         LOGE("Could not allocate new json objects");
         return;
     }
     if (!is_current(session))
         return;
-    LOGD("sending object %s", text.get());
-    mqtt_client_send("robot/debug", static_cast<int>(strlen(text.get())), text.get());
+    LOGD("sending object %s", text.c_str());
+    mqtt_client_send("robot/debug", static_cast<int>(text.size()), text.c_str());
 }
 
 // --- the pinger ----------------------------------------------------------------------------------

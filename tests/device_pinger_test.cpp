@@ -192,6 +192,68 @@ TEST_F(DevicePinger, SwitchingOffAlwaysEmptiesTheList) {
     EXPECT_TRUE(eventually([] { return is_device_list_empty() != 0; }));
 }
 
+// Homes of any size arrive whole at whoever listens on the robot's broker.
+TEST_F(DevicePinger, OneReportHoldsTheWholeHome) {
+    const Broker broker;
+    app = mqtt_client_init();
+    std::thread daemon(mqtt_app_run, app);
+    mqtt_app *const reader = mqtt_app_create("reader");
+    constexpr const char *kTopics[] = {"robot/debug", nullptr};
+    const auto keep = [](mqtt_app *, const mqtt_app_message *message) {
+        const std::lock_guard guard(reports_lock);
+        reports.emplace_back(message->payload);
+    };
+    ASSERT_EQ(mqtt_app_init(reader, kTopics, keep), 0);
+    mqtt_app_set_message_limit(reader, kMqttAppLargestMessage);
+    static std::atomic<bool> listens{false};
+    mqtt_app_register_on_connect_cb(reader, [](mqtt_app *) { listens = true; });
+    std::thread thread(mqtt_app_run, reader);
+    ASSERT_TRUE(eventually([] { return listens.load(); }));
+    start_threads();
+    const auto report = [](size_t devices) {  // the newest that lists as many
+        const std::lock_guard guard(reports_lock);
+        for (auto text = reports.rbegin(); text != reports.rend(); ++text) {
+            size_t count = 0;
+            for (size_t at = 0; (at = text->find("\"mac_address\"", at)) != text->npos; at++)
+                count++;
+            if (count == devices && text->ends_with("]}"))
+                return *text;
+        }
+        return std::string();
+    };
+    const std::string lean(180, 'm');
+    const std::string fat(900, '\x01');  // six characters each in JSON
+    const struct {
+        int devices;
+        std::string first;  // of what each eighth device tells
+        bool is_shortened;
+    } homes[] = {{600, lean, false}, {4096, lean, false}, {4096, fat, true}};
+    for (const auto &home : homes) {
+        track([&] {
+            for (int i = 0; i < home.devices; i++)
+                add_device(i, nth_mac(i).c_str(), i % 8 == 0 ? home.first : lean);
+        });
+        const auto newest = [&] { return report(static_cast<size_t>(home.devices)); };
+        ASSERT_TRUE(eventually([&] { return !newest().empty(); }, std::chrono::seconds(20)));
+        EXPECT_GT(newest().size(), 64u << 10);
+        EXPECT_LE(newest().size(), 1u << 20);
+        for (const int i : {1, home.devices - 1})
+            EXPECT_THAT(newest(), testing::HasSubstr(R"({"mac_address":")" + nth_mac(i) +
+                                                     R"(","md":")" + lean + "\"}"));
+        EXPECT_TRUE(eventually([&] { return times_logged("pinged ") > 1; }));  // a round later
+        EXPECT_EQ(times_logged("512 of 4096 devices are reported by their address only"),
+                  home.is_shortened);
+        EXPECT_EQ(times_logged("error code"), 0);
+        stop_tracking();
+        const std::lock_guard guard(reports_lock);
+        reports.clear();
+    }
+    for (mqtt_app *each : {reader, std::exchange(app, nullptr)})
+        mqtt_app_exit(each);
+    thread.join();
+    daemon.join();
+}
+
 // A round asks who is silent first, so the question marks where it begins.
 TEST_F(DevicePinger, KeepAlivesOfALargeHomeTakeTurns) {
     constexpr int kDevices = 200;
