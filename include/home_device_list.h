@@ -14,6 +14,7 @@ struct device_entry {
     uint32_t name_rank = 0;  // of the source of the name; 0 without one
     MallocText ip;           // IPv4, dotted
     MallocText mac;          // as store_arping_mac_address_alloc makes it
+    MallocText odd_mac;      // as it was given when it makes no MAC: the device is known by it
     MallocText type;
     MallocText google_cd;
     MallocText hostname;

@@ -63,7 +63,7 @@ bool is_same(const MallocText &text, const char *other) {
 bool matches(const device_entry &entry, const char *ip, const char *mac) {
     if (ip != nullptr && !is_same(entry.ip, ip))
         return false;
-    return mac == nullptr || is_same(entry.mac, mac);
+    return mac == nullptr || is_same(entry.mac, mac) || is_same(entry.odd_mac, mac);
 }
 
 void append(device_entry *entry) {
@@ -183,14 +183,18 @@ bool fill_name(device_entry &entry, const Description &given, Change &change) {
     return true;
 }
 
-// A device whose address makes no sense is listed without it.
+// A device whose address makes no sense is listed without it, once.
 void fill_mac(device_entry &entry, const Description &given, Change &change) {
     if (entry.mac || given.mac == nullptr)
         return;
     entry.mac.reset(store_arping_mac_address_alloc(given.mac));
-    change.is_change = true;
-    if (!entry.mac)
-        change.error = "store_arping_mac_address_alloc failed";
+    if (entry.mac) {
+        change.is_change = true;
+        return;
+    }
+    change.error = "store_arping_mac_address_alloc failed";
+    if (!entry.odd_mac)
+        entry.odd_mac.reset(strdup(given.mac));
 }
 
 // What was filled in before a failure stays, but is no change.

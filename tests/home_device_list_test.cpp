@@ -45,6 +45,22 @@ TEST_F(DeviceList, KnownDevicesAreCompletedAndNamedByRank) {
               "Friendly 192.0.2.7 01:02:03:04:05:06 M1\nx 192.0.2.7 0a:0b:0c:0d:0e:0f M3\n");
 }
 
+// A survey of the channels adds each access point anew.
+TEST_F(DeviceList, SenselessHardwareAddressIsOneDevice) {
+    for (const char *ip : {static_cast<const char *>(nullptr), "192.0.2.7"}) {
+        clear_device_list();
+        EXPECT_EQ(add("Lamp", 2, ip, ":"), "new changed");
+        EXPECT_EQ(add("Lamp", 2, ip, ":"), "");
+        EXPECT_EQ(add("Lamp", 2, ip, "::"), "new changed") << "another device";
+        EXPECT_EQ(add("Friendly", 3, ip, ":"), "changed");
+        const std::string keys = ip != nullptr ? " 192.0.2.7 - -\n" : " - - -\n";
+        EXPECT_EQ(listed(), "Friendly" + keys + "Lamp" + keys);
+    }
+    EXPECT_TRUE(logged("store_arping_mac_address_alloc failed"));
+    EXPECT_EQ(learn_device_mac("192.0.2.7", "1:2:3:4:5:6"), 1);
+    EXPECT_EQ(add("Lamp", 2, "192.0.2.7", ":"), "");
+}
+
 TEST_F(DeviceList, IterationEndsWhereAnEntryHasGone) {
     add("a", 1, "192.0.2.1", nullptr);
     add("b", 1, "192.0.2.2", nullptr);
