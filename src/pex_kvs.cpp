@@ -93,7 +93,7 @@ int pex_kvs_get_key(const char *key, char *buffer, size_t *length) {
     if (key == nullptr || buffer == nullptr || length == nullptr)
         return -1;
     const MallocText path(create_fname_malloc(key));
-    struct stat info {};
+    struct stat info = {};
     if (!path || lstat(path.get(), &info) != 0)
         return fail_read(length);
     const auto size = static_cast<size_t>(info.st_size);

@@ -85,7 +85,7 @@ int pex_kvs_get_key_str(const char *key, char *buffer, size_t *length) {
 
 size_t pex_kvs_get_key_data_size(const char *key) {
     const MallocText path(create_fname_malloc(key));
-    struct stat info {};
+    struct stat info = {};
     if (!path || !examine(path.get(), info)) {
         LOGE("Failed to stat file %s", key != nullptr ? key : "");
         return 0;
@@ -115,7 +115,7 @@ int pex_kvs_set_key_str(const char *key, const char *value) {
 
 int pex_kvs_key_exists(const char *key) {
     const MallocText path(create_fname_malloc(key));
-    struct stat info {};
+    struct stat info = {};
     return path && examine(path.get(), info) ? 0 : -1;
 }
 
@@ -140,7 +140,7 @@ int pex_kvs_set_key_owner(const char *key) {
     gid_t gid;
     if (!path || !find_owner(uid) || !find_group(gid))
         return -1;
-    struct stat info {};
+    struct stat info = {};
     if (!examine(path.get(), info) || lchown(path.get(), uid, gid) != 0) {
         LOGE("chown fail for uid %d, gid %d", static_cast<int>(uid), static_cast<int>(gid));
         return -1;

@@ -73,7 +73,7 @@ int write_capture_command(char *command, const char *path) {
 // the shell waiting. After this only the owner of a sticky folder, or of the file, can put another
 // in its place.
 bool make_private_file(const char *path) {
-    struct stat info {};
+    struct stat info = {};
     if (lstat(path, &info) == 0 && (S_ISREG(info.st_mode) || S_ISLNK(info.st_mode)))
         unlink(path);
     const Fd file(open(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));

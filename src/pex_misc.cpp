@@ -77,7 +77,7 @@ int classify(const char *module, const char *command, int status, int *detail) {
 }
 
 int lock_whole_file(int fd, short type) {
-    struct flock lock {};
+    struct flock lock = {};
     lock.l_type = type;
     lock.l_whence = SEEK_SET;
     return fcntl(fd, F_SETLKW, &lock);
@@ -273,7 +273,7 @@ int pex_strip_trailing_newline_and_return_chars(char *buffer, size_t length) {
 
 Fd pex_open_regular_file(const char *path, int flags, mode_t mode) {
     Fd file(open(path, flags | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, mode));
-    struct stat info {};
+    struct stat info = {};
     if (file && (fstat(file.get(), &info) != 0 || !S_ISREG(info.st_mode))) {
         file.reset();
         errno = EINVAL;
@@ -289,7 +289,7 @@ int release_file_lock(int fd) {
 }
 
 time_t pex_get_file_mtime(const char *path) {
-    struct stat info {};
+    struct stat info = {};
     if (stat(path, &info) != 0) {
         LOGE("Failed to read file info for %s; errno=%d", path, errno);
         return 0;
@@ -340,7 +340,7 @@ char *pex_generate_uuid_malloc() {
 }
 
 long pex_get_uptime() {
-    struct sysinfo info {};
+    struct sysinfo info = {};
     return sysinfo(&info) == 0 ? info.uptime : -1;
 }
 

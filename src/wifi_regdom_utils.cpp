@@ -255,7 +255,7 @@ int wifi_regdom_utils_patch_nv_file() {
         LOGE("error opening nv file");
         return -1;
     }
-    struct stat info {};
+    struct stat info = {};
     if (fstat(nv.get(), &info) != 0) {
         LOGE("can't stat %s", kNvFile);
         return -1;

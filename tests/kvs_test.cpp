@@ -87,7 +87,7 @@ TEST_F(Kvs, OnlyRegularFilesAreValues) {
         EXPECT_EQ(pex_kvs_key_exists("robot.name"), -1) << what;
         EXPECT_EQ(pex_kvs_set_key_str("robot.name", "x"), -1) << what;
         EXPECT_EQ(pex_kvs_set_key_owner("robot.name"), -1) << what;
-        struct stat info {};
+        struct stat info = {};
         stat("/tmp/victim", &info);
         EXPECT_EQ(info.st_mode & 07777, 0600U) << what;
         EXPECT_EQ(read_file("/tmp/victim"), "precious") << what;
@@ -107,7 +107,7 @@ TEST_F(Kvs, WritingIsAllOrNothing) {
     EXPECT_EQ(pex_kvs_set_key_str("robot.name", "Rob"), 0);
     EXPECT_EQ(pex_kvs_set_key_str("robot.name", ""), -1);
     EXPECT_EQ(kvs_get("robot.name"), "Rob");
-    struct stat info {};
+    struct stat info = {};
     stat(kvs_path("robot.name").c_str(), &info);
     EXPECT_EQ(info.st_mode & 07777, 0660U);
     // A store that can only be read.

@@ -43,7 +43,7 @@ TEST_F(LogCapture, IsOursAloneAndWaitsForNobody) {
     const Fd readable_before(open(path.c_str(), O_RDONLY | O_CLOEXEC));
     umask(0);
     EXPECT_EQ(capture("tag"), path);
-    struct stat info {};
+    struct stat info = {};
     stat(path.c_str(), &info);
     EXPECT_EQ(info.st_mode & 07777, 0600U);
     std::array<char, 4> start{};

@@ -289,7 +289,7 @@ void drop_connection(mqtt_app *app, int error) {
 // would inherit that: pipelines of shell scripts rely on it. A handler that does nothing ends at
 // exec.
 void catch_sigpipe() {
-    struct sigaction nothing {};
+    struct sigaction nothing = {};
     nothing.sa_handler = [](int) {};
     nothing.sa_flags = SA_RESTART;
     sigaction(SIGPIPE, &nothing, nullptr);

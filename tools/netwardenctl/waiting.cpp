@@ -36,7 +36,7 @@ Deadline deadline_after(double seconds) {
 }
 
 void catch_interrupts() {
-    struct sigaction action {};
+    struct sigaction action = {};
     action.sa_handler = [](int) { interrupted = 1; };
     sigset_t both;
     sigemptyset(&both);
