@@ -85,6 +85,8 @@ check "a processor without a machine in the lab is refused" \
     refuses 'needs a processor that the lab knows \(.*amd64.*\); this is riscv64$' scripts/setup
 rm "$work/bin/dpkg"
 
+check "robots of an older release are not built for with a newer C library" \
+    refuses "this machine's compiler for mipsel .*scripts/suite bookworm " on Debian debian 13 trixie scripts/setup --target mipsel
 check "a processor that left keeps its last release" prints bookworm on Debian debian 13 trixie lab/image/suite mipsel
 check "the others have the machine's" prints trixie on Debian debian 13 trixie lab/image/suite armhf
 
