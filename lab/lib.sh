@@ -625,6 +625,7 @@ reset_radios() {
     ! ip link show mon0 >/dev/null 2>&1 || iw dev mon0 del
     for interface in wlan0 wlan1; do ip link set $interface down; ip addr flush dev $interface; done
     for interface in wlan2 wlan3 wlan4; do home ip link set $interface down; done
+    forget_access_points
     phone ip link set wlan5 down
     phone ip addr flush dev wlan5
     ! home ip link show br0 >/dev/null 2>&1 || home ip link del br0
@@ -634,6 +635,15 @@ reset_radios() {
     home ip addr add $HOME_GATEWAY/24 dev br0
     home ip link set br0 up
     home_arp_drop off
+}
+
+# The kernel lists access points for half a minute after they went, also those of the robot before. A scan begun anew, of
+# one frequency, forgets them.
+forget_access_points() {
+    iw dev wlan0 scan dump | grep -q ^BSS || return 0
+    ip link set wlan0 up
+    iw dev wlan0 scan freq 2412 flush >/dev/null
+    ip link set wlan0 down
 }
 
 robot_leave() {
