@@ -51,6 +51,9 @@ int log_is_valid_level_str(const char *word);
 // The process's log, null before it is opened and after a fatal start-up error.
 log_handle *get_log_handle();
 
+// Makes it the process's log; returns the one before, which the caller closes.
+log_handle *exchange_log_handle(log_handle *handle);
+
 // What the modules log with; each source file defines LOG_SOURCE as its own path ("src/main").
 #define LOGV(...) log_format(get_log_handle(), LOG_LEVEL_VERBOSE, LOG_SOURCE, __LINE__, __VA_ARGS__)
 #define LOGD(...) log_format(get_log_handle(), LOG_LEVEL_DBG, LOG_SOURCE, __LINE__, __VA_ARGS__)

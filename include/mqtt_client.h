@@ -5,11 +5,12 @@
 #include <cstddef>
 
 struct mqtt_app;
+struct mqtt_app_message;
 struct tarn_lib;
 
-// The broker connection with its subscriptions and callbacks, not yet running; null on failure.
-// Main thread, once.
-mqtt_app *mqtt_client_init();
+// The broker connection with its subscriptions, not yet running; null on failure. `on_message` gets
+// what comes in, on the broker's thread. Main thread, once.
+mqtt_app *mqtt_client_init(void (*on_message)(mqtt_app *, const mqtt_app_message *));
 
 // The request and event library on that connection; null on failure. Main thread, once.
 tarn_lib *network_tarn_init();
@@ -27,3 +28,4 @@ int network_send_tarn_event(int destination, const char *text, int value);
 
 // The last integer received as {"nc": n}, 0 until one came. Any thread.
 int get_nc_val();
+void set_nc_val(int value);

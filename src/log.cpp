@@ -78,6 +78,8 @@ struct slot {
 };
 std::atomic<slot *> first_slot{nullptr};
 
+std::atomic<log_handle *> log_of_process{nullptr};
+
 slot *find_slot(const log_handle *handle) {
     slot *each = first_slot.load();
     while (each != nullptr && each->handle.load() != handle)
@@ -267,6 +269,13 @@ int level_of(const char *word) {
 }
 
 }  // namespace
+
+log_handle *get_log_handle() {
+    return log_of_process.load(std::memory_order_acquire);
+}
+log_handle *exchange_log_handle(log_handle *handle) {
+    return log_of_process.exchange(handle);
+}
 
 log_handle *log_open(const char *ident, uint32_t level, const char *path, int timestamp,
                      int to_syslog, int to_stdout, int to_file, int header) {

@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <array>
-#include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -18,12 +17,14 @@
 #include "mdns_device_discover.h"
 #include "monitor_main.h"
 #include "mqtt_client.h"
+#include "mqtt_dispatch.h"
 #include "mqttapp/mqtt_app.h"
 #include "network_utils.h"
 #include "owned.h"
 #include "pex_kvs.h"
 #include "pex_kvs_helper.h"
 #include "pex_misc.h"
+#include "process_handles.h"
 #include "provisioning_sm.h"
 #include "pthread_utils.h"
 #include "tarn/tarn.h"
@@ -46,10 +47,6 @@ constexpr int kStationStatusProcess = 10;  // the robot process that asks for an
 
 // Two bytes short of the buffer, on purpose: what is compared is what is copied.
 constexpr size_t kComparedBytes = kStatusTextSize - 2;
-
-std::atomic<log_handle *> log_of_process{nullptr};
-std::atomic<mqtt_app *> broker{nullptr};
-std::atomic<tarn_lib *> transport{nullptr};
 
 // --- command line --------------------------------------------------------------------------------
 
@@ -140,9 +137,9 @@ std::optional<int> parse_command_line(int argc, char **argv, options &result) {
 // A start-up that cannot go on parks the process: whoever supervises the robot sees it alive and
 // silent instead of restarting it for ever. Threads that run already keep running.
 [[noreturn]] void park() {
-    log_close(log_of_process.exchange(nullptr));
-    tarn_lib_exit(transport.exchange(nullptr));
-    mqtt_app_exit(broker.exchange(nullptr));
+    log_close(exchange_log_handle(nullptr));
+    tarn_lib_exit(exchange_network_tarn_handle(nullptr));
+    mqtt_app_exit(exchange_mqtt_app(nullptr));
     for (;;)
         sleep(100);
 }
@@ -163,7 +160,7 @@ void start_thread(const worker &thread) {
 }
 
 void open_log() {
-    log_of_process = log_open("network", LOG_LEVEL_INFO, nullptr, 0, 1, 0, 0, 1);
+    exchange_log_handle(log_open("network", LOG_LEVEL_INFO, nullptr, 0, 1, 0, 0, 1));
     if (get_log_handle() != nullptr)
         return;
     LOGE("log_open failed");
@@ -183,12 +180,12 @@ void wait_for_the_robot() {
 }
 
 void connect_libraries() {
-    broker = mqtt_client_init();
+    exchange_mqtt_app(mqtt_client_init(on_mqtt_app_message));
     if (get_mqtt_app() == nullptr) {
         LOGE("mqtt_client_init_failed");
         park();
     }
-    transport = network_tarn_init();
+    exchange_network_tarn_handle(network_tarn_init());
     if (get_network_tarn_handle() == nullptr) {
         LOGE("network_tarn_init failed");
         park();
@@ -362,16 +359,6 @@ void publish_what_changed(NetinfoText &previous, NetinfoText &current) {
 }
 
 }  // namespace
-
-log_handle *get_log_handle() {
-    return log_of_process.load(std::memory_order_acquire);
-}
-mqtt_app *get_mqtt_app() {
-    return broker.load(std::memory_order_acquire);
-}
-tarn_lib *get_network_tarn_handle() {
-    return transport.load(std::memory_order_acquire);
-}
 
 void *mqtt_app_main(void * /*unused*/) {
     mqtt_app_run(get_mqtt_app());

@@ -1,12 +1,12 @@
 #include "mqtt_client.h"
 
+#include <atomic>
 #include <cstring>
 #include <memory>
 
 #include "log.h"
-#include "main.h"
-#include "mqtt_dispatch.h"
 #include "mqttapp/mqtt_app.h"
+#include "process_handles.h"
 #include "tarn/tarn.h"
 
 #define LOG_SOURCE "src/mqtt_client"
@@ -19,6 +19,8 @@ constexpr int kEventFailure = 255;
 constexpr char kDefaultTopic[] = "network/events";
 constexpr const char *kTopics[] = {"network/debug", "brisk/network/events", "tarn/network/#",
                                    nullptr};
+
+std::atomic<int> nc_value{0};
 
 struct RequestReleaser {
     void operator()(tarn_req *request) const { tarn_free_req_handle(request); }
@@ -48,11 +50,11 @@ Request alloc_request() {
 
 }  // namespace
 
-mqtt_app *mqtt_client_init() {
+mqtt_app *mqtt_client_init(void (*on_message)(mqtt_app *, const mqtt_app_message *)) {
     mqtt_app *const app = mqtt_app_create("network");
     if (app == nullptr)
         return nullptr;
-    if (mqtt_app_init(app, kTopics, on_mqtt_app_message) < 0) {
+    if (mqtt_app_init(app, kTopics, on_message) < 0) {
         mqtt_app_exit(app);
         return nullptr;
     }
@@ -104,4 +106,11 @@ int network_send_tarn_event(int destination, const char *text, int value) {
         return kEventFailure;
     }
     return 0;
+}
+
+int get_nc_val() {
+    return nc_value.load(std::memory_order_relaxed);
+}
+void set_nc_val(int value) {
+    nc_value.store(value, std::memory_order_relaxed);
 }

@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
@@ -19,13 +18,13 @@
 #include "discovery.h"
 #include "gateway_pinger.h"
 #include "log.h"
-#include "main.h"
 #include "mdns_device_discover.h"
 #include "mqtt_client.h"
 #include "mqttapp/mqtt_app.h"
 #include "owned.h"
 #include "pex_kvs_helper.h"
 #include "pex_misc.h"
+#include "process_handles.h"
 #include "provisioning_sm.h"
 #include "tarn/tarn.h"
 #include "wifi_control.h"
@@ -51,8 +50,6 @@ struct inbound {
 // Gate of provisioning: it waits for the tidelink, the app's way to the robot. Broker thread only.
 bool tidelink_connected = false;
 bool provisioning_waiting = false;
-
-std::atomic<int> nc_value{0};
 
 std::string_view text_of(const json_t *value) {
     const char *text = json_string_value(value);
@@ -444,7 +441,7 @@ void on_cap(const inbound & /*message*/, json_t *value) {
 void on_nc(const inbound & /*message*/, json_t *value) {
     const json_int_t number = json_integer_value(value);
     if (json_is_integer(value) && number >= INT_MIN && number <= INT_MAX)
-        nc_value = static_cast<int>(number);
+        set_nc_val(static_cast<int>(number));
     else
         LOGE("expected integer as value");
 }
@@ -466,10 +463,6 @@ void handle_vocabulary(const inbound &message) {
 }
 
 }  // namespace
-
-int get_nc_val() {
-    return nc_value.load(std::memory_order_relaxed);
-}
 
 void on_mqtt_app_message(mqtt_app * /*app*/, const mqtt_app_message *message) {
     if (message->payload_len <= 0) {

@@ -7,10 +7,10 @@
 
 #include "home_device_list.h"
 #include "log.h"
-#include "main.h"
 #include "mdns_device_discover.h"
 #include "mqtt_client.h"
 #include "mqttapp/mqtt_app.h"
+#include "process_handles.h"
 #include "pthread_utils.h"
 #include "robot.h"
 #include "wifi_state.h"
@@ -20,8 +20,6 @@ extern "C" unsigned sleep(unsigned seconds) {
 }
 
 namespace {
-
-mqtt_app *app = nullptr;  // the daemon's, in a test that needs the broker
 
 std::mutex reports_lock;
 std::vector<std::string> reports;
@@ -195,7 +193,8 @@ TEST_F(DevicePinger, SwitchingOffAlwaysEmptiesTheList) {
 // Homes of any size arrive whole at whoever listens on the robot's broker.
 TEST_F(DevicePinger, OneReportHoldsTheWholeHome) {
     const Broker broker;
-    app = mqtt_client_init();
+    mqtt_app *const app = mqtt_client_init([](auto...) {});
+    exchange_mqtt_app(app);
     std::thread daemon(mqtt_app_run, app);
     mqtt_app *const reader = mqtt_app_create("reader");
     constexpr const char *kTopics[] = {"robot/debug", nullptr};
@@ -248,7 +247,7 @@ TEST_F(DevicePinger, OneReportHoldsTheWholeHome) {
         const std::lock_guard guard(reports_lock);
         reports.clear();
     }
-    for (mqtt_app *each : {reader, std::exchange(app, nullptr)})
+    for (mqtt_app *each : {reader, exchange_mqtt_app(nullptr)})
         mqtt_app_exit(each);
     thread.join();
     daemon.join();
@@ -360,14 +359,3 @@ TEST_F(DevicePinger, StopAndLostLinkEndTheRound) {
 }
 
 }  // namespace
-
-// The program core's handles; this program has no other part of it.
-log_handle *get_log_handle() {
-    return nullptr;
-}
-mqtt_app *get_mqtt_app() {
-    return app;
-}
-tarn_lib *get_network_tarn_handle() {
-    return nullptr;
-}

@@ -3,42 +3,24 @@
 #include <semaphore.h>
 #include <sys/resource.h>
 
-#include "log.h"
-#include "main.h"
+#include "bus.h"
 #include "pthread_utils.h"
 #include "robot.h"
-#include "tarn/tarn.h"
 #include "wifi_state.h"
 
 namespace {
 
 constexpr unsigned kCycleS = 20;
 sem_t cycles_allowed, cycles_ended;  // GCC 12's std::counting_semaphore may miss a release
-std::string next_cleaning;           // what the scheduler answers; nobody is asked while empty
+std::string next_cleaning;           // what the scheduler answers
 
-int answer(void *, const char *topic, const char *text) {
-    EXPECT_STREQ(text, R"({"get":"nextCleaning"})");
-    const std::string request = topic;
-    EXPECT_TRUE(request.starts_with("tarn/9/req/network/")) << topic;
-    const std::string response = "tarn/network/resp/9" + request.substr(request.rfind('/'));
-    tarn_lib *const transport = get_network_tarn_handle();
-    return tarn_complete_transfer(tarn_get_req_handle_using_topic(transport, response.c_str()),
-                                  next_cleaning.c_str());
+std::optional<std::string> answer(const std::string &topic, const std::string &text) {
+    EXPECT_EQ(text, R"({"get":"nextCleaning"})");
+    EXPECT_TRUE(topic.starts_with("tarn/9/req/network/")) << topic;
+    return next_cleaning;
 }
 
 }  // namespace
-
-// The robot's other processes, in place of what main sets up.
-log_handle *get_log_handle() {
-    return nullptr;
-}
-mqtt_app *get_mqtt_app() {
-    return nullptr;
-}
-tarn_lib *get_network_tarn_handle() {
-    static tarn_lib *const transport = tarn_lib_init(answer, nullptr, nullptr);
-    return next_cleaning.empty() ? nullptr : transport;
-}
 
 // The clock of this program: the watchdog's pause ends when the test says so, others at once.
 extern "C" unsigned sleep(unsigned seconds) {
@@ -96,6 +78,7 @@ TEST_F(GatewayWatchdog, RebootsFarFromTheNextCleaningOnly) {
     wifi_state_set_wifi(WIFI_NETWORK_DOWN);
     EXPECT_TRUE(cycle_logs("restarting network"));
     EXPECT_TRUE(cycle_logs("no address count, 2"));
+    const Bus bus(answer);
     for (const char *soon : {"{}", R"({"nextCleaning":899})", R"({"nextCleaning":-900})"}) {
         next_cleaning = soon;
         EXPECT_TRUE(cycle_logs("Waiting to reboot...")) << soon;

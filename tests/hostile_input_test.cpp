@@ -1,12 +1,10 @@
 // Every message of the inbound vocabulary, bent in every way a broken or hostile sender could: the
-// daemon goes on, keeps no descriptor and no child, and can be provisioned afterwards. The program
-// brings the process's handles itself: an IPC library whose peers answer at once.
-#include "../src/mqtt_dispatch.h"
-#include "log.h"
-#include "main.h"
+// daemon goes on, keeps no descriptor and no child, and can be provisioned afterwards. Its
+// peers answer at once.
+#include "bus.h"
+#include "mqtt_dispatch.h"
 #include "mqttapp/mqtt_app.h"
 #include "provisioning_sm.h"
-#include "tarn/tarn.h"
 #include "wifi_robot.h"
 
 namespace {
@@ -16,29 +14,6 @@ void receive(const std::string &topic, const std::string &payload) {
                                    static_cast<int>(payload.size())};
     on_mqtt_app_message(nullptr, &message);
 }
-
-int send(void * /*unused*/, const char *topic, const char * /*text*/) {
-    int peer = 0;
-    unsigned long long id = 0;
-    if (sscanf(topic, "tarn/%d/req/network/%llu", &peer, &id) == 2)
-        receive("tarn/network/resp/" + std::to_string(peer) + "/" + std::to_string(id), "{}");
-    return 0;
-}
-
-}  // namespace
-
-log_handle *get_log_handle() {
-    return nullptr;
-}
-mqtt_app *get_mqtt_app() {
-    return nullptr;
-}
-tarn_lib *get_network_tarn_handle() {
-    static tarn_lib *const transport = tarn_lib_init(send, nullptr, nullptr);
-    return transport;
-}
-
-namespace {
 
 constexpr const char *kVocabulary[] = {
     R"({"set_log_level":"dbg"})",
@@ -92,7 +67,7 @@ void bend(json_t *object, const json_t *root, const std::function<void(const std
 class HostileInput : public WifiRobot {};
 
 TEST_F(HostileInput, LeavesTheRobotProvisionable) {
-    ASSERT_NE(get_network_tarn_handle(), nullptr);
+    const Bus bus([](auto &, auto &) { return std::optional<std::string>("{}"); });
     for (const std::string topic : {"brisk/network/events", "tarn/network/req/3/7",
                                     "tarn/network/event/3/8", "tarn/network/resp/3/9"})
         for (const std::string text : kVocabulary) {

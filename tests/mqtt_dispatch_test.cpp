@@ -1,5 +1,6 @@
 // The vocabulary of inbound messages, handed in as the broker thread does.
-#include "../src/mqtt_dispatch.h"
+
+#include "mqtt_dispatch.h"
 
 #include "gateway_pinger.h"
 #include "mqtt_client.h"

@@ -4,6 +4,7 @@
 #include <cstdlib>
 
 #include "mqtt_client.h"
+#include "mqtt_dispatch.h"
 #include "mqttapp/mqtt_app.h"
 #include "robot.h"
 
@@ -191,7 +192,7 @@ TEST_F(MqttApp, DaemonReceivesOnItsTopics) {
     EXPECT_EQ(mqtt_client_send(nullptr, 2, "{}"), -1);
     EXPECT_TRUE(logged("mqtt_client_send error code 22"));
     const Broker broker;
-    app = mqtt_client_init();
+    app = mqtt_client_init(on_mqtt_app_message);
     thread = std::thread(mqtt_app_run, app);
     publish("network/debug", "");
     publish("network/events", R"({"event":"heard"})");

@@ -1,10 +1,9 @@
 // The status messages as a listener on the robot's broker sees them.
 #include "network_utils.h"
 
-#include "log.h"
-#include "main.h"
 #include "mqtt_client.h"
 #include "mqttapp/mqtt_app.h"
+#include "process_handles.h"
 #include "robot.h"
 #include "tarn/tarn.h"
 #include "wifi_state.h"
@@ -13,17 +12,16 @@ namespace {
 
 using testing::ElementsAre;
 
-mqtt_app *app = nullptr;
-tarn_lib *transport = nullptr;
 std::mutex lock;
 std::vector<std::string> seen;  // "topic payload"
 
 // One connection listens to everything, delivers responses, and plays the Bluetooth manager.
-void on_message(mqtt_app *, const mqtt_app_message *message) {
+void on_message(mqtt_app *app, const mqtt_app_message *message) {
     constexpr std::string_view kRequest = "tarn/btmanager/req/network/";
     std::string topic = message->topic;
     if (topic.starts_with("tarn/network/")) {
-        if (tarn_req *request = tarn_get_req_handle_using_topic(transport, message->topic))
+        if (tarn_req *request =
+                tarn_get_req_handle_using_topic(get_network_tarn_handle(), message->topic))
             tarn_complete_transfer(request, message->payload);
         return;
     }
@@ -43,17 +41,17 @@ class StatusMessages : public Robot {
         wifi_init_wifistat();
     }
     ~StatusMessages() override {
-        mqtt_app_exit(app);
-        tarn_lib_exit(transport);
+        mqtt_app_exit(exchange_mqtt_app(nullptr));
+        tarn_lib_exit(exchange_network_tarn_handle(nullptr));
         if (loop_.joinable())
             loop_.join();
     }
     void listen() {
         const char *const topics[] = {"#", nullptr};
-        app = mqtt_app_create("listener");
-        ASSERT_EQ(mqtt_app_init(app, topics, on_message), 0);
-        transport = network_tarn_init();
-        loop_ = std::thread([] { mqtt_app_run(app); });
+        exchange_mqtt_app(mqtt_app_create("listener"));
+        ASSERT_EQ(mqtt_app_init(get_mqtt_app(), topics, on_message), 0);
+        exchange_network_tarn_handle(network_tarn_init());
+        loop_ = std::thread(mqtt_app_run, get_mqtt_app());
     }
     // What was published since the last call, once `count` messages came.
     static std::vector<std::string> published(size_t count) {
@@ -112,14 +110,3 @@ TEST_F(StatusMessages, WlcfgIsSentWholeOrNotAtAll) {
 }
 
 }  // namespace
-
-// The program core's handles; this program has no other part of it.
-log_handle *get_log_handle() {
-    return nullptr;
-}
-mqtt_app *get_mqtt_app() {
-    return app;
-}
-tarn_lib *get_network_tarn_handle() {
-    return transport;
-}

@@ -14,9 +14,8 @@
 #include <fstream>
 #include <iterator>
 
+#include "../support/bus.h"
 #include "log.h"
-#include "main.h"
-#include "tarn/tarn.h"
 
 namespace {
 
@@ -35,21 +34,9 @@ std::string next_output() {
     return output;
 }
 
-// The transport's way out. A request is answered on the spot.
-int send(void * /*unused*/, const char *topic, const char *text) {
+std::optional<std::string> answer_request(const std::string &topic, const std::string &text) {
     messages.push_back({topic, text});
-    std::string_view rest = topic;
-    constexpr std::string_view kRequest = "/req/network/";
-    const size_t at = rest.find(kRequest);
-    if (at == rest.npos)
-        return 0;
-    const std::string peer(rest.substr(5, at - 5));
-    const std::string response =
-        "tarn/network/resp/" + peer + "/" + std::string(rest.substr(at + kRequest.size()));
-    tarn_lib *const transport = get_network_tarn_handle();
-    tarn_complete_transfer(tarn_get_req_handle_using_topic(transport, response.c_str()),
-                           answer.c_str());
-    return 0;
+    return answer;
 }
 
 }  // namespace
@@ -71,6 +58,12 @@ bool is_made_of(std::string_view text, std::string_view characters) {
 }
 
 namespace border {
+
+void open() {
+    write_file(kLog, "");
+    exchange_log_handle(log_open("fuzz", LOG_LEVEL_VERBOSE, kLog, 0, 0, 0, 1, 1));
+    static const Bus bus(answer_request);
+}
 
 void reset() {
     run.clear();
@@ -149,18 +142,4 @@ int PKCS5_PBKDF2_HMAC_SHA1(const char *pass, int length, const unsigned char *, 
     memset(out, length > 0 ? pass[length - 1] : 0, static_cast<size_t>(size));
     return 1;
 }
-}
-
-// --- what main.cpp has otherwise -----------------------------------------------------------------
-
-log_handle *get_log_handle() {
-    static log_handle *const log = log_open("fuzz", LOG_LEVEL_VERBOSE, kLog, 0, 0, 0, 1, 1);
-    return log;
-}
-mqtt_app *get_mqtt_app() {
-    return nullptr;
-}
-tarn_lib *get_network_tarn_handle() {
-    static tarn_lib *const transport = tarn_lib_init(send, nullptr, get_log_handle());
-    return transport;
 }

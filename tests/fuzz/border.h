@@ -11,6 +11,9 @@ void require(bool holds);
 
 namespace border {
 
+// Once, before the first input.
+void open();
+
 // Before each input: nothing was run, logged or asked; every answer is empty.
 void reset();
 

@@ -7,10 +7,9 @@
 #include <cstring>
 #include <string>
 
-#include "../../src/mqtt_dispatch.h"
-#include "log.h"
-#include "main.h"
+#include "mqtt_dispatch.h"
 #include "mqttapp/mqtt_app.h"
+#include "process_handles.h"
 #include "tarn/tarn.h"
 #include "wifi_state.h"
 
@@ -50,19 +49,10 @@ unsigned sleep(unsigned /*seconds*/) {
 }
 }
 
-log_handle *get_log_handle() {
-    return nullptr;
-}
-mqtt_app *get_mqtt_app() {
-    return nullptr;
-}
-tarn_lib *get_network_tarn_handle() {
-    static tarn_lib *const transport = tarn_lib_init(send, nullptr, nullptr);
-    return transport;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    if (size < 2)
+    static const auto *const before =
+        exchange_network_tarn_handle(tarn_lib_init(send, nullptr, nullptr));
+    if (before != nullptr || size < 2)
         return 0;
     const std::string payload(reinterpret_cast<const char *>(data) + 1, size - 1);
     const mqtt_app_message message{1, kTopics[data[0] % 4], payload.data(),

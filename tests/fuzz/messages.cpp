@@ -8,17 +8,17 @@
 #include <cstring>
 #include <tuple>
 
-#include "../../src/mqtt_dispatch.h"
 #include "../../tools/netwardenctl/text.h"
 #include "border.h"
 #include "device_network_hop.h"
 #include "discovery.h"
 #include "gateway_pinger.h"
-#include "main.h"
+#include "mqtt_dispatch.h"
 #include "mqttapp/mqtt_app.h"
 #include "owned.h"
 #include "parsers.h"
 #include "pex_kvs_helper.h"
+#include "process_handles.h"
 #include "tarn/tarn.h"
 #include "wifi_state.h"
 

@@ -59,7 +59,7 @@ extern "C" int LLVMFuzzerInitialize(int *argc, char ***argv) {
         exit(2);
     }
     mkdir("/tmp/persist", 0755);
-    border::write_file("/tmp/log", "");
+    border::open();
     return 0;
 }
 

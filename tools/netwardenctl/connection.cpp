@@ -20,16 +20,6 @@
 #include "tarn/tarn.h"
 #include "text.h"
 
-// What the libraries log is said better by our own errors; on the robot it would land in its log.
-log_handle *get_log_handle() {
-    static log_handle *const silent = [] {
-        log_handle *handle = log_open_default("netwardenctl");
-        log_set_level(handle, LOG_LEVEL_ERROR + 1);
-        return handle;
-    }();
-    return silent;
-}
-
 namespace ctl {
 
 namespace {
@@ -41,6 +31,15 @@ constexpr size_t kResponseSize = 4096;
 // A flood loses messages, not memory.
 constexpr size_t kWaitingMessages = 4096;
 constexpr size_t kWaitingBytes = 16 << 20;
+
+// What the libraries log is said better by our own errors; on the robot it would land in its log.
+void silence_libraries() {
+    if (get_log_handle() != nullptr)
+        return;
+    log_handle *const silent = log_open_default("netwardenctl");
+    log_set_level(silent, LOG_LEVEL_ERROR + 1);
+    exchange_log_handle(silent);
+}
 
 // Raised on one thread as often as the main one may go through its wait.
 class Signal {
@@ -133,6 +132,7 @@ void Connection::start(const std::vector<std::string> &topics) {
     for (const std::string &topic : topics)
         filters.push_back(topic.c_str());
     filters.push_back(nullptr);
+    silence_libraries();
     app_ = mqtt_app_create("netwardenctl");
     if (app_ == nullptr)
         throw Failure(kNoAnswer, "the system has no file descriptor left");

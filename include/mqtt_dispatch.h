@@ -1,5 +1,4 @@
-// What comes in from the broker, by key and value to its handler. Private to the mqtt_client
-// module.
+// What comes in from the broker, by key and value to its handler.
 #pragma once
 
 struct mqtt_app;
