@@ -1,16 +1,6 @@
-// The provisioning state, the questions every thread may ask of it, and the ring of events that
-// waits for the next tick of the main thread.
+// The machine that moves the robot through provisioning and training: events are posted by any
+// thread into a ring and executed by the next tick of the main thread.
 #pragma once
-
-// The provisioning state; the main thread is its only writer.
-enum provisioning_state : int {
-    PS_NONE = 0,
-    WAITING_FOR_NETWORK_CONFIG_RX = 1,
-    WAITING_FOR_WACTIVATE = 2,
-    WAITING_FOR_DHCP_COMPLETE = 3,
-    WAITING_FOR_IP_DONE = 4,
-    TRAINING_MODE = 5,
-};
 
 enum provisioning_event : int {
     PE_NONE = 0,
@@ -31,17 +21,6 @@ enum provisioning_event : int {
     PROVISIONING_ERROR = 15,
     PROVISIONING_COMPLETE = 16,
 };
-
-// Non-zero in the states 1 to 4. Any thread.
-int is_robot_provisioning();
-
-// Non-zero exactly in TRAINING_MODE. Any thread.
-int is_robot_training();
-
-// The done flag: a Wi-Fi state update is awaited after a provisioning that succeeded. Reading
-// does not clear it; a set keeps the low byte. Any thread.
-int is_wifi_state_update_after_prov_done();
-void set_wifi_state_update_after_prov_done(int value);
 
 // Posts an event for the next tick. Never checks for a full ring: seven posts between two ticks
 // are executed, the eighth makes the ring look empty. Any thread.

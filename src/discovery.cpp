@@ -22,7 +22,7 @@
 #include "pex_misc.h"
 #include "pex_net.h"
 #include "pex_product_version_string.h"
-#include "provisioning_sm.h"
+#include "provisioning_state.h"
 
 #define LOG_SOURCE "src/discovery"
 

@@ -14,7 +14,7 @@
 #include "mqtt_client.h"
 #include "owned.h"
 #include "pex_misc.h"
-#include "provisioning_sm.h"
+#include "provisioning_state.h"
 #include "wifi_control.h"
 #include "wifi_state.h"
 

@@ -26,6 +26,7 @@
 #include "pex_misc.h"
 #include "process_handles.h"
 #include "provisioning_sm.h"
+#include "provisioning_state.h"
 #include "tarn/tarn.h"
 #include "wifi_control.h"
 #include "wifi_state.h"

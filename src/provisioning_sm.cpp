@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <array>
-#include <atomic>
 #include <cstdint>
 #include <mutex>
 #include <string>
@@ -13,6 +12,7 @@
 #include "network_utils.h"
 #include "owned.h"
 #include "pex_log_utils.h"
+#include "provisioning_state.h"
 #include "wifi_control.h"
 #include "wifi_state.h"
 #include "wifi_station.h"
@@ -20,16 +20,6 @@
 #define LOG_SOURCE "src/provisioning_sm"
 
 namespace {
-
-constexpr std::array kStateNames{
-    "PS_NONE",
-    "WAITING_FOR_NETWORK_CONFIG_RX",
-    "WAITING_FOR_WACTIVATE",
-    "WAITING_FOR_DHCP_COMPLETE",
-    "WAITING_FOR_IP_DONE",
-    "TRAINING_MODE",
-};
-static_assert(kStateNames.size() == TRAINING_MODE + 1);
 
 constexpr std::array kEventNames{
     "PE_NONE",
@@ -102,14 +92,6 @@ class EventRing {
 };
 
 EventRing ring;
-std::atomic<int> state{PS_NONE};  // written by the main thread only
-std::mutex done_lock;
-unsigned char done_flag = 0;
-
-int current_state() {
-    return state.load(std::memory_order_relaxed);
-}
-
 // What the machine remembers between events. Main thread only.
 struct machine {
     bool station_associated;          // a phone has joined the soft AP
@@ -191,14 +173,14 @@ void stop_provisioning() {
         LOGE("%s: failed to stop softAP", "provisioning_stop");
     if (wifi_network_disconnect() != 0)
         LOGE("%s: failed to stop stop station", "provisioning_stop");
-    LOGI("provisioning stopped in state %d", current_state());
+    LOGI("provisioning stopped in state %d", provisioning_get_state());
     capture_wifi_log();
-    state = PS_NONE;
+    provisioning_enter_state(PS_NONE);
 }
 
 // False when the soft AP could not be stopped: the robot is in training still.
 bool stop_training(bool restart_station) {
-    if (current_state() != TRAINING_MODE)
+    if (provisioning_get_state() != TRAINING_MODE)
         return true;
     if (wifi_stop_uap() != 0) {
         LOGE("%s: failed to stop softAP", "provisioning_train_stop");
@@ -207,7 +189,7 @@ bool stop_training(bool restart_station) {
     if (restart_station)
         wifi_start_sta_from_kvs_configuration();
     own.training_counter = 0;
-    state = PS_NONE;
+    provisioning_enter_state(PS_NONE);
     return true;
 }
 
@@ -227,21 +209,21 @@ void fail_with(int code) {
 // --- actions -------------------------------------------------------------------------------------
 // Each returns the new state.
 
-int ignore(long /*now*/) {
-    return current_state();
+provisioning_state ignore(long /*now*/) {
+    return provisioning_get_state();
 }
 
 void restart_provisioning() {
     LOGI("Provisioning re-started while in state %s",
-         name_of(kStateNames, current_state()).c_str());
+         provisioning_state_name(provisioning_get_state()));
     ring.clear();
     if (wifi_state_get_uap() != 0)
         disassociate_station();
     forget_station();
 }
 
-int activate(long now) {
-    if (current_state() != PS_NONE)
+provisioning_state activate(long now) {
+    if (provisioning_get_state() != PS_NONE)
         restart_provisioning();
     send_command_to_robot("provstart");
     disconnect_local_app();
@@ -257,30 +239,30 @@ int activate(long now) {
     return WAITING_FOR_NETWORK_CONFIG_RX;
 }
 
-int time_out(long /*now*/) {
+provisioning_state time_out(long /*now*/) {
     send_command_to_robot("provfail");
     return_to_saved_network();
     return PS_NONE;
 }
 
-int ignore_abort(long /*now*/) {
+provisioning_state ignore_abort(long /*now*/) {
     LOGI("ignoring prov abort due to button debounce timer");
-    return current_state();
+    return provisioning_get_state();
 }
 
-int abort_provisioning(long /*now*/) {
+provisioning_state abort_provisioning(long /*now*/) {
     send_command_to_robot("provabort");
     return_to_saved_network();
     return PS_NONE;
 }
 
-int apply_configuration(long /*now*/) {
+provisioning_state apply_configuration(long /*now*/) {
     const StationOperation operation;
-    if (current_state() >= WAITING_FOR_DHCP_COMPLETE)
+    if (provisioning_get_state() >= WAITING_FOR_DHCP_COMPLETE)
         wifi_network_disconnect();
     if (wifi_set_provision_ip_config() == -1) {
         fail_with(WIFI_IFACE_ERROR);
-        return current_state();
+        return provisioning_get_state();
     }
     wifi_send_wlcfg_json();
     return WAITING_FOR_WACTIVATE;
@@ -293,7 +275,7 @@ void tell_manufacturing_test() {
         LOGE("network_send_tarn_req failed");
 }
 
-int connect(long /*now*/) {
+provisioning_state connect(long /*now*/) {
     disconnect_local_app();
     disassociate_station();
     const StationOperation operation;
@@ -312,12 +294,12 @@ int connect(long /*now*/) {
     return own.manufacturing ? PS_NONE : WAITING_FOR_DHCP_COMPLETE;
 }
 
-int refuse_connect(long /*now*/) {
+provisioning_state refuse_connect(long /*now*/) {
     LOGE("Error unexpected event %s , ignoring", "PROVISIONING_WACTIVATED");
-    return current_state();
+    return provisioning_get_state();
 }
 
-int report_connected(long /*now*/) {
+provisioning_state report_connected(long /*now*/) {
     constexpr char kIpDone[] = R"({"command":"ipdone"})";
     wifi_send_wifistat(0);
     wifi_send_netinfo(1);
@@ -327,44 +309,44 @@ int report_connected(long /*now*/) {
     return WAITING_FOR_IP_DONE;
 }
 
-int retry_password(long /*now*/) {
+provisioning_state retry_password(long /*now*/) {
     wifi_select_sta_network();
-    return current_state();
+    return provisioning_get_state();
 }
 
-int refuse_retry(long /*now*/) {
+provisioning_state refuse_retry(long /*now*/) {
     LOGW("Not able to retry password due to current state");
-    return current_state();
+    return provisioning_get_state();
 }
 
-int report_error(long /*now*/) {
+provisioning_state report_error(long /*now*/) {
     wifi_send_wifistat(1);
     wifi_network_disconnect();
     return WAITING_FOR_NETWORK_CONFIG_RX;
 }
 
-int refuse_error(long /*now*/) {
+provisioning_state refuse_error(long /*now*/) {
     LOGW("Not able to transition to PROVISIONING_ERROR due to current state");
-    return current_state();
+    return provisioning_get_state();
 }
 
-int complete(long /*now*/) {
+provisioning_state complete(long /*now*/) {
     network_send_tarn_event(kCloudProcess, R"({"event":"resetCloudConnection"})", 2);
     own.deadline = 0;
-    state = PS_NONE;
+    provisioning_enter_state(PS_NONE);
     set_wifi_state_update_after_prov_done(1);
     wifi_stop_uap();
     return PS_NONE;
 }
 
-int stop_soft_ap(long /*now*/) {
+provisioning_state stop_soft_ap(long /*now*/) {
     wifi_stop_uap();
-    return current_state();
+    return provisioning_get_state();
 }
 
-int start_training(long now) {
-    if (current_state() != TRAINING_MODE) {
-        if (current_state() != PS_NONE) {
+provisioning_state start_training(long now) {
+    if (provisioning_get_state() != TRAINING_MODE) {
+        if (provisioning_get_state() != PS_NONE) {
             send_command_to_robot("provabort");
             stop_provisioning();
         }
@@ -372,45 +354,45 @@ int start_training(long now) {
         if (wifi_configure_and_start_uap(kSoftApChannel, kSoftApMode) == 0) {
             own.training_counter = kTrainingTicks;
             send_command_to_robot("trainstart");
-            state = TRAINING_MODE;
+            provisioning_enter_state(TRAINING_MODE);
         } else {
             LOGE("%s: failed to turn on softAP for training", "provisioning_train_start");
         }
     }
     arm_debounce(now);
-    return current_state();
+    return provisioning_get_state();
 }
 
-int app_left(long /*now*/) {
+provisioning_state app_left(long /*now*/) {
     own.training_counter = kTrainingTicks;
     send_command_to_robot("traindisconnect");
     return TRAINING_MODE;
 }
 
-int app_came(long /*now*/) {
+provisioning_state app_came(long /*now*/) {
     own.training_counter = kTrainingForever;
     send_command_to_robot("trainconnect");
     return TRAINING_MODE;
 }
 
-int ignore_train_abort(long /*now*/) {
+provisioning_state ignore_train_abort(long /*now*/) {
     LOGI("ignoring train abort due to button debounce timer");
-    return current_state();
+    return provisioning_get_state();
 }
 
-int abort_training(long /*now*/) {
+provisioning_state abort_training(long /*now*/) {
     stop_training(true);
     send_command_to_robot("trainabort");
-    return current_state();
+    return provisioning_get_state();
 }
 
-int end_training(long /*now*/) {
+provisioning_state end_training(long /*now*/) {
     stop_training(true);
     send_command_to_robot("traindone");
-    return current_state();
+    return provisioning_get_state();
 }
 
-int provision_from_training(long now) {
+provisioning_state provision_from_training(long now) {
     stop_training(false);
     send_command_to_robot("trainabort");
     return activate(now);
@@ -423,23 +405,23 @@ bool always(long /*now*/) {
     return true;
 }
 bool idle(long /*now*/) {
-    return current_state() == PS_NONE;
+    return provisioning_get_state() == PS_NONE;
 }
 bool awaits_wactivate(long /*now*/) {
-    return current_state() == WAITING_FOR_WACTIVATE;
+    return provisioning_get_state() == WAITING_FOR_WACTIVATE;
 }
 bool awaits_dhcp(long /*now*/) {
-    return current_state() == WAITING_FOR_DHCP_COMPLETE;
+    return provisioning_get_state() == WAITING_FOR_DHCP_COMPLETE;
 }
 bool awaits_ip_done(long /*now*/) {
-    return current_state() == WAITING_FOR_IP_DONE;
+    return provisioning_get_state() == WAITING_FOR_IP_DONE;
 }
 
 // The first row of an event whose condition holds decides.
 struct transition {
     provisioning_event event;
     condition when;
-    int (*actions)(long now);
+    provisioning_state (*actions)(long now);
 };
 
 constexpr std::array kProvisioning{
@@ -478,25 +460,25 @@ template <size_t N>
 bool follow(const std::array<transition, N> &table, int event, long now) {
     for (const auto &row : table)
         if (row.event == event && row.when(now)) {
-            state = row.actions(now);
+            provisioning_enter_state(row.actions(now));
             return true;
         }
     return false;
 }
 
-// The test starts a provisioning of its own: its event's number doubles as the state it waits in.
 void start_manufacturing_test() {
     wifi_network_disconnect();
-    state = static_cast<int>(MFG_WIFI_TEST);
+    provisioning_enter_state(MANUFACTURING_TEST);
     own.manufacturing = true;
 }
 
 void execute(int event, long now) {
-    const bool out_of_provisioning = current_state() == PS_NONE || is_robot_training() != 0;
+    const bool out_of_provisioning =
+        provisioning_get_state() == PS_NONE || is_robot_training() != 0;
     if (event == PROVISIONING_ABORT && out_of_provisioning)
         return;
     LOGI("%s: rx event %s in state %s", "provisioning_state_machine_run",
-         name_of(kEventNames, event).c_str(), name_of(kStateNames, current_state()).c_str());
+         name_of(kEventNames, event).c_str(), provisioning_state_name(provisioning_get_state()));
     if (event == MFG_WIFI_TEST)
         start_manufacturing_test();  // and on to the handler, which only warns
     if (is_robot_training() != 0) {
@@ -522,7 +504,7 @@ void check_deadline(long now) {
 
 void look_for_a_phone() {
     if (wifi_state_get_uap() == 0 || own.station_associated ||
-        current_state() >= WAITING_FOR_WACTIVATE)
+        provisioning_get_state() >= WAITING_FOR_WACTIVATE)
         return;
     own.station_associated =
         wifi_get_associated_station_status(own.station.data(), sizeof own.station) != 0;
@@ -531,25 +513,6 @@ void look_for_a_phone() {
 }
 
 }  // namespace
-
-int is_robot_provisioning() {
-    const int now = current_state();
-    return now != PS_NONE && now != TRAINING_MODE ? 1 : 0;
-}
-
-int is_robot_training() {
-    return current_state() == TRAINING_MODE ? 1 : 0;
-}
-
-int is_wifi_state_update_after_prov_done() {
-    const std::lock_guard guard(done_lock);
-    return done_flag;
-}
-
-void set_wifi_state_update_after_prov_done(int value) {
-    const std::lock_guard guard(done_lock);
-    done_flag = static_cast<unsigned char>(value);
-}
 
 void provisioning_state_machine(int event) {
     ring.post(event);
@@ -563,9 +526,9 @@ void provisioning_handle_error(int code) {
 void provisioning_timer_tick(long now) {
     for (int event = PE_NONE; ring.take(event);)
         execute(event, now);
-    if (current_state() == TRAINING_MODE)
+    if (provisioning_get_state() == TRAINING_MODE)
         count_training();
-    if (current_state() == PS_NONE || own.deadline == 0)
+    if (provisioning_get_state() == PS_NONE || own.deadline == 0)
         return;
     check_deadline(now);
     look_for_a_phone();

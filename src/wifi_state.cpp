@@ -19,7 +19,7 @@
 #include "pex_kvs_helper.h"
 #include "pex_misc.h"
 #include "pex_net.h"
-#include "provisioning_sm.h"
+#include "provisioning_state.h"
 #include "wifi_control.h"
 
 #define LOG_SOURCE "src/wifi_state"

@@ -18,6 +18,7 @@
 #include "pex_misc.h"
 #include "pex_net.h"
 #include "provisioning_sm.h"
+#include "provisioning_state.h"
 #include "wifi_control.h"
 #include "wifi_shared.h"
 #include "wifi_state.h"

@@ -5,6 +5,7 @@
 #include "mqtt_dispatch.h"
 #include "mqttapp/mqtt_app.h"
 #include "provisioning_sm.h"
+#include "provisioning_state.h"
 #include "wifi_robot.h"
 
 namespace {

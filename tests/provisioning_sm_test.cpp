@@ -2,6 +2,7 @@
 // says.
 #include "provisioning_sm.h"
 
+#include "provisioning_state.h"
 #include "wifi_control.h"
 #include "wifi_robot.h"
 #include "wifi_state.h"

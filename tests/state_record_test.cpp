@@ -2,6 +2,7 @@
 #include "device_pinger.h"
 #include "mdns_device_discover.h"
 #include "provisioning_sm.h"
+#include "provisioning_state.h"
 #include "robot.h"
 
 namespace {

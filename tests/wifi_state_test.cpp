@@ -1,7 +1,7 @@
 // What the robot believes of its link, and what it keeps of it over a reboot.
 #include "wifi_state.h"
 
-#include "provisioning_sm.h"
+#include "provisioning_state.h"
 #include "robot.h"
 
 namespace {
