@@ -1,30 +1,8 @@
-// Home devices on the network: the mode that tracks them, the ARP pings that keep the census fresh,
-// and the sweep of the subnet that finds those who do not announce themselves.
+// Home devices on the network: the ARP pings that keep the census fresh.
 #pragma once
 
-#include <pthread.h>
-
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
-
-struct pinger_mode {
-    unsigned char pinger;
-    unsigned char discover;
-};
-
-// What set_pinger_mode changes; other kinds change nothing.
-enum pinger_mode_kind : int {
-    PINGER_MODE_CLEAR = 0,
-    PINGER_MODE_DISCOVER = 1,
-    PINGER_MODE_PINGER = 2
-};
-
-// Any thread.
-void set_pinger_mode(int kind, int value);
-
-// Copies both flags, read together, and returns `out`. Any thread.
-pinger_mode *get_pinger_mode(pinger_mode *out);
 
 // One probe, in the order of the arguments of add_entry_to_device_list. Any text may be null.
 constexpr size_t kProbeMacSize = 32;
@@ -45,18 +23,3 @@ int ping_device(ping_request *request, int want_mac, int wait);
 
 // Thread body: each 3 s pings the devices of the list and reports a change.
 void *device_pinger_main(void *unused);
-
-// The part of a sweep that one worker does; `done` is the last that the worker touches.
-struct ping_range {
-    uint32_t first;  // IPv4, network byte order
-    uint16_t count;
-    uint32_t session;  // the tracking that asked
-    pthread_t thread;
-    std::atomic<uint8_t> done;
-};
-
-// Thread body of a worker: adds the devices that answer to the list. The argument is a ping_range.
-void *ping_range_main(void *range);
-
-// Thread body: one sweep of the station's subnet for each request of the pinger.
-void *device_subnet_ping_main(void *unused);

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "device_network_hop.h"
+#include "device_subnet_ping.h"
 #include "device_tracking.h"
 #include "home_device_list.h"
 #include "kvs_json.h"
@@ -49,12 +50,6 @@ constexpr int kMostSilent = 5;
 constexpr std::chrono::seconds kAskingTime{30};
 constexpr size_t kCommandSize = 128;
 constexpr size_t kLineSize = 255;
-
-// --- mode ----------------------------------------------------------------------------------------
-
-std::mutex mode_lock;
-pinger_mode mode{0, 0};
-uint32_t session_number = 0;
 
 bool is_off(const pinger_mode &flags) {
     return flags.pinger == 0 && flags.discover == 0;
@@ -311,7 +306,7 @@ class Pinger {
         pinger_mode now;
         if (get_pinger_mode(&now)->discover == 0)
             return false;
-        device_tracking::request_sweep(session_);
+        device_subnet_ping_request(session_);
         return true;
     }
 
@@ -405,43 +400,6 @@ class Pinger {
 };
 
 }  // namespace
-
-// --- mode ----------------------------------------------------------------------------------------
-
-void set_pinger_mode(int kind, int value) {
-    const auto flag = static_cast<unsigned char>(value);
-    const std::lock_guard guard(mode_lock);
-    if (kind == PINGER_MODE_CLEAR) {
-        mode = {0, 0};
-        session_number++;
-    } else if (kind == PINGER_MODE_DISCOVER) {
-        mode.discover = flag;
-    } else if (kind == PINGER_MODE_PINGER) {
-        mode.pinger = flag;
-    }
-}
-
-pinger_mode *get_pinger_mode(pinger_mode *out) {
-    const std::lock_guard guard(mode_lock);
-    *out = mode;
-    return out;
-}
-
-Session device_tracking::current_session() {
-    const std::lock_guard guard(mode_lock);
-    return {mode, session_number};
-}
-
-bool device_tracking::is_sweep_wanted(uint32_t session) {
-    const Session now = current_session();
-    return now.number == session && now.mode.discover != 0;
-}
-
-void device_tracking::end_sweep(uint32_t session) {
-    const std::lock_guard guard(mode_lock);
-    if (session_number == session)
-        mode.discover = 0;
-}
 
 // --- probes --------------------------------------------------------------------------------------
 

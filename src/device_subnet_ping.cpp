@@ -1,3 +1,5 @@
+#include "device_subnet_ping.h"
+
 #include <arpa/inet.h>
 #include <unistd.h>
 
@@ -152,7 +154,7 @@ void ping_address(uint32_t address, unsigned worker) {
 
 }  // namespace
 
-void device_tracking::request_sweep(uint32_t session) {
+void device_subnet_ping_request(uint32_t session) {
     requested_session = session;
     requests.release();
 }

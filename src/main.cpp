@@ -11,6 +11,7 @@
 
 #include "device_network_hop.h"
 #include "device_pinger.h"
+#include "device_subnet_ping.h"
 #include "discovery.h"
 #include "gateway_pinger.h"
 #include "log.h"

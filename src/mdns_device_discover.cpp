@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <charconv>
 #include <cstdio>
 #include <cstring>
@@ -12,7 +11,7 @@
 #include <string>
 #include <string_view>
 
-#include "device_pinger.h"
+#include "device_tracking.h"
 #include "home_device_list.h"
 #include "log.h"
 #include "owned.h"
@@ -22,7 +21,6 @@
 
 namespace {
 
-constexpr int kDiscoveryRounds = 3;
 constexpr unsigned kPauseS = 3;
 constexpr char kBrowse[] = "avahi-browse -artlp";
 constexpr int kLineSize = 511;  // with the terminator
@@ -30,17 +28,6 @@ constexpr int kLineSize = 511;  // with the terminator
 // The friendly name that a device gives itself is better than the name of one of its services.
 constexpr uint32_t kFriendlyNameRank = 3;
 constexpr uint32_t kServiceNameRank = 2;
-
-// Rounds of browsing that are left.
-std::atomic<int> countdown{0};
-
-bool take_round() {
-    int left = countdown;
-    while (left > 0)
-        if (countdown.compare_exchange_weak(left, left - 1))
-            return true;
-    return false;
-}
 
 // --- a line of the browser -----------------------------------------------------------------------
 
@@ -193,33 +180,7 @@ void *mdns_discovery_main(void * /*unused*/) {
     init_device_list();
     for (;;) {
         sleep(kPauseS);
-        if (take_round())
+        if (device_tracking::take_round())
             mdns_browse_once();
     }
-}
-
-void start_device_discovery() {
-    pinger_mode mode;
-    get_pinger_mode(&mode);
-    if (mode.pinger != 0 || mode.discover != 0) {
-        LOGE("pinger_is still active");  // the missing blank is what log readers match on
-        return;
-    }
-    countdown = kDiscoveryRounds;
-    set_pinger_mode(PINGER_MODE_PINGER, 1);
-    set_pinger_mode(PINGER_MODE_DISCOVER, 1);
-}
-
-void stop_device_discovery() {
-    countdown = 0;
-    set_pinger_mode(PINGER_MODE_CLEAR, 1);
-}
-
-void pause_device_discovery() {
-    stop_device_discovery();
-}
-
-int is_device_discovery_active() {
-    pinger_mode mode;
-    return get_pinger_mode(&mode)->pinger;
 }

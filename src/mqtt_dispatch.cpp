@@ -15,10 +15,10 @@
 #include <string_view>
 #include <type_traits>
 
+#include "device_tracking.h"
 #include "discovery.h"
 #include "gateway_pinger.h"
 #include "log.h"
-#include "mdns_device_discover.h"
 #include "mqtt_client.h"
 #include "mqttapp/mqtt_app.h"
 #include "owned.h"

@@ -7,10 +7,10 @@
 #include <string>
 #include <string_view>
 
+#include "device_tracking.h"
 #include "gateway_pinger.h"
 #include "kvs_json.h"
 #include "log.h"
-#include "mdns_device_discover.h"
 #include "mqtt_client.h"
 #include "network_utils.h"
 #include "owned.h"

@@ -5,9 +5,10 @@
 #include <map>
 #include <sstream>
 
+#include "device_subnet_ping.h"
+#include "device_tracking.h"
 #include "home_device_list.h"
 #include "log.h"
-#include "mdns_device_discover.h"
 #include "mqtt_client.h"
 #include "mqttapp/mqtt_app.h"
 #include "process_handles.h"

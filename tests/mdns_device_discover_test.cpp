@@ -6,6 +6,7 @@
 
 #include <thread>
 
+#include "device_tracking.h"
 #include "home_device_list.h"
 #include "robot.h"
 

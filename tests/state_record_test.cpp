@@ -1,6 +1,5 @@
 // The small records that every thread asks: provisioning state and ring, device tracking.
-#include "device_pinger.h"
-#include "mdns_device_discover.h"
+#include "device_tracking.h"
 #include "provisioning_sm.h"
 #include "provisioning_state.h"
 #include "robot.h"

@@ -7,6 +7,7 @@
 #include <string>
 #include <thread>
 
+#include "device_tracking.h"
 #include "home_device_list.h"
 #include "mdns_device_discover.h"
 #include "pthread_utils.h"
