@@ -1,25 +1,6 @@
-// Home devices on the network: the ARP pings that keep the census fresh.
+// Keeps the census of home devices fresh while they are tracked: pings them, reports changes, asks
+// for sweeps and hops.
 #pragma once
 
-#include <cstddef>
-#include <cstdint>
-
-// One probe, in the order of the arguments of add_entry_to_device_list. Any text may be null.
-constexpr size_t kProbeMacSize = 32;
-struct ping_request {
-    const char *name = nullptr;
-    uint32_t name_rank = 0;
-    const char *ip = nullptr;
-    char *mac = nullptr;  // a buffer of kProbeMacSize for the answer
-    const char *type = nullptr;
-    const char *google_cd = nullptr;
-    const char *hostname = nullptr;
-    const char *md = nullptr;
-};
-
-// Pings `ip` by ARP: with `want_mac` for its hardware address, else with `wait` for its answer,
-// else in the background. 1 when an answer was seen, else 0. Any thread; blocks for up to 2 s.
-int ping_device(ping_request *request, int want_mac, int wait);
-
-// Thread body: each 3 s pings the devices of the list and reports a change.
+// Thread body: one round every 3 s.
 void *device_pinger_main(void *unused);

@@ -11,14 +11,14 @@
 #include <new>
 #include <span>
 
-#include "device_pinger.h"
+#include "device_probe.h"
 #include "device_tracking.h"
 #include "home_device_list.h"
 #include "log.h"
 #include "pthread_utils.h"
 #include "wifi_state.h"
 
-#define LOG_SOURCE "src/device_pinger"
+#define LOG_SOURCE "src/device_pinger"  // one source to log readers, as the pinger asks for it
 
 using device_tracking::is_sweep_wanted;
 

@@ -5,6 +5,7 @@
 #include <map>
 #include <sstream>
 
+#include "device_probe.h"
 #include "device_subnet_ping.h"
 #include "device_tracking.h"
 #include "home_device_list.h"

@@ -8,7 +8,7 @@
 #include <cstring>
 
 #include "border.h"
-#include "device_pinger.h"
+#include "device_probe.h"
 #include "gateway_pinger.h"
 #include "owned.h"
 #include "parsers.h"
