@@ -4,9 +4,9 @@
 
 #include <array>
 #include <cstdio>
-#include <optional>
 #include <string_view>
 
+#include "arping.h"
 #include "log.h"
 #include "owned.h"
 #include "pex_misc.h"
@@ -46,17 +46,6 @@ bool build_command(probe kind, const char *ip, Command &command) {
     return false;
 }
 
-// The text between the first brackets: "Unicast reply from A.B.C.D [MAC]  1.5ms".
-std::optional<std::string_view> bracketed(std::string_view line) {
-    const size_t open = line.find('[');
-    if (open == line.npos)
-        return std::nullopt;
-    const size_t close = line.find(']', open);
-    if (close == line.npos)
-        return std::nullopt;
-    return line.substr(open + 1, close - open - 1);
-}
-
 void store_reply(ping_request &request, std::string_view mac) {
     if (request.mac == nullptr) {
         LOGE("NULL mac_address in entry");
@@ -70,7 +59,7 @@ bool read_replies(FILE *output, ping_request &request) {
     std::array<char, kLineSize> line{};
     bool replied = false;
     while (fgets(line.data(), line.size(), output) != nullptr)
-        if (const auto mac = bracketed(line.data())) {
+        if (const auto mac = arping_reply(line.data(), arping_peer::device)) {
             store_reply(request, *mac);
             replied = true;
         }

@@ -1,14 +1,12 @@
 #include "gateway_pinger.h"
 
-#include <arpa/inet.h>
 #include <unistd.h>
 
 #include <array>
 #include <climits>
-#include <cstdlib>
-#include <cstring>
 #include <mutex>
 
+#include "gateway_ping.h"
 #include "kvs_json.h"
 #include "log.h"
 #include "mqtt_client.h"
@@ -28,14 +26,9 @@ constexpr int kDefaultLimit = 1440;  // cycles: eight hours
 constexpr int kSafeToReboot = 900;   // at least this far to the next cleaning
 constexpr int kScheduler = 9;        // the robot process that knows the next cleaning
 constexpr size_t kReplySize = 256;
-constexpr size_t kLineSize = 256;
 
 std::mutex mission_lock;
 bool mission_in_progress = false;
-
-bool has_address(const netinfo &info) {
-    return info.addr != 0 && info.gw != 0;
-}
 
 // The key and the message speak of minutes but the value counts cycles; meant to stay so.
 int watchdog_limit() {
@@ -49,39 +42,6 @@ int watchdog_limit() {
     }
     LOGI("wifi watchdog timer interval, %d minutes", limit);
     return limit;
-}
-
-// The hardware address in "Unicast reply from A.B.C.D [MAC] ...", or null.
-const char *reply_address(char *line) {
-    if (strstr(line, "Unicast") == nullptr)
-        return nullptr;
-    char *rest = nullptr;
-    return strtok_r(line, "[", &rest) != nullptr ? strtok_r(nullptr, "]", &rest) : nullptr;
-}
-
-// A ping that could not be run says nothing about the gateway.
-enum class ping_result { answered, silent, not_run };
-
-ping_result find_reply(FILE *output) {
-    const MallocText line(static_cast<char *>(malloc(kLineSize)));
-    if (!line) {
-        LOGE("malloc error");
-        return ping_result::not_run;
-    }
-    while (fgets(line.get(), kLineSize, output) != nullptr)
-        if (const char *address = reply_address(line.get())) {
-            LOGD("received gateway reply, mac addr: %s", address);
-            return ping_result::answered;
-        }
-    return ping_result::silent;
-}
-
-ping_result run_ping(const char *command) {
-    const Pipe output(command);
-    if (output)
-        return find_reply(output.get());
-    LOGE("popen failed");
-    return ping_result::not_run;
 }
 
 // The watchdog. One object lives on the pinger thread; a cycle is run every 20 s.
@@ -108,7 +68,7 @@ class Watchdog {
         wifi_get_netinfo(&info);
         if (state == WIFI_CONNECTED)
             return true;
-        if (has_address(info) && is_robot_provisioning() == 0) {
+        if (gateway_ping_has_target(info) && is_robot_provisioning() == 0) {
             if (state == WIFI_NETWORK_DOWN) {
                 LOGI("wifi is trying to reconnect");
                 wifi_network_reconnect();
@@ -165,12 +125,12 @@ class Watchdog {
 
     void ping() {
         const bool provisioning = is_robot_provisioning() != 0;
-        const ping_result result =
-            provisioning ? ping_result::not_run : run_ping(ping_command_.get());
+        const gateway_answer answer =
+            provisioning ? gateway_answer::not_run : gateway_ping(ping_command_.get());
         forget_missing_address();
-        if (result == ping_result::answered)
+        if (answer == gateway_answer::answered)
             lost_pings_ = 0;
-        else if (result == ping_result::silent)
+        else if (answer == gateway_answer::silent)
             count_lost_ping();  // else the counter keeps its value
     }
 
@@ -202,38 +162,6 @@ class Watchdog {
 void *pinger_main(void * /*unused*/) {
     for (Watchdog watchdog(watchdog_limit());;)
         watchdog.cycle();
-}
-
-char *create_arping_cmd_str_malloc() {
-    constexpr char kFormat[] = "sudo arping -I%s -c1 %s -w 2 ";
-    netinfo info;
-    wifi_get_netinfo(&info);
-    if (!has_address(info)) {
-        LOGI("no gateway to ping");
-        return nullptr;
-    }
-    std::array<char, INET_ADDRSTRLEN> gateway{};
-    const uint32_t address = info.gw;
-    inet_ntop(AF_INET, &address, gateway.data(), gateway.size());
-    const char *interface = wifi_get_sta_interface();
-    const size_t size = strlen(interface) + strlen(gateway.data()) + sizeof kFormat;
-    MallocText command(static_cast<char *>(malloc(size)));
-    if (!command) {
-        LOGE("%s: out of memory", "create_arping_cmd_str_malloc");
-        return nullptr;
-    }
-    const int length = snprintf(command.get(), size, kFormat, interface, gateway.data());
-    if (length < 0 || static_cast<size_t>(length) >= size) {
-        LOGE("%s: broken ping packet %s", "create_arping_cmd_str_malloc", kFormat);
-        return nullptr;
-    }
-    return command.release();
-}
-
-int gateway_pinger_arping_once(const char *command) {
-    const MallocText built(command == nullptr ? create_arping_cmd_str_malloc() : nullptr);
-    const char *line = command != nullptr ? command : built.get();
-    return line != nullptr && run_ping(line) == ping_result::answered ? 1 : 0;
 }
 
 void gateway_pinger_set_mission_in_progress(int flag) {

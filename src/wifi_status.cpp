@@ -8,7 +8,7 @@
 #include <string_view>
 
 #include "device_tracking.h"
-#include "gateway_pinger.h"
+#include "gateway_ping.h"
 #include "kvs_json.h"
 #include "log.h"
 #include "mqtt_client.h"

@@ -3,7 +3,9 @@
 #include <semaphore.h>
 #include <sys/resource.h>
 
+#include "arping.h"
 #include "bus.h"
+#include "gateway_ping.h"
 #include "pthread_utils.h"
 #include "robot.h"
 #include "wifi_state.h"
@@ -133,16 +135,26 @@ TEST_F(GatewayWatchdog, RestartsAfterThreeSilentPingsInARow) {
 }
 
 TEST_F(GatewayWatchdog, OnlyABracketedAddressIsAReply) {
-    const std::pair<const char *, int> cases[] = {
-        {"ARPING 192.0.2.1\nUnicast reply from 192.0.2.1 [02:00:00:00:00:01]  1.5ms", 1},
-        {"Unicast reply from 192.0.2.1", 0},
-        {"Broadcast reply from 192.0.2.1 [02:00:00:00:00:01]", 0},
-        {"", 0},
+    const struct {
+        const char *line;
+        std::string_view gateway, device;  // an address, or "none"
+    } cases[] = {
+        {"Unicast reply from 192.0.2.1 [02:01]  1.5ms", "02:01", "02:01"},
+        {"Broadcast reply from 192.0.2.1 [02:01]", "none", "02:01"},
+        {"Unicast [02:01", "02:01", "none"},
+        {"[Unicast] []]02:01] [03]", "02:01", "Unicast"},
+        {"[[Unicast [", "none", "none"},
+        {"Unicast []", "none", ""},
+        {"Unicast 02:01]", "none", "none"},
+        {"", "none", "none"},
     };
-    for (const auto &[output, answered] : cases) {
-        write_file("/tmp/output", output);
-        EXPECT_EQ(gateway_pinger_arping_once("cat /tmp/output"), answered) << output;
+    for (const auto &[line, gateway, device] : cases) {
+        EXPECT_EQ(arping_reply(line, arping_peer::gateway).value_or("none"), gateway) << line;
+        EXPECT_EQ(arping_reply(line, arping_peer::device).value_or("none"), device) << line;
     }
+    write_file("/tmp/output", "ARPING 192.0.2.1\nUnicast reply from 192.0.2.1 [02:01]  1.5ms");
+    EXPECT_EQ(gateway_pinger_arping_once("cat /tmp/output"), 1);
+    EXPECT_EQ(gateway_pinger_arping_once("head -n1 /tmp/output"), 0);
     forget_commands();
     EXPECT_EQ(gateway_pinger_arping_once(nullptr), 0);  // no gateway: nothing is run
     EXPECT_TRUE(commands().empty());

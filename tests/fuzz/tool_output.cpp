@@ -9,7 +9,7 @@
 
 #include "border.h"
 #include "device_probe.h"
-#include "gateway_pinger.h"
+#include "gateway_ping.h"
 #include "owned.h"
 #include "parsers.h"
 #include "pex_net.h"
