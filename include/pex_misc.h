@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <ctime>
+#include <span>
 #include <string>
 
 #include "owned.h"
@@ -71,6 +72,13 @@ int pex_str_tolower(char *text);   // in place; 0, or -1 for null
 int pex_strip_spaces(char *text);  // removes every blank in place; 0, or -1 for null
 char *pex_generate_uuid_malloc();  // 32 upper-case digits, freed by the caller
 long pex_get_uptime();             // seconds since boot, -1 on failure
+
+// A text in the manner of printf.
+std::string pex_format(const char *format, ...) __attribute__((format(printf, 1, 2)));
+
+// The next line of a command's output or of a file, as much of it as fits, its newline included: a
+// longer one arrives in pieces. False at the end.
+bool pex_read_line(FILE *stream, std::span<char> line);
 
 // Foreign text as the log may show it: control characters, which could forge a line, become "?".
 std::string pex_one_line(const char *text);

@@ -1,8 +1,7 @@
-// The daemon's picture of the Wi-Fi link, and the network settings that are pending or saved.
-// Any thread unless said otherwise.
+// The Wi-Fi state and what decides it: whether the station is started and connected, and the timers
+// of a provisioning. Everything here is written by this module only. Any thread.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 
 // The Wi-Fi state as published in wifistat and saved as the last provisioning status.
@@ -33,27 +32,6 @@ struct wifistat {
 };
 static_assert(sizeof(wifistat) == 16);
 
-// Addresses in network byte order, the BSSID first octet first, `sec` a value of security_types.
-struct __attribute__((packed)) netinfo {
-    uint32_t addr;
-    uint32_t mask;
-    uint32_t gw;
-    uint32_t dns1;
-    uint32_t dns2;
-    uint8_t bssid[6];
-    uint8_t sec;
-};
-static_assert(sizeof(netinfo) == 27);
-
-constexpr uint8_t kSecurityUnknown = 7;  // netinfo.sec until the supplicant told more
-
-// One row of the table of security types, which ends with a null name.
-struct security_type {
-    const char *name;
-    uint8_t value;
-};
-extern const security_type security_types[];
-
 // wifi -1, everything else 0.
 void wifi_init_wifistat();
 
@@ -82,60 +60,36 @@ uint32_t wifi_state_get_spare_word1();
 void wifi_state_set_spare_word2(uint32_t value);
 uint32_t wifi_state_get_spare_word2();
 
-// Resets netinfo: mask all ones, sec 7, the rest 0. May be called with the state lock held.
-void wifi_init_netinfo();
+// --- the station's link: what is known of it, each a word without a lock -------------------------
 
-// Copies the record as it stands; returns 27.
-int wifi_get_netinfo(netinfo *out);
+// A connect brought the station's interface up.
+void wifi_link_set_started();
+bool wifi_link_is_started();
 
-// Refreshes the addresses of the active interface and copies; 27, or -1. Without an address `out`
-// is all zero and the record's other fields stay.
-int wifi_read_netinfo(netinfo *out);
+// The interface is down: state WIFI_STATION_STOPPED, not started, not connected, not refused, no
+// timer.
+void wifi_link_set_stopped();
 
-// Parses six hexadecimal octets separated by ":"; `text` is modified. Fewer octets leave the rest.
-void wifi_netinfo_set_bssid(char *text);
+// The supplicant reported a connection (which forgets a refusal), its end, or that the access point
+// refused the station.
+void wifi_link_set_connected();
+void wifi_link_set_disconnected();
+void wifi_link_set_refused();
+bool wifi_link_is_connected();
+bool wifi_link_is_refused();
 
-// Sets netinfo.sec by the first table name that begins `name`; unknown names change nothing.
-void wifictl_set_sec_type(const char *name);
+// A wrong key may be a lost frame: true for the first report of one since a connect began, and
+// false from then on.
+bool wifi_link_may_retry_key();
+void wifi_link_forget_wrong_key();
 
-// 1 is DHCP, 0 a static address; loaded from the store at the first use.
-void wifi_set_addr_type(uint8_t type);
-uint8_t wifi_get_addr_type();
+// The seconds left to get a valid address and to associate. Arming and clearing both is one change,
+// and a count-down that meets a clear loses to it.
+enum class wifi_timer : unsigned { dhcp, association };
+void wifi_timers_arm(uint8_t dhcp_s, uint8_t association_s);
+void wifi_timers_clear();
+void wifi_timer_clear(wifi_timer which);
+int wifi_timer_left(wifi_timer which);  // 0 when off
 
-// The pending settings: SSID as hexadecimal text (64 characters), passphrase or PSK (128), and the
-// IP configuration command line (512). Longer texts are cut and logged. The getters return the
-// buffer itself; a thread that is not the writer copies with the functions below.
-void wifictl_set_ssid(const char *text);
-void wifictl_set_pass(const char *text);
-void wifictl_set_ip_config(const char *text);
-const char *wifictl_get_temp_ssid();
-const char *wifictl_get_temp_pass();
-const char *wifictl_get_temp_ip_config();
-
-// A consistent copy of the pending settings, taken under their lock.
-constexpr size_t kSsidSize = 65;
-constexpr size_t kPassSize = 129;
-constexpr size_t kIpConfigSize = 513;
-struct pending_settings {
-    char ssid[kSsidSize];
-    char pass[kPassSize];
-    char ip_config[kIpConfigSize];
-};
-pending_settings wifictl_copy_pending();
-
-// Saves the pending settings; a WPA passphrase is stored as the PSK derived from it.
-void wifictl_save_nw_info_to_kvs();
-
-// Writes "network.interface" when it differs. 0, or the store's error.
-int set_active_ifname(const char *name);
-
-// The interface names, "wlan0" and "wlan1" unless the command line said otherwise. Set before any
-// thread is started; the getters' texts live as long as the process.
-void wifi_set_station_interface_name(const char *name);
-void wifi_set_uap_interface_name(const char *name);
-const char *wifi_get_sta_interface();
-const char *wifi_get_uap_interface();
-
-// The station's channel, 0 until known; filled by wifi_refresh_link_status.
-int16_t wifi_get_sta_channel();
-void wifi_set_sta_channel(int16_t channel);
+// Takes a second off a running timer; true when that was its last one.
+bool wifi_timer_count_down(wifi_timer which);

@@ -17,6 +17,7 @@ class StationOperation {
     StationOperation &operator=(const StationOperation &) = delete;
 };
 
-// Has the network restarted (wifi_network_reconnect) in its turn, by a thread of its own; returns
-// at once. A restart that was asked for and has not begun yet serves this request too. Any thread.
-void wifi_station_request_restart();
+// Takes the next place in the queue for an operation that another thread is to do, or gives it up
+// again. Any thread; at once.
+uint32_t wifi_station_take_place();
+void wifi_station_leave_place(uint32_t place);

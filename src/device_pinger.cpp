@@ -23,6 +23,7 @@
 #include "mqttapp/mqtt_app.h"
 #include "owned.h"
 #include "wifi_control.h"
+#include "wifi_netinfo.h"
 #include "wifi_state.h"
 
 #define LOG_SOURCE "src/device_pinger"

@@ -10,7 +10,7 @@
 #include "log.h"
 #include "owned.h"
 #include "pex_misc.h"
-#include "wifi_state.h"
+#include "wifi_settings.h"
 
 #define LOG_SOURCE "src/device_pinger"  // one source to log readers, as the pinger probes most
 

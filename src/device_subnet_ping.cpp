@@ -16,7 +16,7 @@
 #include "home_device_list.h"
 #include "log.h"
 #include "pthread_utils.h"
-#include "wifi_state.h"
+#include "wifi_netinfo.h"
 
 #define LOG_SOURCE "src/device_pinger"  // one source to log readers, as the pinger asks for it
 

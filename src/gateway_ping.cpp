@@ -9,7 +9,8 @@
 #include "arping.h"
 #include "log.h"
 #include "owned.h"
-#include "wifi_state.h"
+#include "wifi_netinfo.h"
+#include "wifi_settings.h"
 
 #define LOG_SOURCE "src/gateway_pinger"  // one source to log readers, with the watchdog's lines
 

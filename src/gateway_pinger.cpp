@@ -13,7 +13,8 @@
 #include "owned.h"
 #include "pex_misc.h"
 #include "provisioning_state.h"
-#include "wifi_control.h"
+#include "wifi_connect.h"
+#include "wifi_netinfo.h"
 #include "wifi_state.h"
 
 #define LOG_SOURCE "src/gateway_pinger"

@@ -29,12 +29,18 @@
 #include "provisioning_sm.h"
 #include "provisioning_state.h"
 #include "pthread_utils.h"
+#include "supplicant_config.h"
 #include "tarn/tarn.h"
 #include "version.h"
+#include "wifi_connect.h"
 #include "wifi_control.h"
+#include "wifi_events.h"
+#include "wifi_netinfo.h"
 #include "wifi_regdom_utils.h"
+#include "wifi_settings.h"
 #include "wifi_state.h"
 #include "wifi_station.h"
+#include "wifi_status.h"
 
 #define LOG_SOURCE "src/main"
 

@@ -29,8 +29,10 @@
 #include "provisioning_state.h"
 #include "tarn/tarn.h"
 #include "wifi_control.h"
+#include "wifi_netinfo.h"
+#include "wifi_restart.h"
+#include "wifi_settings.h"
 #include "wifi_state.h"
-#include "wifi_station.h"
 
 #define LOG_SOURCE "src/mqtt_client"
 

@@ -14,6 +14,8 @@
 #include "owned.h"
 #include "pex_kvs_helper.h"
 #include "wifi_control.h"
+#include "wifi_netinfo.h"
+#include "wifi_settings.h"
 #include "wifi_state.h"
 
 #define LOG_SOURCE "src/network_utils"

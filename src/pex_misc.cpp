@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdarg>
 #include <cstdlib>
 #include <cstring>
 
@@ -342,6 +343,23 @@ char *pex_generate_uuid_malloc() {
 long pex_get_uptime() {
     struct sysinfo info = {};
     return sysinfo(&info) == 0 ? info.uptime : -1;
+}
+
+std::string pex_format(const char *format, ...) {
+    va_list args;
+    va_start(args, format);
+    va_list again;
+    va_copy(again, args);
+    const int length = vsnprintf(nullptr, 0, format, args);
+    va_end(args);
+    std::string text(static_cast<size_t>(std::max(length, 0)), '\0');
+    vsnprintf(text.data(), text.size() + 1, format, again);
+    va_end(again);
+    return text;
+}
+
+bool pex_read_line(FILE *stream, std::span<char> line) {
+    return fgets(line.data(), static_cast<int>(line.size()), stream) != nullptr;
 }
 
 std::string pex_one_line(const char *text) {

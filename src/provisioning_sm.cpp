@@ -13,7 +13,9 @@
 #include "owned.h"
 #include "pex_log_utils.h"
 #include "provisioning_state.h"
+#include "wifi_connect.h"
 #include "wifi_control.h"
+#include "wifi_settings.h"
 #include "wifi_state.h"
 #include "wifi_station.h"
 

@@ -1,306 +1,67 @@
-// The station's configuration and connect. The app sends a secret but not the kind of security, so
-// the supplicant is given one network block for every reading of the secret and picks by priority.
-#include <fcntl.h>
+// The station's connect: the interface restarted, the supplicant configured, its events followed.
+#include "wifi_connect.h"
 
-#include <algorithm>
-#include <array>
-#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
-#include <memory>
-#include <new>
-#include <string>
 
+#include "kvs_json.h"
 #include "log.h"
 #include "monitor_main.h"
 #include "owned.h"
 #include "pex_kvs_helper.h"
 #include "pex_misc.h"
+#include "supplicant_config.h"
+#include "wifi_command.h"
 #include "wifi_control.h"
-#include "wifi_shared.h"
+#include "wifi_netinfo.h"
+#include "wifi_settings.h"
 #include "wifi_state.h"
 #include "wifi_station.h"
 
-#define LOG_SOURCE "src/wifi_control"
-
-using namespace wifi_shared;
+#define LOG_SOURCE "src/wifi_control"  // one source to log readers for all of Wi-Fi control
 
 namespace {
-
-constexpr char kConfigPath[] = "/etc/wpa_supplicant.conf";
-constexpr char kDefaultConfig[] =
-    "eapol_version=1\n"
-    "fast_reauth=1\n"
-    "ap_scan=1\n"
-    "filter_ssids=1\n"
-    "ctrl_interface=/var/run/wpa_supplicant\n"
-    "ctrl_interface_group=apps\n";
 
 constexpr int kSelectedNetwork = 0;  // the first block; nothing ever selects another
 constexpr uint8_t kDhcpLimitS = 50;
 constexpr uint8_t kAssociationLimitS = 35;
 
-// --- the supplicant's configuration --------------------------------------------------------------
-
-// The text of the file, cut at 1023 characters. Nothing from outside but hexadecimal digits gets
-// into it.
-class Config {
-  public:
-    void open_block(const char *ssid) {
-        add("network={\n\tssid=%s\n\tkey_mgmt=NONE\n\tscan_ssid=1\n}\n", ssid);
-        blocks_++;
-    }
-    void wpa_block(const char *ssid, const char *psk) {
-        add("network={\n\tssid=%s\n\tpsk=%s\n\tpriority=2\n\tscan_ssid=1\n}\n", ssid, psk);
-        blocks_++;
-    }
-    void wep_block(const char *ssid, const char *key) {
-        add("network={\n\tssid=%s\n\twep_key0=%s\n\twep_tx_keyidx=0\n\tkey_mgmt=NONE\n"
-            "\tpriority=1\n\tscan_ssid=1\n}\n",
-            ssid, key);
-        blocks_++;
-    }
-    void finish() {
-        add("%s", kDefaultConfig);
-        LOGD("blocks %d offset %d remaining %d\n", blocks_, static_cast<int>(used_),
-             static_cast<int>(text_.size() - used_));
-    }
-    int blocks() const { return blocks_; }
-    const char *text() const { return text_.data(); }
-
-  private:
-    void add(const char *format, ...) __attribute__((format(printf, 2, 3)));
-
-    std::array<char, 1024> text_{};
-    size_t used_ = 0;
-    int blocks_ = 0;
-};
-
-void Config::add(const char *format, ...) {
-    const size_t room = text_.size() - used_;
-    va_list args;
-    va_start(args, format);
-    const int length = vsnprintf(text_.data() + used_, room, format, args);
-    va_end(args);
-    used_ += std::min(static_cast<size_t>(std::max(length, 0)), room - 1);
-}
-
-// What the blocks are made of.
-struct Network {
-    std::string ssid;    // hexadecimal text
-    std::string secret;  // empty for an open network
-    MallocText name;     // the SSID decoded, null when that is not possible
-};
-
-// Each reading of a secret adds a block or leaves it; false only without memory.
-
-bool read_as_open(Config &config, const Network &network) {
-    config.open_block(network.ssid.c_str());
-    LOGI("OPEN network block generated");
-    return true;
-}
-
-bool read_as_psk(Config &config, const Network &network) {
-    if (ishexstring(network.secret.c_str()) == 0)
-        return true;
-    config.wpa_block(network.ssid.c_str(), network.secret.c_str());
-    LOGI("WPA PSK network block generated");
-    return true;
-}
-
-bool read_as_passphrase(Config &config, const Network &network) {
-    std::array<char, 65> psk{};
-    if (!network.name ||
-        wpa_passphrase(network.name.get(), network.secret.c_str(), psk.data(), psk.size()) != 0) {
-        LOGE("wpa_passphrase failed \n");
-        return true;
-    }
-    config.wpa_block(network.ssid.c_str(), psk.data());
-    LOGI("WPA passphrase network block generated");
-    return true;
-}
-
-template <int bits>
-bool read_as_wep_digits(Config &config, const Network &network) {
-    if (ishexstring(network.secret.c_str()) == 0)
-        return true;
-    config.wep_block(network.ssid.c_str(), network.secret.c_str());
-    LOGI("WEP-%d network block generated", bits);
-    return true;
-}
-
-template <int bits>
-bool read_as_wep_text(Config &config, const Network &network) {
-    const MallocText key(hex_encode_str_malloc(network.secret.data(), network.secret.size()));
-    if (!key)
-        return false;
-    config.wep_block(network.ssid.c_str(), key.get());
-    LOGI("WEP-%d network block generated", bits);
-    return true;
-}
-
-// Which readings a secret's length allows (IEEE 802.11: passphrases of 8 to 63 characters, WEP keys
-// of 40 and 104 bits), in the order of the blocks.
-struct reading {
-    size_t shortest;
-    size_t longest;
-    bool (*add)(Config &, const Network &);
-};
-constexpr reading kReadings[] = {
-    {0, 0, read_as_open},
-    {64, 64, read_as_psk},
-    {8, 63, read_as_passphrase},
-    {13, 13, read_as_wep_text<104>},
-    {26, 26, read_as_wep_digits<104>},
-    {5, 5, read_as_wep_text<40>},
-    {10, 10, read_as_wep_digits<40>},
-};
-
-bool add_blocks(Config &config, const Network &network) {
-    const size_t length = network.secret.size();
-    return std::all_of(std::begin(kReadings), std::end(kReadings), [&](const reading &row) {
-        return length < row.shortest || length > row.longest || row.add(config, network);
-    });
-}
-
-// Null with the reason in `*error_code`.
-std::unique_ptr<Config> make_config(const Network &network, int32_t *error_code) {
-    if (ishexstring(network.ssid.c_str()) == 0) {
-        *error_code = WIFI_BAD_CONFIG;
-        LOGE("invalid ssid, setting error_code to WIFI_BAD_CONFIG");
-        return nullptr;
-    }
-    std::unique_ptr<Config> config(new (std::nothrow) Config);
-    if (!config || !add_blocks(*config, network)) {
-        *error_code = WIFI_BAD_CONFIG;
-        LOGE("out of memory, setting error_code to WIFI_BAD_CONFIG");
-        return nullptr;
-    }
-    config->finish();
-    if (config->blocks() == 0) {
-        *error_code = WIFI_AUTH_ERROR;
-        LOGE("no network blocks generated, setting error_code to WIFI_AUTH_ERROR");
-        return nullptr;
-    }
-    return config;
-}
-
-// --- the configuration file ----------------------------------------------------------------------
-
-// Created for its owner only, for it holds the key; the mode of a file that is there stays.
-File open_config_file() {
-    Fd fd(open(kConfigPath, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
-    File stream(fd ? fdopen(fd.get(), "w+") : nullptr);
-    if (stream)
-        fd.release();
-    else
-        LOGE("cannot open %s", kConfigPath);
-    return stream;
-}
-
-// Replaces what follows `key` up to the next line of its block by "*".
-void mask_values(char *text, const char *key) {
-    for (char *value = strstr(text, key); value != nullptr; value = strstr(value, key)) {
-        value += strlen(key);
-        char *const line_end = strstr(value, "\n\t");
-        char *const end = line_end != nullptr ? line_end : value + strlen(value);
-        if (end == value)
-            continue;
-        *value = '*';
-        memmove(value + 1, end, strlen(end) + 1);
-    }
-}
-
-void log_masked(const char *text) {
-    const MallocText copy(strdup(text));
-    if (!copy) {
-        LOGE("out of memory writing %s file", kConfigPath);
-        return;
-    }
-    mask_values(copy.get(), "psk=");
-    mask_values(copy.get(), "wep_key0=");
-    LOGI("writing %s file with %s", kConfigPath, copy.get());
-}
-
-bool write_config_file(const char *text, bool is_logged) {
-    File stream = open_config_file();
-    if (!stream)
-        return false;
-    const bool written = fputs(text, stream.get()) >= 0;
-    if (is_logged)
-        log_masked(text);
-    if (fclose(stream.release()) == 0 && written)
-        return true;
-    LOGE("cannot write %s", kConfigPath);
-    return false;
-}
-
-// --- connect -------------------------------------------------------------------------------------
-
-std::string saved_text(const char *key) {
-    const MallocText value(pex_kvs_get_key_str_malloc(key));
-    return value ? value.get() : "";
-}
-
-// The pending settings, else the saved ones; an empty SSID when there are none.
-Network settings() {
-    const pending_settings pending = wifictl_copy_pending();
-    if (pending.ssid[0] != '\0')
-        return {pending.ssid, pending.pass, nullptr};
-    return {saved_text("network.ssid"), saved_text("network.password"), nullptr};
-}
-
-// What cannot be decoded is refused later, or still serves a network without passphrase.
-MallocText decode_ssid(const std::string &ssid) {
-    LOGD("Encoded SSID: %s", pex_one_line(ssid.c_str()).c_str());
-    MallocText name(hex_decode_str_malloc(ssid.c_str()));
-    if (!name)
-        LOGW("Could not decode ssid");
-    else if (non_print_char_check(name.get()) != 0)
-        LOGD("SSID has non-printable characters");
-    else
-        LOGD("Provisioning for SSID %s", name.get());
-    return name;
-}
-
-bool configure_station(int32_t *error_code) {
-    Network network = settings();
-    if (network.ssid.empty()) {
-        *error_code = WIFI_BAD_CONFIG;
-        LOGE("no SSID set/saved");
-        return false;
-    }
-    network.name = decode_ssid(network.ssid);
-    const auto config = make_config(network, error_code);
-    // A slot that held an error before is believed, here and below, on purpose: callers preset it
-    // to -1.
-    if (!config || *error_code == WIFI_BAD_CONFIG) {
-        LOGE("newfile is null");
-        return false;
-    }
-    if (*error_code == WIFI_AUTH_ERROR)
-        return false;
-    if (!write_config_file(config->text(), true)) {
-        *error_code = WIFI_BAD_CONFIG;
-        return false;
-    }
-    return true;
-}
-
 bool restart_station(int32_t *error_code) {
-    interface_down(wifi_get_sta_interface());
+    wifi_interface_down(wifi_get_sta_interface());
     sleep(1);
-    if (!failed(interface_up(wifi_get_sta_interface())))
+    if (!wifi_command_failed(wifi_interface_up(wifi_get_sta_interface())))
         return true;
     LOGE("failed to start station interface");
     *error_code = WIFI_IFACE_ERROR;
     return false;
 }
 
-}  // namespace
+// --- start from the saved settings ---------------------------------------------------------------
 
-void wifi_set_wpa_default_config() {
-    write_config_file(kDefaultConfig, false);
+void apply_saved_ip_config(const char *ip_config) {
+    if (ip_config == nullptr) {
+        LOGE("failed to get ip config");
+        return;
+    }
+    wifictl_set_ip_config(ip_config);
+    if (wifi_command_failed(wifi_set_provision_ip_config()))
+        LOGE("failed to set ip configuration");
 }
+
+bool load_addr_type() {
+    json_t *raw = nullptr;
+    const int result = kvs_get_json_from_key("network.addr_type", JSON_INTEGER, &raw);
+    const Json value(raw);
+    if (result != 0 || !value) {
+        LOGE("kvs_get_json_from_key failed");
+        return false;
+    }
+    wifi_set_addr_type(static_cast<uint8_t>(json_integer_value(value.get())));
+    return true;
+}
+
+}  // namespace
 
 int wifi_network_connect(int32_t *error_code, int /*flag*/) {
     if (error_code == nullptr) {
@@ -312,16 +73,16 @@ int wifi_network_connect(int32_t *error_code, int /*flag*/) {
     wlan_monitor_signal_deattach();
     wifi_set_wpa_default_config();
     wifi_init_netinfo();
-    wrong_key_seen = false;
+    wifi_link_forget_wrong_key();
     if (!restart_station(error_code))
         return -1;
-    station_started = true;
+    wifi_link_set_started();
     wlan_monitor_signal_attach();
-    if (!configure_station(error_code)) {
+    if (!supplicant_config_write(error_code)) {
         LOGE("failed to configure sta with given network info");
         return -1;
     }
-    if (failed(wifi_wpa_reconfigure())) {
+    if (wifi_command_failed(wifi_wpa_reconfigure())) {
         LOGE("failed to reconfigure the supplicant");
         *error_code = WIFI_IFACE_ERROR;
         return -1;
@@ -331,7 +92,8 @@ int wifi_network_connect(int32_t *error_code, int /*flag*/) {
 }
 
 int wifi_wpa_reconfigure() {
-    return run_logged(format_text("sudo wpa_cli -i%s reconfigure\n", wifi_get_sta_interface()));
+    return wifi_command_logged(
+        pex_format("sudo wpa_cli -i%s reconfigure\n", wifi_get_sta_interface()));
 }
 
 void wifi_select_sta_network() {
@@ -345,27 +107,6 @@ void wifi_select_sta_network() {
     }
     snprintf(command.get(), size, "sudo wpa_cli -i%s select_network %d", ifname, kSelectedNetwork);
     wifi_system_command(command.get());
-}
-
-char *get_key_mgmt_protocol() {
-    // The name is fixed and there is no sudo, whatever the station's interface.
-    const char *const command = "wpa_cli status -iwlan0 | grep key_mgmt | sed s/\"^.*=\"//";
-    const CommandLock lock;
-    Pipe pipe(command);
-    if (!pipe) {
-        LOGE("Failed to run command %s", command);
-        return nullptr;
-    }
-    Line line{};
-    const bool found = read_line(pipe.get(), line);
-    if (pipe.close() == -1)
-        LOGE("error closing pipe");
-    const size_t length = strlen(line.data());
-    if (!found || length < 2) {
-        LOGW("Unable to get key management protocol\n");
-        return nullptr;
-    }
-    return strndup(line.data(), length - 1);
 }
 
 int wifi_network_disconnect() {
@@ -385,6 +126,29 @@ void wifi_network_reconnect() {
 int wifi_wactivate(int32_t *error_code) {
     const StationOperation operation;
     const int result = wifi_network_connect(error_code, 1);
-    timers.arm(kDhcpLimitS, kAssociationLimitS);
+    wifi_timers_arm(kDhcpLimitS, kAssociationLimitS);
     return result;
+}
+
+void wifi_start_sta_from_kvs_configuration() {
+    const StationOperation operation;
+    if (wifi_link_is_started())
+        return;
+    const MallocText ssid(pex_kvs_get_key_str_malloc("network.ssid"));
+    const MallocText pass(pex_kvs_get_key_str_malloc("network.password"));
+    const MallocText ip_config(pex_kvs_get_key_str_malloc("network.ip_config"));
+    if (!ssid) {
+        LOGE("failed to get ssid");
+        return;
+    }
+    apply_saved_ip_config(ip_config.get());
+    if (!load_addr_type())
+        return;
+    wifictl_set_ssid(ssid.get());
+    wifictl_set_pass(pass.get());
+    int32_t error_code = -1;
+    if (wifi_command_failed(wifi_network_connect(&error_code, 0))) {
+        wifi_state_set_wifi(WIFI_STATION_STOPPED);
+        LOGE("failed to configure sta to %s; check kvs for pass", pex_one_line(ssid.get()).c_str());
+    }
 }

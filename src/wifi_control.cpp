@@ -1,31 +1,29 @@
-// Interfaces, soft AP and DHCP. Everything is done by the robot's scripts; the station's connect is
-// in wifi_connect.cpp, the connection's status in wifi_status.cpp.
 #include "wifi_control.h"
 
 #include <fcntl.h>
-#include <pthread.h>
 #include <signal.h>
-#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <climits>
-#include <cstdarg>
 #include <cstdlib>
 #include <cstring>
 #include <optional>
+#include <string>
 
 #include "log.h"
 #include "owned.h"
 #include "pex_kvs_helper.h"
 #include "pex_misc.h"
-#include "wifi_shared.h"
+#include "pex_net.h"
+#include "wifi_command.h"
+#include "wifi_settings.h"
 #include "wifi_state.h"
 #include "wifi_station.h"
 
 #define LOG_SOURCE "src/wifi_control"
-
-using namespace wifi_shared;
 
 namespace {
 
@@ -37,83 +35,10 @@ constexpr char kDhcpPidFile[] = "/var/run/udhcpc.wlan0.pid";  // whatever the st
 constexpr char kRunNetworkDir[] = "/run/ifstate";
 constexpr size_t kCommandSize = 256;  // a command line with its terminator
 
-// Of the C library's normal kind: a second lock by the same thread is defined, it blocks.
-pthread_mutex_t command_lock = PTHREAD_MUTEX_INITIALIZER;
-
-// Nothing in the daemon asks for these two; they are there for whoever debugs a robot.
-std::atomic<int16_t> soft_ap_channel{0};
-std::atomic<bool> monitor_mode{false};
-
 }  // namespace
 
-namespace wifi_shared {
-
-CommandLock::CommandLock() {
-    pthread_mutex_lock(&command_lock);
-}
-CommandLock::~CommandLock() {
-    if (releases_)
-        pthread_mutex_unlock(&command_lock);
-}
-
-std::string format_text(const char *format, ...) {
-    va_list args;
-    va_start(args, format);
-    va_list again;
-    va_copy(again, args);
-    const int length = vsnprintf(nullptr, 0, format, args);
-    va_end(args);
-    std::string text(static_cast<size_t>(std::max(length, 0)), '\0');
-    vsnprintf(text.data(), text.size() + 1, format, again);
-    va_end(again);
-    return text;
-}
-
-int run_logged(const std::string &command) {
-    const int result = wifi_system_command(command.c_str());
-    if (failed(result))
-        LOGE("wifi_system_command failed");
-    return result;
-}
-
-int interface_down(const char *ifname) {
-    return run_logged(format_text("%s %s", "sudo ifdown", ifname));
-}
-int interface_up(const char *ifname) {
-    return run_logged(format_text("%s %s", "sudo ifup", ifname));
-}
-
-}  // namespace wifi_shared
-
-// --- running commands ----------------------------------------------------------------------------
-
-int wifi_system_command(const char *command) {
-    if (command == nullptr) {
-        LOGE("invalid input");
-        return -1;
-    }
-    const CommandLock lock;
-    const int status = system(command);
-    if (status == -1) {
-        if (errno != ECHILD) {
-            LOGE("system() failed for %s", command);
-            return -1;
-        }
-        LOGD("system() returned errno %d for %s", errno, command);  // reaped elsewhere
-        return 0;
-    }
-    if (!WIFEXITED(status))
-        return status;
-    if (WEXITSTATUS(status) != 0) {
-        LOGE("%s returned status %d", command, WEXITSTATUS(status));
-        return -1;
-    }
-    LOGD("system cmd returned EX_OK");
-    return 0;
-}
-
 void wifi_iface_control(wifi_iface_kind kind, int add) {
-    const std::string command = format_text(
+    const std::string command = pex_format(
         "sudo network_device_interfaces_control.sh --interface=%s --action=%s",
         kind == wifi_iface_kind::monitor ? "monitor" : "softap", add != 0 ? "add" : "del");
     LOGI("iface control: %s", command.c_str());
@@ -145,10 +70,9 @@ void configure_soft_ap(int16_t channel, const char *mode) {
         LOGE("Error reading robot_id");
         return;
     }
-    soft_ap_channel = channel;
     const std::string command =
-        format_text("sudo provision --apssid %s --apchan %d --aphwmode %s \n",
-                    soft_ap_name(robot_id.get()).c_str(), channel, mode);
+        pex_format("sudo provision --apssid %s --apchan %d --aphwmode %s \n",
+                   soft_ap_name(robot_id.get()).c_str(), channel, mode);
     LOGI("cmd = %s", command.c_str());
     LOGD("\nCalling pex_system(%s) now...", command.c_str());
     pex_system(kModule, command.c_str(), nullptr);
@@ -164,7 +88,7 @@ int switch_soft_ap(const char *verb) {
         return -1;
     }
     snprintf(command.get(), size, "%s %s", verb, ifname);
-    return run_logged(command.get());
+    return wifi_command_logged(command.get());
 }
 
 }  // namespace
@@ -173,7 +97,8 @@ int wifi_configure_and_start_uap(int16_t channel, const char *mode) {
     control_and_settle(wifi_iface_kind::monitor, false);
     control_and_settle(wifi_iface_kind::soft_ap, true);
     configure_soft_ap(channel, mode);
-    if (failed(switch_soft_ap("sudo ifdown")) || failed(switch_soft_ap("sudo ifup")))
+    if (wifi_command_failed(switch_soft_ap("sudo ifdown")) ||
+        wifi_command_failed(switch_soft_ap("sudo ifup")))
         return -1;
     wifi_state_set_uap(1);
     LOGI("SoftAP is up");
@@ -181,7 +106,7 @@ int wifi_configure_and_start_uap(int16_t channel, const char *mode) {
 }
 
 int wifi_stop_uap() {
-    const int result = failed(switch_soft_ap("sudo ifdown")) ? -1 : 0;
+    const int result = wifi_command_failed(switch_soft_ap("sudo ifdown")) ? -1 : 0;
     if (result == 0) {
         wifi_state_set_uap(0);
         LOGI("SoftAP is down");
@@ -195,21 +120,19 @@ int wifi_stop_uap() {
 int wifi_start_monitor_mode() {
     control_and_settle(wifi_iface_kind::soft_ap, false);
     control_and_settle(wifi_iface_kind::monitor, true);
-    monitor_mode = true;
-    interface_down(kMonitorInterface);
+    wifi_interface_down(kMonitorInterface);
     sleep(1);
-    return failed(interface_up(kMonitorInterface)) ? -1 : 0;
+    return wifi_command_failed(wifi_interface_up(kMonitorInterface)) ? -1 : 0;
 }
 
 void wifi_stop_monitor_mode() {
-    monitor_mode = false;
-    interface_down(kMonitorInterface);
+    wifi_interface_down(kMonitorInterface);
     control_and_settle(wifi_iface_kind::monitor, false);
 }
 
 int wifi_enable_noarp_mode(int flag) {
     const std::string command =
-        format_text("sudo network_dhcp_arp_control.sh %s", flag != 0 ? "enable" : "disable");
+        pex_format("sudo network_dhcp_arp_control.sh %s", flag != 0 ? "enable" : "disable");
     LOGD("\nCalling pex_system(%s) now...", command.c_str());
     return pex_system(kModule, command.c_str(), nullptr);
 }
@@ -296,22 +219,18 @@ int wifi_renew_dhcp_lease() {
 
 int wifi_sta_iface_down() {
     const int result =
-        wifi_system_command(format_text("%s %s", "sudo ifdown", wifi_get_sta_interface()).c_str());
-    if (failed(result)) {
+        wifi_system_command(pex_format("%s %s", "sudo ifdown", wifi_get_sta_interface()).c_str());
+    if (wifi_command_failed(result)) {
         LOGE("wifi_system_command falied");  // misspelt for ever: tools match on it
         return result;
     }
-    wifi_state_set_wifi(WIFI_STATION_STOPPED);
-    station_started = false;
-    timers.clear();
-    connected = false;
-    assoc_rejected = false;
+    wifi_link_set_stopped();
     return result;
 }
 
 int wifi_check_sta_iface_available() {
     const char *const ifname = wifi_get_sta_interface();
-    const std::string command = format_text("ifconfig %s | grep HWaddr", ifname);
+    const std::string command = pex_format("ifconfig %s | grep HWaddr", ifname);
     if (command.size() >= kCommandSize) {
         LOGE("snprintf error");
         return -1;
@@ -321,8 +240,8 @@ int wifi_check_sta_iface_available() {
         LOGE("popen failed");
         return -1;
     }
-    Line line;
-    if (!read_line(pipe.get(), line)) {
+    std::array<char, 256> line{};
+    if (!pex_read_line(pipe.get(), line)) {
         LOGE("ifconfig cmd returned no output");
         return -1;
     }
@@ -369,7 +288,7 @@ bool find_station(FILE *listing, char *line, size_t size, StationAddress &addres
 
 int wifi_get_associated_station_status(void *out, size_t size) {
     constexpr size_t kLineSize = 100;
-    CommandLock lock;
+    WifiCommandLock lock;
     const MallocText line(static_cast<char *>(malloc(kLineSize)));
     if (!line) {
         LOGD("malloc failed");
@@ -377,7 +296,7 @@ int wifi_get_associated_station_status(void *out, size_t size) {
         return 0;
     }
     const std::string command =
-        format_text("%s -i%s %s\n", "sudo hostapd_cli", kStationListInterface, "all_sta");
+        pex_format("%s -i%s %s\n", "sudo hostapd_cli", kStationListInterface, "all_sta");
     const Pipe listing(command.c_str());
     if (!listing) {
         LOGD("Failed to run command %s", command.c_str());
@@ -393,7 +312,12 @@ int wifi_get_associated_station_status(void *out, size_t size) {
 
 // The listing asks p2p0 and this the soft AP's interface, on purpose: so the driver names them.
 int wifi_disassociate_uap_station(const uint32_t address[6]) {
-    return run_logged(format_text("%s -i%s disassociate %02x:%02x:%02x:%02x:%02x:%02x\n",
-                                  "sudo hostapd_cli", wifi_get_uap_interface(), address[0],
-                                  address[1], address[2], address[3], address[4], address[5]));
+    return wifi_command_logged(pex_format("%s -i%s disassociate %02x:%02x:%02x:%02x:%02x:%02x\n",
+                                          "sudo hostapd_cli", wifi_get_uap_interface(), address[0],
+                                          address[1], address[2], address[3], address[4],
+                                          address[5]));
+}
+
+int wifi_get_signal_levels(int is_connected, int8_t *signal, int8_t *snr, int8_t *noise) {
+    return pex_net_get_signal_levels(wifi_get_sta_interface(), is_connected, signal, snr, noise);
 }

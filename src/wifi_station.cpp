@@ -1,16 +1,9 @@
 #include "wifi_station.h"
 
 #include <algorithm>
-#include <atomic>
 #include <condition_variable>
 #include <deque>
 #include <mutex>
-
-#include "log.h"
-#include "pthread_utils.h"
-#include "wifi_control.h"
-
-#define LOG_SOURCE "src/wifi_control"
 
 namespace {
 
@@ -50,16 +43,6 @@ Queue &queue() {
 thread_local unsigned depth = 0;
 thread_local uint32_t own_place = 0;
 
-std::mutex restart_lock;                   // one request for a restart at a time
-std::atomic<uint32_t> waiting_restart{0};  // the place of the one that has not begun; 0 for none
-
-void *restart_main(void * /*unused*/) {
-    const StationOperation operation(waiting_restart);
-    waiting_restart = 0;  // from here on a request is one for another restart
-    wifi_network_reconnect();
-    return nullptr;
-}
-
 }  // namespace
 
 StationOperation::StationOperation() {
@@ -80,16 +63,9 @@ StationOperation::~StationOperation() {
         queue().leave(own_place);
 }
 
-void wifi_station_request_restart() {
-    const std::lock_guard guard(restart_lock);
-    if (waiting_restart != 0)
-        return;
-    // The place is taken here, for the order to be that of the requests.
-    const uint32_t place = queue().join();
-    waiting_restart = place;
-    if (pthread_create_detached_thread(nullptr, restart_main, nullptr, "net_restart") == 0)
-        return;
-    waiting_restart = 0;
+uint32_t wifi_station_take_place() {
+    return queue().join();
+}
+void wifi_station_leave_place(uint32_t place) {
     queue().leave(place);
-    LOGE("failed to restart the network");
 }

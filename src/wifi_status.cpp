@@ -1,7 +1,6 @@
-// The status of the connection: the supplicant's events, the once-a-second passes and the timers
-// decide together which Wi-Fi state the robot reports.
+#include "wifi_status.h"
+
 #include <array>
-#include <cctype>
 #include <charconv>
 #include <cstring>
 #include <string>
@@ -9,24 +8,20 @@
 
 #include "device_tracking.h"
 #include "gateway_ping.h"
-#include "kvs_json.h"
 #include "log.h"
 #include "mqtt_client.h"
 #include "network_utils.h"
 #include "owned.h"
-#include "pex_kvs_helper.h"
 #include "pex_misc.h"
-#include "pex_net.h"
 #include "provisioning_sm.h"
 #include "provisioning_state.h"
+#include "wifi_command.h"
 #include "wifi_control.h"
-#include "wifi_shared.h"
+#include "wifi_netinfo.h"
+#include "wifi_settings.h"
 #include "wifi_state.h"
-#include "wifi_station.h"
 
-#define LOG_SOURCE "src/wifi_control"
-
-using namespace wifi_shared;
+#define LOG_SOURCE "src/wifi_control"  // one source to log readers for all of Wi-Fi control
 
 namespace {
 
@@ -197,136 +192,25 @@ void pass_without_link(bool discovering) {
 // --- timers --------------------------------------------------------------------------------------
 
 void dhcp_timer_tick() {
-    if (timers.left(Timers::dhcp) == 0)
+    if (wifi_timer_left(wifi_timer::dhcp) == 0)
         return;
     if (wifi_netinfo_is_valid() != 0) {
-        timers.clear(Timers::dhcp);
+        wifi_timer_clear(wifi_timer::dhcp);
         provisioning_state_machine(PROVISIONING_DHCP_COMPLETE);
-    } else if (timers.count_down(Timers::dhcp)) {
+    } else if (wifi_timer_count_down(wifi_timer::dhcp)) {
         LOGE("%s: DHCP timeout", "wifi_dhcp_timer_tick");
         provisioning_handle_error(WIFI_DHCP_TIMEOUT);
     }
 }
 
 void association_timer_tick() {
-    if (connected) {
-        timers.clear(Timers::association);
-    } else if (timers.count_down(Timers::association)) {
-        provisioning_handle_error(assoc_rejected ? WIFI_ASSOC_REJECTED : WIFI_ASSOC_TIMEOUT);
-        timers.clear(Timers::dhcp);
+    if (wifi_link_is_connected()) {
+        wifi_timer_clear(wifi_timer::association);
+    } else if (wifi_timer_count_down(wifi_timer::association)) {
+        provisioning_handle_error(wifi_link_is_refused() ? WIFI_ASSOC_REJECTED
+                                                         : WIFI_ASSOC_TIMEOUT);
+        wifi_timer_clear(wifi_timer::dhcp);
     }
-}
-
-// --- the supplicant's events ---------------------------------------------------------------------
-
-void on_connected(const char *) {
-    connected = true;
-    assoc_rejected = false;
-}
-void on_disconnected(const char *) {
-    connected = false;
-}
-void on_subnet_status(const char *) {
-    wifi_refresh_link_status();
-}
-void on_terminating(const char *) {
-    LOGE("wpa_supplicant is terminating - stop monitoring");
-}
-void on_assoc_reject(const char *) {
-    LOGE("connection to AP rejected");
-    assoc_rejected = true;
-}
-
-// The first report of a wrong key may be a lost frame and gets another try, the second ends it.
-void on_temp_disabled(const char *text) {
-    const char *const reason = strstr(text, "reason");
-    if (reason == nullptr || strstr(reason, "WRONG_KEY") == nullptr ||
-        wifi_state_get_wifi() == WIFI_AUTH_ERROR)
-        return;
-    if (!wrong_key_seen.exchange(true)) {
-        provisioning_state_machine(PROVISIONING_RETRY_PASSWORD);
-        return;
-    }
-    timers.clear();
-    provisioning_handle_error(WIFI_AUTH_ERROR);
-}
-
-// Looked for in this order; the first that an event contains acts.
-struct event_marker {
-    const char *text;
-    void (*act)(const char *event);
-};
-constexpr event_marker kEventMarkers[] = {
-    {"CTRL-EVENT-CONNECTED ", on_connected},
-    {"CTRL-EVENT-DISCONNECTED ", on_disconnected},
-    {"CTRL-EVENT-SUBNET-STATUS-UPDATE ", on_subnet_status},
-    {"AP-STA-CONNECTED ", nullptr},  // stations of the soft AP are only logged
-    {"AP-STA-DISCONNECTED ", nullptr},
-    {"CTRL-EVENT-TERMINATING ", on_terminating},
-    {"CTRL-EVENT-ASSOC-REJECT ", on_assoc_reject},
-    {"CTRL-EVENT-SSID-TEMP-DISABLED ", on_temp_disabled},
-};
-
-// Where the name that is quoted at `open` ends, npos when it does not. The supplicant escapes " and
-// \ in a name and leaves a ' as it is: one within a word, as in "Ann's", is no end.
-size_t end_of_name(const std::string &text, size_t open) {
-    const auto in_word = [&](size_t i) {
-        return text[i] == '\'' && isalnum(static_cast<unsigned char>(text[i + 1])) != 0;
-    };
-    for (size_t i = open + 1; i < text.size(); i++) {
-        if (text[i] == '\\')
-            i++;
-        else if (text[i] == text[open] && !in_word(i))
-            return i;
-    }
-    return text.npos;
-}
-
-// Blanks each quoted SSID; pex_hide_ssid does the first one only, up to a quote of either kind.
-void hide_ssids(std::string &text) {
-    pex_hide_ssid(text.data());
-    for (const std::string_view key : {"ssid=", "SSID="})
-        for (size_t at = text.find(key); at != text.npos; at = text.find(key, at + key.size())) {
-            const size_t open = at + key.size();
-            if (open == text.size() || (text[open] != '"' && text[open] != '\''))
-                continue;
-            const size_t end = end_of_name(text, open);
-            if (end != text.npos)
-                text.replace(open + 1, end - open - 1, end - open - 1, '*');
-        }
-}
-
-// An event may name two access points; each pass masks one of them.
-void log_event(const char *text) {
-    std::string copy(text);
-    hide_ssids(copy);
-    while (pex_hide_mac_addr(copy.data(), 6) != 0) {
-    }
-    LOGI("wlan monitor event - %s", copy.c_str());
-}
-
-// --- start from the saved settings ---------------------------------------------------------------
-
-void apply_saved_ip_config(const char *ip_config) {
-    if (ip_config == nullptr) {
-        LOGE("failed to get ip config");
-        return;
-    }
-    wifictl_set_ip_config(ip_config);
-    if (failed(wifi_set_provision_ip_config()))
-        LOGE("failed to set ip configuration");
-}
-
-bool load_addr_type() {
-    json_t *raw = nullptr;
-    const int result = kvs_get_json_from_key("network.addr_type", JSON_INTEGER, &raw);
-    const Json value(raw);
-    if (result != 0 || !value) {
-        LOGE("kvs_get_json_from_key failed");
-        return false;
-    }
-    wifi_set_addr_type(static_cast<uint8_t>(json_integer_value(value.get())));
-    return true;
 }
 
 }  // namespace
@@ -337,7 +221,7 @@ void wifi_network_status_update() {
     sta_1_sent = false;
     needs_sta_1 = false;
     const bool discovering = is_device_discovery_active() != 0;
-    if (station_started && connected)
+    if (wifi_link_is_started() && wifi_link_is_connected())
         pass_with_link();
     else
         pass_without_link(discovering);
@@ -346,19 +230,6 @@ void wifi_network_status_update() {
 void wifi_timer_tick(long /*seconds*/) {
     dhcp_timer_tick();
     association_timer_tick();
-}
-
-void wlan_monitor_event(const char *text) {
-    if (text == nullptr)
-        return;
-    for (const auto &marker : kEventMarkers) {
-        if (strstr(text, marker.text) == nullptr)
-            continue;
-        if (marker.act != nullptr)
-            marker.act(text);
-        break;
-    }
-    log_event(text);
 }
 
 int wifi_netinfo_is_valid() {
@@ -377,45 +248,18 @@ int wifi_netinfo_is_valid() {
 }
 
 void wifi_refresh_link_status() {
-    const std::string command = format_text("sudo wpa_cli -i%s status\n", wifi_get_sta_interface());
-    const CommandLock lock;
+    const std::string command = pex_format("sudo wpa_cli -i%s status\n", wifi_get_sta_interface());
+    const WifiCommandLock lock;
     Pipe pipe(command.c_str());
     if (!pipe) {
         LOGE("Failed to run command %s", command.c_str());
         return;
     }
     security_seen seen;
-    for (Line line; read_line(pipe.get(), line);)
+    for (std::array<char, 256> line{}; pex_read_line(pipe.get(), line);)
         handle_status_line(line.data(), seen);
     if (seen.none && !seen.wep)
         wifictl_set_sec_type("NONE");
     if (pipe.close() == -1)
         LOGE("error closing pipe");
-}
-
-void wifi_start_sta_from_kvs_configuration() {
-    const StationOperation operation;
-    if (station_started)
-        return;
-    const MallocText ssid(pex_kvs_get_key_str_malloc("network.ssid"));
-    const MallocText pass(pex_kvs_get_key_str_malloc("network.password"));
-    const MallocText ip_config(pex_kvs_get_key_str_malloc("network.ip_config"));
-    if (!ssid) {
-        LOGE("failed to get ssid");
-        return;
-    }
-    apply_saved_ip_config(ip_config.get());
-    if (!load_addr_type())
-        return;
-    wifictl_set_ssid(ssid.get());
-    wifictl_set_pass(pass.get());
-    int32_t error_code = -1;
-    if (failed(wifi_network_connect(&error_code, 0))) {
-        wifi_state_set_wifi(WIFI_STATION_STOPPED);
-        LOGE("failed to configure sta to %s; check kvs for pass", pex_one_line(ssid.get()).c_str());
-    }
-}
-
-int wifi_get_signal_levels(int is_connected, int8_t *signal, int8_t *snr, int8_t *noise) {
-    return pex_net_get_signal_levels(wifi_get_sta_interface(), is_connected, signal, snr, noise);
 }

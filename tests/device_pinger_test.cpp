@@ -15,6 +15,7 @@
 #include "process_handles.h"
 #include "pthread_utils.h"
 #include "robot.h"
+#include "wifi_netinfo.h"
 #include "wifi_state.h"
 
 extern "C" unsigned sleep(unsigned seconds) {

@@ -8,6 +8,7 @@
 #include "gateway_ping.h"
 #include "pthread_utils.h"
 #include "robot.h"
+#include "wifi_netinfo.h"
 #include "wifi_state.h"
 
 namespace {

@@ -7,6 +7,7 @@
 #include "provisioning_sm.h"
 #include "provisioning_state.h"
 #include "wifi_robot.h"
+#include "wifi_state.h"
 
 namespace {
 

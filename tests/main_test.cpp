@@ -10,7 +10,7 @@
 #include <sstream>
 
 #include "robot.h"
-#include "wifi_state.h"
+#include "wifi_settings.h"
 
 extern "C" unsigned sleep(unsigned seconds) {
     usleep(seconds * 20'000);

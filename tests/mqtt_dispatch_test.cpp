@@ -7,6 +7,7 @@
 #include "mqttapp/mqtt_app.h"
 #include "provisioning_sm.h"
 #include "robot.h"
+#include "wifi_settings.h"
 #include "wifi_state.h"
 
 namespace {

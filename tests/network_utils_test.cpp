@@ -6,6 +6,7 @@
 #include "process_handles.h"
 #include "robot.h"
 #include "tarn/tarn.h"
+#include "wifi_netinfo.h"
 #include "wifi_state.h"
 
 namespace {

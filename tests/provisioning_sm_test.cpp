@@ -3,8 +3,8 @@
 #include "provisioning_sm.h"
 
 #include "provisioning_state.h"
-#include "wifi_control.h"
 #include "wifi_robot.h"
+#include "wifi_settings.h"
 #include "wifi_state.h"
 
 namespace {

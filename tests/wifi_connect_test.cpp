@@ -1,9 +1,11 @@
 // The connect: the network blocks of a secret, the steps' order, and what is left when one fails.
+#include "wifi_connect.h"
+
 #include <sys/stat.h>
 
 #include "pex_misc.h"
-#include "wifi_control.h"
 #include "wifi_robot.h"
+#include "wifi_settings.h"
 #include "wifi_state.h"
 
 namespace {

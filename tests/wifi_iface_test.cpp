@@ -3,8 +3,10 @@
 #include <signal.h>
 #include <sys/wait.h>
 
+#include "wifi_command.h"
 #include "wifi_control.h"
 #include "wifi_robot.h"
+#include "wifi_settings.h"
 #include "wifi_state.h"
 
 namespace {

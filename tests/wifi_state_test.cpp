@@ -3,6 +3,8 @@
 
 #include "provisioning_state.h"
 #include "robot.h"
+#include "wifi_netinfo.h"
+#include "wifi_settings.h"
 
 namespace {
 

@@ -7,9 +7,10 @@
 #include "monitor_main.h"
 #include "provisioning_sm.h"
 #include "supplicant.h"
-#include "wifi_control.h"
+#include "wifi_connect.h"
+#include "wifi_events.h"
+#include "wifi_restart.h"
 #include "wifi_robot.h"
-#include "wifi_state.h"
 
 namespace {
 

@@ -1,9 +1,15 @@
 // What the robot reports about its connection: events, the main thread's passes, timers.
+#include "wifi_status.h"
+
 #include <sys/wait.h>
 
 #include "provisioning_sm.h"
+#include "wifi_connect.h"
 #include "wifi_control.h"
+#include "wifi_events.h"
+#include "wifi_netinfo.h"
 #include "wifi_robot.h"
+#include "wifi_settings.h"
 #include "wifi_state.h"
 
 namespace {

@@ -11,7 +11,7 @@
 #include "mqttapp/mqtt_app.h"
 #include "process_handles.h"
 #include "tarn/tarn.h"
-#include "wifi_state.h"
+#include "wifi_settings.h"
 
 namespace {
 

@@ -20,7 +20,7 @@
 #include "pex_kvs_helper.h"
 #include "process_handles.h"
 #include "tarn/tarn.h"
-#include "wifi_state.h"
+#include "wifi_settings.h"
 
 namespace {
 

@@ -14,9 +14,10 @@
 #include "parsers.h"
 #include "pex_misc.h"
 #include "pex_net.h"
+#include "wifi_connect.h"
 #include "wifi_control.h"
 #include "wifi_regdom_utils.h"
-#include "wifi_state.h"
+#include "wifi_settings.h"
 
 void name_servers(std::string_view text) {
     border::write_file("/etc/resolv.conf", text);

@@ -14,9 +14,11 @@
 #include "parsers.h"
 #include "pex_net.h"
 #include "pex_product_version_string.h"
+#include "supplicant_status.h"
 #include "wifi_control.h"
+#include "wifi_netinfo.h"
 #include "wifi_regdom_utils.h"
-#include "wifi_state.h"
+#include "wifi_status.h"
 
 namespace {
 
