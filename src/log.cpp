@@ -28,6 +28,16 @@ namespace {
 
 constexpr size_t kLineSize = 1024;  // of every buffer: a message costs stack, never heap
 
+// What goes wrong in the log itself is told on standard error under fixed line numbers: they name
+// the fault, wherever its code moves, to those who search a robot's console for them.
+constexpr char kSelf[] = "src/log";
+constexpr int kBadParameters = 109;
+constexpr int kNoMemory = 115;
+constexpr int kNoFile = 143;
+constexpr int kNotFormatted = 359;
+constexpr int kNoClock = 433;
+constexpr char kNoFormat[] = "%s: assertion failed: (msg) != NULL (src/log, line 674)";
+
 enum flag : uint8_t {
     kTimestamp = 1 << 0,
     kSyslog = 1 << 1,
@@ -179,7 +189,7 @@ void emit_format(const log_handle &handle, uint8_t flags, uint32_t level, const 
 void print_message(char *message, const char *format, va_list args) {
     message[0] = '\0';
     if (vsnprintf(message, kLineSize, format, args) < 0)
-        fprintf(stderr, "[ERROR:%s@line-%d] error returned", "src/log", 359);
+        fprintf(stderr, "[ERROR:%s@line-%d] error returned", kSelf, kNotFormatted);
 }
 
 // Appends what fits; each piece is cut to the room that is left.
@@ -193,7 +203,7 @@ void append(char *line, size_t &used, const char *piece) {
 void append_timestamp(char *line, size_t &used) {
     timespec now{};
     if (clock_gettime(CLOCK_MONOTONIC_RAW, &now) != 0) {
-        fprintf(stderr, "[ERROR:%s@line-%d] %s returned an error\n", "src/log", 433, "log_printf");
+        fprintf(stderr, "[ERROR:%s@line-%d] %s returned an error\n", kSelf, kNoClock, "log_printf");
         return;
     }
     std::array<char, 48> stamp{};
@@ -282,26 +292,26 @@ log_handle *log_open(const char *ident, uint32_t level, const char *path, int ti
     const uint8_t flags = make_flags(timestamp, to_syslog, to_stdout, to_file, header);
     if (ident == nullptr || (flags & (kSyslog | kStdout | kFile)) == 0 ||
         ((flags & kFile) != 0 && path == nullptr)) {
-        fprintf(stderr, "[ERROR:%s@line-%d] Invalid Input params to %s\n", "src/log", 109,
+        fprintf(stderr, "[ERROR:%s@line-%d] Invalid Input params to %s\n", kSelf, kBadParameters,
                 "log_open");
         return nullptr;
     }
     std::unique_ptr<log_handle> handle(new (std::nothrow)
                                            log_handle{ident, level, {}, path, flags});
     if (!handle) {
-        fprintf(stderr, "[ERROR:%s@line-%d] malloc failed\n", "src/log", 115);
+        fprintf(stderr, "[ERROR:%s@line-%d] malloc failed\n", kSelf, kNoMemory);
         return nullptr;
     }
     if ((flags & kFile) != 0) {
         handle->file.reset(fopen(path, "ae"));
         if (!handle->file && (flags & (kSyslog | kStdout)) == 0) {
-            fprintf(stderr, "[ERROR:%s@line-%d] Unable to open file (%s) for write\n", "src/log",
-                    143, path);
+            fprintf(stderr, "[ERROR:%s@line-%d] Unable to open file (%s) for write\n", kSelf,
+                    kNoFile, path);
             return nullptr;
         }
     }
     if (!add_open(handle.get())) {
-        fprintf(stderr, "[ERROR:%s@line-%d] malloc failed\n", "src/log", 115);
+        fprintf(stderr, "[ERROR:%s@line-%d] malloc failed\n", kSelf, kNoMemory);
         return nullptr;
     }
     if ((flags & kSyslog) != 0)
@@ -370,7 +380,7 @@ int log_is_valid_level_str(const char *word) {
 
 void log_die(const char *format, ...) {
     if (format == nullptr)
-        log_die("%s: assertion failed: (msg) != NULL (src/log, line 674)", "log_die");
+        log_die(kNoFormat, "log_die");
     va_list args;
     va_start(args, format);
     vfprintf(stderr, format, args);
