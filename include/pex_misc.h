@@ -70,7 +70,6 @@ int pex_files_modified_within(const char *path_a, const char *path_b);
 
 int pex_str_tolower(char *text);   // in place; 0, or -1 for null
 int pex_strip_spaces(char *text);  // removes every blank in place; 0, or -1 for null
-char *pex_generate_uuid_malloc();  // 32 upper-case digits, freed by the caller
 long pex_get_uptime();             // seconds since boot, -1 on failure
 
 // A text in the manner of printf.

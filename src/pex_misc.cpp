@@ -6,7 +6,6 @@
 #include <sys/sysinfo.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <uuid/uuid.h>
 
 #include <algorithm>
 #include <array>
@@ -322,22 +321,6 @@ int pex_strip_spaces(char *text) {
     *std::remove(text, text + strlen(text), ' ') = '\0';
     LOGD("Stripped buffer: %s, len: %d", text, static_cast<int>(strlen(text)));
     return 0;
-}
-
-char *pex_generate_uuid_malloc() {
-    constexpr size_t kSize = 33;
-    MallocText text(static_cast<char *>(calloc(1, kSize)));
-    if (!text) {
-        // Used by tools that have no log of their own.
-        log_format(nullptr, LOG_LEVEL_ERROR, LOG_SOURCE, __LINE__, "could not allocate memory");
-        return nullptr;
-    }
-    uuid_t id;
-    std::array<char, UUID_STR_LEN> dashed{};
-    uuid_generate(id);
-    uuid_unparse_upper(id, dashed.data());
-    std::remove_copy(dashed.data(), dashed.data() + strlen(dashed.data()), text.get(), '-');
-    return text.release();
 }
 
 long pex_get_uptime() {

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "log.h"
+#include "pex_uuid.h"
 #include "pthread_utils.h"
 #include "robot.h"
 
@@ -111,6 +112,12 @@ TEST_F(PexMisc, NamesAndAddressesAreMasked) {
         pex_hide_mac_addr(line.get(), row.octets);
         EXPECT_STREQ(line.get(), row.masked);
     }
+}
+
+TEST_F(PexMisc, UuidsAreDigitsAndNeverTheSame) {
+    const std::string uuid = text_of(pex_generate_uuid_malloc());
+    EXPECT_THAT(uuid, testing::MatchesRegex("[0-9A-F]{32}"));
+    EXPECT_NE(uuid, text_of(pex_generate_uuid_malloc()));
 }
 
 // Threads that end at once: each must still be named, and nobody else's memory.
