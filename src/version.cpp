@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "build_identity.h"
 #include "log.h"
 
 #define LOG_SOURCE "src/version"

@@ -1,0 +1,86 @@
+#!/bin/bash
+# Which version a build says it is: cmake/build_identity.cmake in a small project of its own.
+set -euo pipefail
+
+usage() {
+    cat <<'USAGE'
+usage: tests/build_version_test.sh
+
+Builds a project that consists of nothing but the version's header: in a repository, without one, in somebody else's.
+TAP on standard output; exit 0 when all pass.
+USAGE
+}
+case ${1-} in
+-h | --help) usage; exit 0 ;;
+?*) usage >&2; exit 64 ;;
+esac
+
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+work=$(mktemp -d "${TMPDIR:-/tmp}/build_version_test.XXXXXX")
+trap 'rm -rf "$work"' EXIT
+count=0 failures=0
+unset SOURCE_DATE_EPOCH GIT_DIR GIT_WORK_TREE
+export GIT_CONFIG_GLOBAL=/dev/null GIT_CONFIG_NOSYSTEM=1
+export GIT_{AUTHOR,COMMITTER}_NAME=somebody GIT_{AUTHOR,COMMITTER}_EMAIL=somebody@localhost
+
+# tree FOLDER: the sources, without git.
+tree() {
+    mkdir -p "$1/cmake"
+    cp cmake/build_identity.cmake "$1/cmake/"
+    cat >"$1/CMakeLists.txt" <<'CMAKE'
+cmake_minimum_required(VERSION 3.25)
+project(house VERSION 1.2 LANGUAGES NONE)
+include(cmake/build_identity.cmake)
+CMAKE
+}
+commit() { git -C "$1" add CMakeLists.txt && git -C "$1" commit -q --allow-empty -m x; }
+configure() { cmake -G Ninja -S "$1" -B "$1/build" -D NETWARDEN_BUILDER='"A;B" & co.' >"$work/out"; }
+build() { cmake --build "$1/build" --target netwarden_identity >"$work/out"; }
+header=build/identity/build_identity.h
+# says FOLDER WORD TEXT: that is what the header has for WORD.
+says() { grep -qxF "#define NETWARDEN_$2 \"$3\"" "$1/$header"; }
+
+check() {
+    count=$((count + 1))
+    "${@:2}" || { sed 's/^/#   /' "$work/out" && echo -n 'not ' && failures=$((failures + 1)); }
+    echo "ok $count - $1"
+}
+
+own=$work/own
+tree "$own"
+git init -q -b "fast\"er" "$own"
+commit "$own"
+configure "$own"
+
+first_build() {
+    build "$own" && says "$own" VERSION 1.2 && says "$own" BRANCH 'fast\"er' &&
+        says "$own" HASH "$(git -C "$own" rev-parse --short=12 HEAD)" && says "$own" BUILDER '\"A;B\" & co.'
+}
+check "a build tells git's branch and hash, the builder's name as it stands" first_build
+
+nothing_changed() {
+    sed -i 's/\(DATE "\).*"/\1long ago"/' "$own/$header"
+    touch -d 2020-01-01 "$own/$header"
+    build "$own" && says "$own" BUILD_DATE "long ago" && [[ $(stat -c %y "$own/$header") == 2020-* ]]
+}
+check "the next one leaves the header alone" nothing_changed
+
+after_commit() {
+    commit "$own" && build "$own" && says "$own" HASH "$(git -C "$own" rev-parse --short=12 HEAD)" &&
+        ! says "$own" BUILD_DATE "long ago"
+}
+check "a commit is another version, built at another time, without configuring again" after_commit
+
+told_date() { SOURCE_DATE_EPOCH=86400 build "$own" && says "$own" BUILD_DATE 1970-01-02T00:00:00Z; }
+check "SOURCE_DATE_EPOCH is the date" told_date
+
+inside=$own/build/unpacked
+tree "$inside"
+configure "$inside"
+nameless() { build "$inside" && says "$inside" BRANCH release && says "$inside" HASH unknown; }
+check "an export inside another repository is not that one's version" nameless
+in_a_hook() { GIT_DIR=$own/.git nameless; }
+check "not even while a command of that repository runs" in_a_hook
+
+echo "1..$count"
+((failures == 0))
