@@ -1,22 +1,25 @@
 #!/bin/bash
-# Which version a build says it is: cmake/build_identity.cmake in a small project of its own.
+# Which version a build says it is (cmake/build_identity.cmake in a small project of its own), and where a finished
+# build installs to.
 set -euo pipefail
 
 usage() {
     cat <<'USAGE'
-usage: tests/build_version_test.sh
+usage: tests/build_test.sh BUILD-DIRECTORY
 
 Builds a project that consists of nothing but the version's header: in a repository, without one, in somebody else's.
+Then installs what was built in BUILD-DIRECTORY under several prefixes.
 TAP on standard output; exit 0 when all pass.
 USAGE
 }
 case ${1-} in
 -h | --help) usage; exit 0 ;;
-?*) usage >&2; exit 64 ;;
 esac
+[[ $# == 1 && -f $1/cmake_install.cmake ]] || { usage >&2; exit 64; }
+built=$(cd "$1" && pwd)
 
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
-work=$(mktemp -d "${TMPDIR:-/tmp}/build_version_test.XXXXXX")
+work=$(mktemp -d "${TMPDIR:-/tmp}/build_test.XXXXXX")
 trap 'rm -rf "$work"' EXIT
 count=0 failures=0
 unset SOURCE_DATE_EPOCH GIT_DIR GIT_WORK_TREE
@@ -81,6 +84,20 @@ nameless() { build "$inside" && says "$inside" BRANCH release && says "$inside" 
 check "an export inside another repository is not that one's version" nameless
 in_a_hook() { GIT_DIR=$own/.git nameless; }
 check "not even while a command of that repository runs" in_a_hook
+
+# installed PREFIX SETTINGS: every file is under one of the two, and the texts name them.
+installed() {
+    rm -rf "$work/root"
+    DESTDIR=$work/root cmake --install "$built" --prefix "$1" >"$work/out" &&
+        [[ -z $(cd "$work/root" && find . -type f ! -path ".${1%/}/*" ! -path ".$2/*" | tee -a "$work/out") ]] &&
+        [[ -f $work/root$2/default/netwarden && -x $work/root${1%/}/sbin/netwarden ]] &&
+        grep -qF "ExecStart=${1%/}/sbin/netwarden " "$work/root${1%/}/lib/systemd/system/netwarden.service" &&
+        grep -qF "EnvironmentFile=-$2/default/netwarden" "$work/root${1%/}/lib/systemd/system/netwarden.service" &&
+        grep -qF "Pa $2/default/netwarden" "$work/root${1%/}/share/man/man8/netwarden.8"
+}
+check "a prefix of one's own holds everything" installed /opt/robot /opt/robot/etc
+check "the system's settings are beside it" installed /usr /etc
+check "the root itself is a prefix" installed / /etc
 
 echo "1..$count"
 ((failures == 0))
