@@ -3,8 +3,12 @@
 #include <unistd.h>
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
+#include <iterator>
 #include <mutex>
+#include <optional>
+#include <span>
 #include <string>
 
 #include "log.h"
@@ -23,7 +27,7 @@
 
 namespace {
 
-constexpr std::array kEventNames{
+constexpr char kEventNames[][sizeof "PROVISIONING_NETWORK_STATIC_CONFIG_RX"]{
     "PE_NONE",
     "MFG_WIFI_TEST",
     "TRAIN_START",
@@ -42,17 +46,19 @@ constexpr std::array kEventNames{
     "PROVISIONING_ERROR",
     "PROVISIONING_COMPLETE",
 };
-static_assert(kEventNames.size() == PROVISIONING_COMPLETE + 1);
+static_assert(std::size(kEventNames) == PROVISIONING_COMPLETE + 1);
 
-// A value outside its table prints as the number it is.
-template <size_t N>
-std::string name_of(const std::array<const char *, N> &names, int value) {
-    return value >= 0 && static_cast<size_t>(value) < N ? names[static_cast<size_t>(value)]
-                                                        : std::to_string(value);
+// A value outside the table prints as the number it is.
+std::string name_of(int event) {
+    const auto index = static_cast<size_t>(event);
+    return index < std::size(kEventNames) ? kEventNames[index] : std::to_string(event);
 }
 
 // The ring of posted events. Eight slots hold seven events; the eighth post between two ticks makes
-// it look empty, and what was posted is lost. It is never checked for being full, on purpose.
+// it look empty, and what was posted is lost. Nobody checks for that, on purpose: the poster may be
+// the broker's thread, which must not wait, and has nobody to tell of a refusal; eight events
+// within a second are not an owner's. The state stays, and the next press or the time-out moves on
+// from it.
 class EventRing {
   public:
     void post(int event) {
@@ -94,6 +100,7 @@ class EventRing {
 };
 
 EventRing ring;
+
 // What the machine remembers between events. Main thread only.
 struct machine {
     bool station_associated;          // a phone has joined the soft AP
@@ -104,6 +111,15 @@ struct machine {
     bool manufacturing;
 };
 machine own{};
+
+// One event, while it is executed.
+struct step {
+    int event;
+    std::string name;                        // the event's, for the log
+    long now;                                // monotonic seconds
+    bool stays = false;                      // set by an action that failed: no next state
+    std::optional<StationOperation> held{};  // begun by an action, goes on until the step is done
+};
 
 constexpr long kProvisioningTimeoutS = 1200;
 constexpr int kTrainingTicks = 7200;
@@ -117,27 +133,24 @@ constexpr int kProcessOnTest = 1;  // hears of the connect in a manufacturing te
 constexpr int kCloudProcess = 2;
 constexpr int kLocalAppProcess = 5;
 
-// --- steps ---------------------------------------------------------------------------------------
+// --- parts of actions ----------------------------------------------------------------------------
 
 // Whole seconds in milliseconds, cut to 32 bits: the difference of two is right across the wrap.
 int32_t milliseconds(long seconds) {
     return static_cast<int32_t>(static_cast<uint64_t>(seconds) * 1000);
 }
 
-void arm_debounce(long now) {
-    own.debounce_deadline = static_cast<int32_t>(static_cast<uint32_t>(milliseconds(now)) +
+void arm_debounce(step &s) {
+    own.debounce_deadline = static_cast<int32_t>(static_cast<uint32_t>(milliseconds(s.now)) +
                                                  static_cast<uint32_t>(kDebounceMs));
 }
 
 // Both sides are whole seconds: a button is ignored exactly in the second of the start. A deadline
 // further ahead than it was ever set is one from 24 days ago and more, before the wrap.
-bool is_debounced(long now) {
-    const auto past = static_cast<int32_t>(static_cast<uint32_t>(milliseconds(now)) -
+bool is_debounced(const step &s) {
+    const auto past = static_cast<int32_t>(static_cast<uint32_t>(milliseconds(s.now)) -
                                            static_cast<uint32_t>(own.debounce_deadline));
-    if (past > 0 || past < -kDebounceMs)
-        return false;
-    LOGI("ignoring abort due to button debounce timer");
-    return true;
+    return past <= 0 && past >= -kDebounceMs;
 }
 
 void forget_station() {
@@ -167,8 +180,6 @@ void capture_wifi_log() {
         LOGE("create_wifi_log_file_malloc failed");
 }
 
-// Leaves provisioning for PS_NONE, so that the network which is joined again afterwards keeps its
-// saved status.
 void stop_provisioning() {
     own.deadline = 0;
     if (wifi_stop_uap() != 0)
@@ -177,97 +188,6 @@ void stop_provisioning() {
         LOGE("%s: failed to stop stop station", "provisioning_stop");
     LOGI("provisioning stopped in state %d", provisioning_get_state());
     capture_wifi_log();
-    provisioning_enter_state(PS_NONE);
-}
-
-// False when the soft AP could not be stopped: the robot is in training still.
-bool stop_training(bool restart_station) {
-    if (provisioning_get_state() != TRAINING_MODE)
-        return true;
-    if (wifi_stop_uap() != 0) {
-        LOGE("%s: failed to stop softAP", "provisioning_train_stop");
-        return false;
-    }
-    if (restart_station)
-        wifi_start_sta_from_kvs_configuration();
-    own.training_counter = 0;
-    provisioning_enter_state(PS_NONE);
-    return true;
-}
-
-// Leaves provisioning for the saved network. One operation: a restart in between would bring the
-// station up with the settings that just failed.
-void return_to_saved_network() {
-    const StationOperation operation;
-    stop_provisioning();
-    wifi_start_sta_from_kvs_configuration();
-}
-
-void fail_with(int code) {
-    wifi_state_set_wifi(code);
-    provisioning_state_machine(PROVISIONING_ERROR);
-}
-
-// --- actions -------------------------------------------------------------------------------------
-// Each returns the new state.
-
-provisioning_state ignore(long /*now*/) {
-    return provisioning_get_state();
-}
-
-void restart_provisioning() {
-    LOGI("Provisioning re-started while in state %s",
-         provisioning_state_name(provisioning_get_state()));
-    ring.clear();
-    if (wifi_state_get_uap() != 0)
-        disassociate_station();
-    forget_station();
-}
-
-provisioning_state activate(long now) {
-    if (provisioning_get_state() != PS_NONE)
-        restart_provisioning();
-    send_command_to_robot("provstart");
-    disconnect_local_app();
-    wifi_network_disconnect();
-    own.station_associated = false;
-    own.manufacturing = false;
-    if (wifi_state_get_uap() == 0)
-        wifi_configure_and_start_uap(kSoftApChannel, kSoftApMode);
-    LOGI("provisioning started");
-    arm_debounce(now);
-    own.deadline = now + kProvisioningTimeoutS;
-    set_wifi_state_update_after_prov_done(0);
-    return WAITING_FOR_NETWORK_CONFIG_RX;
-}
-
-provisioning_state time_out(long /*now*/) {
-    send_command_to_robot("provfail");
-    return_to_saved_network();
-    return PS_NONE;
-}
-
-provisioning_state ignore_abort(long /*now*/) {
-    LOGI("ignoring prov abort due to button debounce timer");
-    return provisioning_get_state();
-}
-
-provisioning_state abort_provisioning(long /*now*/) {
-    send_command_to_robot("provabort");
-    return_to_saved_network();
-    return PS_NONE;
-}
-
-provisioning_state apply_configuration(long /*now*/) {
-    const StationOperation operation;
-    if (provisioning_get_state() >= WAITING_FOR_DHCP_COMPLETE)
-        wifi_network_disconnect();
-    if (wifi_set_provision_ip_config() == -1) {
-        fail_with(WIFI_IFACE_ERROR);
-        return provisioning_get_state();
-    }
-    wifi_send_wlcfg_json();
-    return WAITING_FOR_WACTIVATE;
 }
 
 void tell_manufacturing_test() {
@@ -277,7 +197,91 @@ void tell_manufacturing_test() {
         LOGE("network_send_tarn_req failed");
 }
 
-provisioning_state connect(long /*now*/) {
+// --- actions of the rows, in their order ---------------------------------------------------------
+
+void start_manufacturing_test(step & /*s*/) {
+    wifi_network_disconnect();
+    own.manufacturing = true;
+}
+
+void stop_for_training(step & /*s*/) {
+    send_command_to_robot("provabort");
+    stop_provisioning();
+}
+
+void start_training(step &s) {
+    wifi_network_disconnect();
+    if (wifi_configure_and_start_uap(kSoftApChannel, kSoftApMode) != 0) {
+        LOGE("%s: failed to turn on softAP for training", "provisioning_train_start");
+        s.stays = true;
+        return;
+    }
+    own.training_counter = kTrainingTicks;
+    send_command_to_robot("trainstart");
+}
+
+void start_provisioning(step &s) {
+    send_command_to_robot("provstart");
+    disconnect_local_app();
+    wifi_network_disconnect();
+    own.station_associated = false;
+    own.manufacturing = false;
+    if (wifi_state_get_uap() == 0)
+        wifi_configure_and_start_uap(kSoftApChannel, kSoftApMode);
+    LOGI("provisioning started");
+    arm_debounce(s);
+    own.deadline = s.now + kProvisioningTimeoutS;
+    set_wifi_state_update_after_prov_done(0);
+}
+
+void restart_provisioning(step &s) {
+    LOGI("Provisioning re-started while in state %s",
+         provisioning_state_name(provisioning_get_state()));
+    ring.clear();
+    if (wifi_state_get_uap() != 0)
+        disassociate_station();
+    forget_station();
+    start_provisioning(s);
+}
+
+// The stop and the saved network's start are one operation: a restart in between would bring the
+// station up with the settings that just failed.
+void time_out(step &s) {
+    send_command_to_robot("provfail");
+    s.held.emplace();
+    stop_provisioning();
+}
+
+void abort_provisioning(step &s) {
+    send_command_to_robot("provabort");
+    s.held.emplace();
+    stop_provisioning();
+}
+
+// Out of provisioning already, so that this network's states are not saved as the provisioning's.
+void start_saved_network(step & /*s*/) {
+    wifi_start_sta_from_kvs_configuration();
+}
+
+void ignore_abort(step & /*s*/) {
+    LOGI("ignoring abort due to button debounce timer");
+    LOGI("ignoring prov abort due to button debounce timer");
+}
+
+void apply_configuration(step &s) {
+    const StationOperation operation;
+    if (provisioning_get_state() >= WAITING_FOR_DHCP_COMPLETE)
+        wifi_network_disconnect();
+    if (wifi_set_provision_ip_config() == -1) {
+        provisioning_handle_error(WIFI_IFACE_ERROR);
+        s.stays = true;
+        return;
+    }
+    wifi_send_wlcfg_json();
+}
+
+// One that fails goes on to the next state as well: its PROVISIONING_ERROR leads back.
+void connect(step & /*s*/) {
     disconnect_local_app();
     disassociate_station();
     const StationOperation operation;
@@ -292,203 +296,197 @@ provisioning_state connect(long /*now*/) {
         connecting = wifi_wactivate(&code) != -1;
     }
     if (!connecting)
-        fail_with(code);
-    return own.manufacturing ? PS_NONE : WAITING_FOR_DHCP_COMPLETE;
+        provisioning_handle_error(code);
 }
 
-provisioning_state refuse_connect(long /*now*/) {
+void refuse_connect(step & /*s*/) {
     LOGE("Error unexpected event %s , ignoring", "PROVISIONING_WACTIVATED");
-    return provisioning_get_state();
 }
 
-provisioning_state report_connected(long /*now*/) {
+void report_lease(step & /*s*/) {
     constexpr char kIpDone[] = R"({"command":"ipdone"})";
     wifi_send_wifistat(0);
     wifi_send_netinfo(1);
     wifi_send_wlcfg_json();
     mqtt_client_send("local/cmd", sizeof kIpDone - 1, kIpDone);
     wifictl_save_nw_info_to_kvs();
-    return WAITING_FOR_IP_DONE;
 }
 
-provisioning_state retry_password(long /*now*/) {
+void retry_password(step & /*s*/) {
     wifi_select_sta_network();
-    return provisioning_get_state();
 }
 
-provisioning_state refuse_retry(long /*now*/) {
+void refuse_retry(step & /*s*/) {
     LOGW("Not able to retry password due to current state");
-    return provisioning_get_state();
 }
 
-provisioning_state report_error(long /*now*/) {
+void report_error(step & /*s*/) {
     wifi_send_wifistat(1);
     wifi_network_disconnect();
-    return WAITING_FOR_NETWORK_CONFIG_RX;
 }
 
-provisioning_state refuse_error(long /*now*/) {
+void refuse_error(step & /*s*/) {
     LOGW("Not able to transition to PROVISIONING_ERROR due to current state");
-    return provisioning_get_state();
 }
 
-provisioning_state complete(long /*now*/) {
+void reset_cloud_connection(step & /*s*/) {
     network_send_tarn_event(kCloudProcess, R"({"event":"resetCloudConnection"})", 2);
     own.deadline = 0;
-    provisioning_enter_state(PS_NONE);
+}
+
+void stop_soft_ap(step & /*s*/) {
+    wifi_stop_uap();
+}
+
+void succeed(step &s) {
     set_wifi_state_update_after_prov_done(1);
-    wifi_stop_uap();
-    return PS_NONE;
+    stop_soft_ap(s);
 }
 
-provisioning_state stop_soft_ap(long /*now*/) {
-    wifi_stop_uap();
-    return provisioning_get_state();
-}
-
-provisioning_state start_training(long now) {
-    if (provisioning_get_state() != TRAINING_MODE) {
-        if (provisioning_get_state() != PS_NONE) {
-            send_command_to_robot("provabort");
-            stop_provisioning();
-        }
-        wifi_network_disconnect();
-        if (wifi_configure_and_start_uap(kSoftApChannel, kSoftApMode) == 0) {
-            own.training_counter = kTrainingTicks;
-            send_command_to_robot("trainstart");
-            provisioning_enter_state(TRAINING_MODE);
-        } else {
-            LOGE("%s: failed to turn on softAP for training", "provisioning_train_start");
-        }
-    }
-    arm_debounce(now);
-    return provisioning_get_state();
-}
-
-provisioning_state app_left(long /*now*/) {
+void app_left(step & /*s*/) {
     own.training_counter = kTrainingTicks;
     send_command_to_robot("traindisconnect");
-    return TRAINING_MODE;
 }
 
-provisioning_state app_came(long /*now*/) {
+void app_came(step & /*s*/) {
     own.training_counter = kTrainingForever;
     send_command_to_robot("trainconnect");
-    return TRAINING_MODE;
 }
 
-provisioning_state ignore_train_abort(long /*now*/) {
+void ignore_train_abort(step & /*s*/) {
+    LOGI("ignoring abort due to button debounce timer");
     LOGI("ignoring train abort due to button debounce timer");
-    return provisioning_get_state();
 }
 
-provisioning_state abort_training(long /*now*/) {
-    stop_training(true);
+void stop_training(step &s) {
+    if (wifi_stop_uap() != 0) {
+        LOGE("%s: failed to stop softAP", "provisioning_train_stop");
+        s.stays = true;
+        return;
+    }
+    own.training_counter = 0;
+}
+
+void stop_training_for_home(step &s) {
+    stop_training(s);
+    if (!s.stays)
+        wifi_start_sta_from_kvs_configuration();
+}
+
+void say_aborted(step & /*s*/) {
     send_command_to_robot("trainabort");
-    return provisioning_get_state();
 }
 
-provisioning_state end_training(long /*now*/) {
-    stop_training(true);
+void say_done(step & /*s*/) {
     send_command_to_robot("traindone");
-    return provisioning_get_state();
 }
 
-provisioning_state provision_from_training(long now) {
-    stop_training(false);
-    send_command_to_robot("trainabort");
-    return activate(now);
+// The event is not done yet: the provisioning table takes it in the state that it led to.
+void provision(step &s);
+
+void say_aborted_and_provision(step &s) {
+    say_aborted(s);
+    provision(s);
 }
 
 // --- the tables ----------------------------------------------------------------------------------
 
-using condition = bool (*)(long now);
-bool always(long /*now*/) {
-    return true;
+// What a row asks for: the state, or more. All of it must hold.
+constexpr unsigned kAlways = 0;
+constexpr unsigned in(provisioning_state state) {
+    return 1U << state;
 }
-bool idle(long /*now*/) {
-    return provisioning_get_state() == PS_NONE;
-}
-bool awaits_wactivate(long /*now*/) {
-    return provisioning_get_state() == WAITING_FOR_WACTIVATE;
-}
-bool awaits_dhcp(long /*now*/) {
-    return provisioning_get_state() == WAITING_FOR_DHCP_COMPLETE;
-}
-bool awaits_ip_done(long /*now*/) {
-    return provisioning_get_state() == WAITING_FOR_IP_DONE;
+constexpr unsigned kInTest = in(TRAINING_MODE) << 1;
+constexpr unsigned kDebounced = kInTest << 1;
+
+unsigned what_holds(const step &s) {
+    return in(provisioning_get_state()) | (own.manufacturing ? kInTest : 0) |
+           (is_debounced(s) ? kDebounced : 0);
 }
 
-// The first row of an event whose condition holds decides.
+// The first row of an event whose condition holds decides: its action, its next state unless the
+// action failed, and what is done then, in either state.
 struct transition {
     provisioning_event event;
-    condition when;
-    provisioning_state (*actions)(long now);
+    unsigned when;
+    void (*action)(step &s);
+    std::optional<provisioning_state> next;
+    void (*then)(step &s) = nullptr;
+};
+constexpr std::optional<provisioning_state> kStay = std::nullopt;
+constexpr std::nullptr_t kNothing = nullptr;
+
+constexpr transition kAnyState[]{
+    {MFG_WIFI_TEST, kAlways, start_manufacturing_test, MANUFACTURING_TEST},
 };
 
-constexpr std::array kProvisioning{
-    transition{TRAIN_START, always, start_training},
-    transition{PROVISIONING_ACTIVATED, always, activate},
-    transition{PROVISIONING_TIMEOUT, idle, ignore},
-    transition{PROVISIONING_TIMEOUT, always, time_out},
-    transition{PROVISIONING_ABORT, is_debounced, ignore_abort},
-    transition{PROVISIONING_ABORT, always, abort_provisioning},
-    transition{PROVISIONING_NETWORK_CONFIG_RX, always, apply_configuration},
-    transition{PROVISIONING_NETWORK_STATIC_CONFIG_RX, always, apply_configuration},
-    transition{PROVISIONING_WACTIVATED, awaits_wactivate, connect},
-    transition{PROVISIONING_WACTIVATED, always, refuse_connect},
-    transition{PROVISIONING_DHCP_COMPLETE, awaits_dhcp, report_connected},
-    transition{PROVISIONING_DHCP_COMPLETE, always, ignore},
-    transition{PROVISIONING_RETRY_PASSWORD, awaits_dhcp, retry_password},
-    transition{PROVISIONING_RETRY_PASSWORD, always, refuse_retry},
-    transition{PROVISIONING_ERROR, idle, refuse_error},
-    transition{PROVISIONING_ERROR, always, report_error},
-    transition{PROVISIONING_COMPLETE, awaits_ip_done, complete},
-    transition{PROVISIONING_COMPLETE, always, stop_soft_ap},
+constexpr transition kProvisioning[]{
+    {TRAIN_START, in(PS_NONE), start_training, TRAINING_MODE, arm_debounce},
+    {TRAIN_START, kAlways, stop_for_training, PS_NONE, provision},
+    {PROVISIONING_ACTIVATED, in(PS_NONE), start_provisioning, WAITING_FOR_NETWORK_CONFIG_RX},
+    {PROVISIONING_ACTIVATED, kAlways, restart_provisioning, WAITING_FOR_NETWORK_CONFIG_RX},
+    {PROVISIONING_TIMEOUT, in(PS_NONE), kNothing, kStay},
+    {PROVISIONING_TIMEOUT, kAlways, time_out, PS_NONE, start_saved_network},
+    {PROVISIONING_ABORT, kDebounced, ignore_abort, kStay},
+    {PROVISIONING_ABORT, kAlways, abort_provisioning, PS_NONE, start_saved_network},
+    {PROVISIONING_NETWORK_CONFIG_RX, kAlways, apply_configuration, WAITING_FOR_WACTIVATE},
+    {PROVISIONING_NETWORK_STATIC_CONFIG_RX, kAlways, apply_configuration, WAITING_FOR_WACTIVATE},
+    {PROVISIONING_WACTIVATED, in(WAITING_FOR_WACTIVATE) | kInTest, connect, PS_NONE},
+    {PROVISIONING_WACTIVATED, in(WAITING_FOR_WACTIVATE), connect, WAITING_FOR_DHCP_COMPLETE},
+    {PROVISIONING_WACTIVATED, kAlways, refuse_connect, kStay},
+    {PROVISIONING_DHCP_COMPLETE, in(WAITING_FOR_DHCP_COMPLETE), report_lease, WAITING_FOR_IP_DONE},
+    {PROVISIONING_DHCP_COMPLETE, kAlways, kNothing, kStay},
+    {PROVISIONING_RETRY_PASSWORD, in(WAITING_FOR_DHCP_COMPLETE), retry_password, kStay},
+    {PROVISIONING_RETRY_PASSWORD, kAlways, refuse_retry, kStay},
+    {PROVISIONING_ERROR, in(PS_NONE), refuse_error, kStay},
+    {PROVISIONING_ERROR, kAlways, report_error, WAITING_FOR_NETWORK_CONFIG_RX},
+    {PROVISIONING_COMPLETE, in(WAITING_FOR_IP_DONE), reset_cloud_connection, PS_NONE, succeed},
+    {PROVISIONING_COMPLETE, kAlways, stop_soft_ap, kStay},
 };
 
-constexpr std::array kTraining{
-    transition{TRAIN_START, always, start_training},
-    transition{TRAIN_DISCONNECT, always, app_left},
-    transition{TRAIN_CONNECT, always, app_came},
-    transition{TRAIN_ABORT, is_debounced, ignore_train_abort},
-    transition{TRAIN_ABORT, always, abort_training},
-    transition{TRAIN_END, always, end_training},
-    transition{PROVISIONING_ACTIVATED, always, provision_from_training},
+constexpr transition kTraining[]{
+    {TRAIN_START, kAlways, arm_debounce, kStay},
+    {TRAIN_DISCONNECT, kAlways, app_left, kStay},
+    {TRAIN_CONNECT, kAlways, app_came, kStay},
+    {TRAIN_ABORT, kDebounced, ignore_train_abort, kStay},
+    {TRAIN_ABORT, kAlways, stop_training_for_home, PS_NONE, say_aborted},
+    {TRAIN_END, kAlways, stop_training_for_home, PS_NONE, say_done},
+    {PROVISIONING_ACTIVATED, kAlways, stop_training, PS_NONE, say_aborted_and_provision},
 };
 
 // False when the table has no row for the event.
-template <size_t N>
-bool follow(const std::array<transition, N> &table, int event, long now) {
+bool follow(std::span<const transition> table, step &s) {
+    const unsigned holds = what_holds(s);
     for (const auto &row : table)
-        if (row.event == event && row.when(now)) {
-            provisioning_enter_state(row.actions(now));
+        if (row.event == s.event && (row.when & holds) == row.when) {
+            s.stays = false;
+            if (row.action)
+                row.action(s);
+            if (row.next && !s.stays)
+                provisioning_enter_state(*row.next);
+            if (row.then)
+                row.then(s);
             return true;
         }
     return false;
 }
 
-void start_manufacturing_test() {
-    wifi_network_disconnect();
-    provisioning_enter_state(MANUFACTURING_TEST);
-    own.manufacturing = true;
+void provision(step &s) {
+    if (!follow(kProvisioning, s))
+        LOGW("Unhandled prov event %s", s.name.c_str());
 }
 
 void execute(int event, long now) {
-    const bool out_of_provisioning =
-        provisioning_get_state() == PS_NONE || is_robot_training() != 0;
-    if (event == PROVISIONING_ABORT && out_of_provisioning)
+    if (event == PROVISIONING_ABORT && is_robot_provisioning() == 0)
         return;
-    LOGI("%s: rx event %s in state %s", "provisioning_state_machine_run",
-         name_of(kEventNames, event).c_str(), provisioning_state_name(provisioning_get_state()));
-    if (event == MFG_WIFI_TEST)
-        start_manufacturing_test();  // and on to the handler, which only warns
-    if (is_robot_training() != 0) {
-        if (!follow(kTraining, event, now))
-            LOGW("Unhandled training event %s", name_of(kEventNames, event).c_str());
-    } else if (!follow(kProvisioning, event, now)) {
-        LOGW("Unhandled prov event %s", name_of(kEventNames, event).c_str());
-    }
+    step s{.event = event, .name = name_of(event), .now = now};
+    LOGI("%s: rx event %s in state %s", "provisioning_state_machine_run", s.name.c_str(),
+         provisioning_state_name(provisioning_get_state()));
+    follow(kAnyState, s);
+    if (is_robot_training() == 0)
+        provision(s);  // of a manufacturing test, too, which only has it warn
+    else if (!follow(kTraining, s))
+        LOGW("Unhandled training event %s", s.name.c_str());
 }
 
 void count_training() {

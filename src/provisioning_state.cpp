@@ -1,8 +1,8 @@
 #include "provisioning_state.h"
 
-#include <array>
 #include <atomic>
 #include <cstddef>
+#include <iterator>
 #include <mutex>
 
 #include "log.h"
@@ -11,7 +11,7 @@
 
 namespace {
 
-constexpr std::array kStateNames{
+constexpr char kStateNames[][sizeof "WAITING_FOR_NETWORK_CONFIG_RX"]{
     "PS_NONE",
     "WAITING_FOR_NETWORK_CONFIG_RX",
     "WAITING_FOR_WACTIVATE",
@@ -19,7 +19,7 @@ constexpr std::array kStateNames{
     "WAITING_FOR_IP_DONE",
     "TRAINING_MODE",
 };
-static_assert(kStateNames.size() == TRAINING_MODE + 1);
+static_assert(std::size(kStateNames) == TRAINING_MODE + 1);
 
 std::atomic<provisioning_state> state{PS_NONE};
 std::mutex done_lock;
