@@ -9,6 +9,7 @@
 #include <ctime>
 #include <span>
 #include <string>
+#include <string_view>
 
 #include "owned.h"
 
@@ -78,6 +79,9 @@ std::string pex_format(const char *format, ...) __attribute__((format(printf, 1,
 // The next line of a command's output or of a file, as much of it as fits, its newline included: a
 // longer one arrives in pieces. False at the end.
 bool pex_read_line(FILE *stream, std::span<char> line);
+
+// Cuts the next piece off a text; runs of separators count as one. Empty at the end.
+std::string_view pex_next_piece(std::string_view &text, char separator);
 
 // Foreign text as the log may show it: control characters, which could forge a line, become "?".
 std::string pex_one_line(const char *text);

@@ -18,6 +18,7 @@
 #include "log.h"
 #include "monitor_main.h"
 #include "mqtt_client.h"
+#include "pex_misc.h"
 #include "pthread_utils.h"
 
 #define LOG_SOURCE "src/device_pinger"  // one source to log readers, as the pinger paces the hops
@@ -63,14 +64,6 @@ std::optional<int32_t> leading_number(std::string_view text) {
     if (result.ec != std::errc{})
         return std::nullopt;
     return number;
-}
-
-// Cuts the next piece off a text; runs of separators count as one. Empty at the end.
-std::string_view next_piece(std::string_view &text, char separator) {
-    text.remove_prefix(std::min(text.find_first_not_of(separator), text.size()));
-    const std::string_view piece = text.substr(0, text.find(separator));
-    text.remove_prefix(piece.size());
-    return piece;
 }
 
 // --- the current access point --------------------------------------------------------------------
@@ -160,13 +153,13 @@ enum class line_kind { good, skipped, last };
 
 // "BSSID <tab> frequency <tab> signal <tab> ...".
 line_kind parse_scan_line(std::string_view line, channel_info &result) {
-    const std::string_view bssid = next_piece(line, '\t');
+    const std::string_view bssid = pex_next_piece(line, '\t');
     if (bssid.empty()) {
         LOGE(kUnexpectedScan);
         return line_kind::last;
     }
-    const auto frequency = leading_number(next_piece(line, '\t'));
-    const auto signal = leading_number(next_piece(line, '\t'));
+    const auto frequency = leading_number(pex_next_piece(line, '\t'));
+    const auto signal = leading_number(pex_next_piece(line, '\t'));
     if (!frequency || !signal) {
         LOGE(kUnexpectedScan);
         return line_kind::skipped;
@@ -384,13 +377,13 @@ int parse_scan_results(const char *text, channel_info *entries, int capacity) {
     LOGD("Parsing scan results");
     const std::span<channel_info> room(entries, static_cast<size_t>(std::max(capacity, 0)));
     std::string_view results = without_cut_signal(text);
-    if (next_piece(results, '\n').empty()) {  // the line of titles
+    if (pex_next_piece(results, '\n').empty()) {  // the line of titles
         LOGE(kUnexpectedScan);
         return 0;
     }
     int count = 0;
     for (;;) {
-        const std::string_view line = next_piece(results, '\n');
+        const std::string_view line = pex_next_piece(results, '\n');
         if (line.empty())
             return count;
         LOGD("parsing line %.*s", static_cast<int>(line.size()), line.data());

@@ -3,7 +3,6 @@
 #include <pthread.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <memory>
@@ -383,11 +382,9 @@ char *store_arping_mac_address_alloc(const char *text) {
     std::string normalised;
     std::string_view rest = text != nullptr ? text : "";
     while (normalised.size() < kMacSize) {
-        rest.remove_prefix(std::min(rest.find_first_not_of(':'), rest.size()));
-        const std::string_view part = rest.substr(0, rest.find(':'));
+        const std::string_view part = pex_next_piece(rest, ':');
         if (part.empty())
             break;
-        rest.remove_prefix(part.size());
         if (!normalised.empty())
             normalised += ':';
         if (part.size() < 2)

@@ -2,7 +2,6 @@
 
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <charconv>
 #include <cstdio>
@@ -39,12 +38,8 @@ using Fields = std::array<std::string, kFields>;
 // Runs of separators count as one. Empty for a field that is not there.
 Fields split(std::string_view line) {
     Fields fields;
-    for (std::string &each : fields) {
-        line.remove_prefix(std::min(line.find_first_not_of(';'), line.size()));
-        const size_t end = std::min(line.find(';'), line.size());
-        each = line.substr(0, end);
-        line.remove_prefix(end);
-    }
+    for (std::string &each : fields)
+        each = pex_next_piece(line, ';');
     return fields;
 }
 

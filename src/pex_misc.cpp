@@ -345,6 +345,13 @@ bool pex_read_line(FILE *stream, std::span<char> line) {
     return fgets(line.data(), static_cast<int>(line.size()), stream) != nullptr;
 }
 
+std::string_view pex_next_piece(std::string_view &text, char separator) {
+    text.remove_prefix(std::min(text.find_first_not_of(separator), text.size()));
+    const std::string_view piece = text.substr(0, text.find(separator));
+    text.remove_prefix(piece.size());
+    return piece;
+}
+
 std::string pex_one_line(const char *text) {
     std::string line(text);
     for (char &c : line)
