@@ -17,21 +17,21 @@ struct channel_info {
 void *device_network_hop_main(void *unused);
 
 // Asks for a hop. Each request is one attempt, also one that comes while a hop is under way: they
-// queue up, on purpose. Any thread.
+// queue up, as nothing but the next request repeats an attempt that failed. Any thread.
 void device_network_hop_request();
 
 // The BSSID (freed by the caller) and frequency in MHz of the link, which it waits for. 1, or 0
 // with both as they were. Blocks for seconds.
 int get_current_bssid(char **bssid, int32_t *frequency);
 
-// What that takes from the supplicant's status text. 1, or 0 with the link as it was.
+// Its parser: what that takes from the supplicant's status text. 1, or 0 with the link as it was.
 int parse_link_status(const char *status, channel_info *link);
 
 // Scans, lists every access point as a home device, and fills at most `capacity` entries, which are
 // empty before. How many were filled. Blocks for up to 9 s and the supplicant's answers.
 int get_channel_information(channel_info *entries, int capacity);
 
-// What that makes of the supplicant's text, which may have been cut to 1023 characters.
+// Its parser: what that makes of the supplicant's text, which may have been cut to 1023 characters.
 int parse_scan_results(const char *text, channel_info *entries, int capacity);
 
 // Scans, publishes what was found, and keeps the best access points for the hops.

@@ -31,15 +31,6 @@ void clear_device_list();
 
 int is_device_list_empty();  // 1 or 0
 
-// The first entry with that ip, that mac, or both where both are given; null when there is none.
-// The caller of the first holds the lock; an entry of the second may be gone when it is returned.
-device_entry *find_device_entry(const char *ip, const char *mac);
-device_entry *find_device_entry_locked(const char *ip, const char *mac);
-
-// The first entry for null, else the one behind `previous`; null at the end or when `previous` has
-// gone. What is returned may go at any time: to read texts, copy the list.
-device_entry *get_next_device_entry(const device_entry *previous);
-
 // Adds a device or completes a known one with what it lacks; a name replaces one of a lower rank.
 // Any text may be null, but not both keys. Non-null only for a new device; it may go at any time.
 device_entry *add_entry_to_device_list(const char *name, uint32_t name_rank, const char *ip,
@@ -60,14 +51,26 @@ std::vector<device_texts> copy_device_list();
 int device_list_updated();
 void clear_device_list_updated();
 
-// Unlinks and frees. 1, or 0 for null (the second only). The caller holds the lock.
-int remove_device_entry(device_entry *entry);
-int remove_device_entry_if_any(device_entry *entry);
-
 // A MAC address with two digits in each part, at most 23 characters, freed by the caller; null
 // without any part or memory.
 char *store_arping_mac_address_alloc(const char *text);
 
+// --- entry by entry ------------------------------------------------------------------------------
+// For programs built on this list that look at its entries themselves; the daemon copies the texts.
+
 // 0; -1 after an error (logged, and a second waited): the caller goes on as if it held the lock.
 int lock_device_list();
 int unlock_device_list();
+
+// The first entry with that ip, that mac, or both where both are given; null when there is none.
+// The caller of the first holds the lock; an entry of the second may be gone when it is returned.
+device_entry *find_device_entry(const char *ip, const char *mac);
+device_entry *find_device_entry_locked(const char *ip, const char *mac);
+
+// The first entry for null, else the one behind `previous`; null at the end or when `previous` has
+// gone. What is returned may go at any time: to read texts, copy the list.
+device_entry *get_next_device_entry(const device_entry *previous);
+
+// Unlinks and frees. 1, or 0 for null (the second only). The caller holds the lock.
+int remove_device_entry(device_entry *entry);
+int remove_device_entry_if_any(device_entry *entry);

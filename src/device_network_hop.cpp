@@ -25,7 +25,8 @@
 
 namespace {
 
-constexpr size_t kReplySize = 1024;  // scan results beyond it are not looked at, on purpose
+// Scan results beyond it are not looked at: a survey keeps about as many as fit.
+constexpr size_t kReplySize = 1024;
 constexpr int kStatusAttempts = 5;
 constexpr int kScanWaitS = 9;
 constexpr int kScanEntries = 15;

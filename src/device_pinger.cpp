@@ -90,6 +90,7 @@ constexpr size_t kReportRoom = kMqttAppLargestMessage - kReportHead.size() - kRe
 
 // What one device may take of the report, comma included. Homes stay far below what a message
 // holds; where somebody announces thousands of devices with long texts, each has an equal share.
+// Described to be measured and again to be written: such a home's texts are too long to be kept.
 size_t share_of_report(const Devices &devices) {
     size_t total = 0;
     for (const device_texts &device : devices)

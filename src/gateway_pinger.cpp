@@ -31,7 +31,8 @@ constexpr size_t kReplySize = 256;
 std::mutex mission_lock;
 bool mission_in_progress = false;
 
-// The key and the message speak of minutes but the value counts cycles; meant to stay so.
+// The key and the message speak of minutes but the value counts cycles: meant to stay, or robots
+// with a saved limit would wait three times as long.
 int watchdog_limit() {
     json_t *raw = nullptr;
     int limit = kDefaultLimit;
