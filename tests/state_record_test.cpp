@@ -46,13 +46,22 @@ TEST_F(DeviceTracking, StartsOnceAndStopsWhole) {
         get_pinger_mode(&pair);
         return std::pair<int, int>(pair.pinger, pair.discover);
     };
+    using device_tracking::take_round;
     start_device_discovery();
+    EXPECT_TRUE(take_round());
     set_pinger_mode(PINGER_MODE_DISCOVER, 0);
+    set_pinger_mode(3, 1);     // no such kind
     start_device_discovery();  // still pinging: refused
     EXPECT_TRUE(logged("pinger_is still active"));
     EXPECT_EQ(mode(), std::pair(1, 0));
-    pause_device_discovery();
-    EXPECT_EQ(mode(), std::pair(0, 0));
+    EXPECT_TRUE(take_round() && take_round() && !take_round()) << "three in all";
+    for (const auto &end : {stop_device_discovery, pause_device_discovery}) {
+        end();
+        EXPECT_EQ(mode(), std::pair(0, 0));
+        EXPECT_FALSE(take_round());
+        start_device_discovery();
+        EXPECT_EQ(is_device_discovery_active(), 1);
+    }
 }
 
 }  // namespace
