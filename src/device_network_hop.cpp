@@ -20,6 +20,7 @@
 #include "mqtt_client.h"
 #include "pex_misc.h"
 #include "pthread_utils.h"
+#include "topics.h"
 
 #define LOG_SOURCE "src/device_pinger"  // one source to log readers, as the pinger paces the hops
 
@@ -432,7 +433,7 @@ void send_bssid_rssi_json(const channel_info *entries, int count) {
         return;
     }
     LOGD("sending object %s", text.get());
-    mqtt_client_send("robot/debug", static_cast<int>(strlen(text.get())), text.get());
+    mqtt_client_send(topic::kRobotDebug, static_cast<int>(strlen(text.get())), text.get());
 }
 
 int bssid_roam(const char *bssid) {

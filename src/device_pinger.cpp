@@ -18,10 +18,12 @@
 #include "device_tracking.h"
 #include "home_device_list.h"
 #include "kvs_json.h"
+#include "kvs_keys.h"
 #include "log.h"
 #include "mqtt_client.h"
 #include "mqttapp/mqtt_app.h"
 #include "owned.h"
+#include "topics.h"
 #include "wifi_control.h"
 #include "wifi_netinfo.h"
 #include "wifi_state.h"
@@ -132,14 +134,14 @@ void report_devices(uint32_t session) {
     if (!is_current(session))
         return;
     LOGD("sending object %s", text.c_str());
-    mqtt_client_send("robot/debug", static_cast<int>(text.size()), text.c_str());
+    mqtt_client_send(topic::kRobotDebug, static_cast<int>(text.size()), text.c_str());
 }
 
 // --- the pinger ----------------------------------------------------------------------------------
 
 int read_hop_interval() {
     json_t *raw = nullptr;
-    kvs_get_json_from_key("robot.disc_reconnect_sleep_sec", JSON_INTEGER, &raw);
+    kvs_get_json_from_key(kvs_key::kHopInterval, JSON_INTEGER, &raw);
     const Json value(raw);
     const json_int_t seconds = json_integer_value(value.get());
     if (!value || seconds < INT_MIN || seconds > INT_MAX) {

@@ -14,6 +14,7 @@
 #include <string>
 #include <string_view>
 
+#include "kvs_keys.h"
 #include "log.h"
 #include "mqtt_client.h"
 #include "owned.h"
@@ -23,6 +24,7 @@
 #include "pex_net.h"
 #include "pex_product_version_string.h"
 #include "provisioning_state.h"
+#include "tarn/robot_processes.h"
 
 #define LOG_SOURCE "src/discovery"
 
@@ -35,7 +37,6 @@ constexpr size_t kRobotIdLength = 32;
 constexpr size_t kSkuLength = 7;
 constexpr size_t kReplySize = 1024;
 constexpr size_t kCapResponseSize = 512;
-constexpr int kCoreProcess = 12;
 constexpr size_t kMacLength = 6;
 
 // Filled once before the first probe is served; the version is cut to what its field holds.
@@ -64,8 +65,8 @@ std::string saved(const char *key, size_t longest) {
 
 identity read_identity() {
     identity robot;
-    robot.robot_id = saved("product.robotid", kRobotIdLength);
-    robot.sku = saved("product.sku", kSkuLength);
+    robot.robot_id = saved(kvs_key::kRobotId, kRobotIdLength);
+    robot.sku = saved(kvs_key::kSku, kSkuLength);
     if (const char *version = pex_get_product_version_string())
         robot.software = std::string(version).substr(0, 256);
     else
@@ -81,7 +82,7 @@ void fetch_capabilities() {
         LOGE("malloc failed");
         return;
     }
-    if (network_send_tarn_req(kCoreProcess, R"({"get":"cap"})", response.get(), kCapResponseSize) !=
+    if (network_send_tarn_req(PROCESS_CORE, R"({"get":"cap"})", response.get(), kCapResponseSize) !=
         0) {
         LOGE("falied to get cap from corehub");
         return;
@@ -135,7 +136,7 @@ std::array<uint8_t, kMacLength> last_mac() {
 // with a name that is none, both are zero.
 addresses read_addresses() {
     addresses found;
-    const MallocText name(pex_kvs_get_key_str_malloc("network.interface"));
+    const MallocText name(pex_kvs_get_key_str_malloc(kvs_key::kInterface));
     if (!name) {
         LOGE("Could not get discovery_if key");
         found.mac = last_mac();
@@ -157,17 +158,17 @@ addresses read_addresses() {
 }
 
 std::string robot_name() {
-    const MallocText name(pex_kvs_get_key_str_malloc("robot.name"));
+    const MallocText name(pex_kvs_get_key_str_malloc(kvs_key::kRobotName));
     if (name)
         return name.get();
-    pex_kvs_set_key_str("robot.name", "robot");
+    pex_kvs_set_key_str(kvs_key::kRobotName, "robot");
     LOGE("Could not get robot name key");
     return "robot";
 }
 
 // What follows the capabilities.
 std::string tail() {
-    const MallocText trained(pex_kvs_get_key_str_malloc("robot.trained"));
+    const MallocText trained(pex_kvs_get_key_str_malloc(kvs_key::kRobotTrained));
     return trained ? std::string(",\"trained\":") + trained.get() + "}" : "}";
 }
 
@@ -224,7 +225,7 @@ char *add_lps_malloc(const char *text) {
         LOGE("json_loadb failed");
         return nullptr;
     }
-    const MallocText status(pex_kvs_get_key_str_malloc("network.last_prov_status"));
+    const MallocText status(pex_kvs_get_key_str_malloc(kvs_key::kLastProvStatus));
     if (!status)
         LOGE("pex_kvs_get_key_str_malloc failed");
     const char *digits = status ? status.get() : "0";
@@ -247,9 +248,9 @@ char *add_lps_malloc(const char *text) {
 
 void store_robot_trained_state(int trained) {
     const char *text = trained != 0 ? "true" : "false";
-    if (saved("robot.trained", kRobotIdLength) == text)
+    if (saved(kvs_key::kRobotTrained, kRobotIdLength) == text)
         return;
-    if (pex_kvs_set_key_str("robot.trained", text) != 0)
+    if (pex_kvs_set_key_str(kvs_key::kRobotTrained, text) != 0)
         LOGE("%s: KVS write fail", "store_robot_trained_state");
 }
 

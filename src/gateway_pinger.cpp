@@ -8,11 +8,13 @@
 
 #include "gateway_ping.h"
 #include "kvs_json.h"
+#include "kvs_keys.h"
 #include "log.h"
 #include "mqtt_client.h"
 #include "owned.h"
 #include "pex_misc.h"
 #include "provisioning_state.h"
+#include "tarn/robot_processes.h"
 #include "wifi_connect.h"
 #include "wifi_netinfo.h"
 #include "wifi_state.h"
@@ -25,7 +27,6 @@ constexpr unsigned kCycleS = 20;  // three silent cycles: restart after a minute
 constexpr int kMaxLostPings = 3;
 constexpr int kDefaultLimit = 1440;  // cycles: eight hours
 constexpr int kSafeToReboot = 900;   // at least this far to the next cleaning
-constexpr int kScheduler = 9;        // the robot process that knows the next cleaning
 constexpr size_t kReplySize = 256;
 
 std::mutex mission_lock;
@@ -36,7 +37,7 @@ bool mission_in_progress = false;
 int watchdog_limit() {
     json_t *raw = nullptr;
     int limit = kDefaultLimit;
-    if (kvs_get_json_from_key("network.watchdog_interval_min", JSON_INTEGER, &raw) == 0) {
+    if (kvs_get_json_from_key(kvs_key::kWatchdogInterval, JSON_INTEGER, &raw) == 0) {
         const Json value(raw);
         const json_int_t number = json_integer_value(value.get());
         if (number >= INT_MIN && number <= INT_MAX)
@@ -178,7 +179,7 @@ int gateway_pinger_get_mission_in_progress() {
 
 int gateway_pinger_get_next_cleaning() {
     std::array<char, kReplySize> reply{};
-    if (network_send_tarn_req(kScheduler, R"({"get":"nextCleaning"})", reply.data(),
+    if (network_send_tarn_req(PROCESS_SCHEDULER, R"({"get":"nextCleaning"})", reply.data(),
                               reply.size()) != 0) {
         LOGE("network_send_tarn_req failed");
         return 0;

@@ -14,6 +14,7 @@
 #include "device_subnet_ping.h"
 #include "discovery.h"
 #include "gateway_pinger.h"
+#include "kvs_keys.h"
 #include "log.h"
 #include "mdns_device_discover.h"
 #include "monitor_main.h"
@@ -30,7 +31,9 @@
 #include "provisioning_state.h"
 #include "pthread_utils.h"
 #include "supplicant_config.h"
+#include "tarn/robot_processes.h"
 #include "tarn/tarn.h"
+#include "topics.h"
 #include "version.h"
 #include "wifi_connect.h"
 #include "wifi_control.h"
@@ -51,7 +54,6 @@ constexpr int kUsageError = 143;
 constexpr unsigned kStartDelayS = 5;  // the rest of the robot comes up in the meantime
 constexpr unsigned kInterfaceWaitS = 2;
 constexpr long kTickerS = 600;
-constexpr int kStationStatusProcess = 10;  // the robot process that asks for and tells "sta"
 
 // Two bytes short of the buffer, on purpose: what is compared is what is copied.
 constexpr size_t kComparedBytes = kStatusTextSize - 2;
@@ -203,7 +205,7 @@ void connect_libraries() {
 // The interface key names hardware, not a network: it stays.
 int wipe_network_key(const char *key) {
     const std::string_view name = key;
-    if (!name.starts_with("network.") || name.starts_with("network.interface"))
+    if (!name.starts_with("network.") || name.starts_with(kvs_key::kInterface))
         return 0;
     return pex_kvs_del_key(key);
 }
@@ -214,18 +216,18 @@ void wipe_saved_network() {
 }
 
 void ensure_active_interface() {
-    const MallocText active(pex_kvs_get_key_str_malloc("network.interface"));
+    const MallocText active(pex_kvs_get_key_str_malloc(kvs_key::kInterface));
     if (!active && set_active_ifname(wifi_get_sta_interface()) != 0)
         LOGE("%s: Could not set network.interface key", "main");
 }
 
 // Also without the key: an absent one resets the domain.
 void apply_regulatory_domain() {
-    const MallocText domain(pex_kvs_get_key_str_malloc("product.regdom"));
+    const MallocText domain(pex_kvs_get_key_str_malloc(kvs_key::kRegdom));
     if (wifi_regdom_utils_set_regdomain(domain.get()) != 0)
         LOGE("failed to set regdomain");
     if (!domain)
-        LOGE("Could not find %s key", "product.regdom");
+        LOGE("Could not find %s key", kvs_key::kRegdom);
 }
 
 bool wifi_is_there() {
@@ -246,7 +248,7 @@ void bring_wifi_into_a_known_state() {
     wifi_network_disconnect();
     wifi_init_netinfo();
     wifi_init_wifistat();
-    const MallocText ssid(pex_kvs_get_key_str_malloc("network.ssid"));
+    const MallocText ssid(pex_kvs_get_key_str_malloc(kvs_key::kSsid));
     if (ssid) {
         wifi_start_sta_from_kvs_configuration();
         return;
@@ -274,7 +276,7 @@ void pass_on_tidelink_connected() {
     if (access(kMarker, F_OK) != 0)
         return;
     LOGI("%s exists, publishing tidelinkConnected msg", kMarker);
-    for (const char *topic : {"brisk/network/events", "brisk/updater/events"})
+    for (const char *topic : {topic::kCommands, topic::kUpdaterEvents})
         if (mqtt_app_publish(get_mqtt_app(), topic, static_cast<int>(kEvent.size()),
                              kEvent.data()) != 0) {
             LOGE("Failed to publish message %s on topic %s", kEvent.data(), topic);
@@ -284,7 +286,7 @@ void pass_on_tidelink_connected() {
 
 void ask_for_station_status() {
     std::array<char, kStatusTextSize> response{};
-    if (network_send_tarn_req(kStationStatusProcess, R"({"sta": 0})", response.data(),
+    if (network_send_tarn_req(PROCESS_STATION_STATUS, R"({"sta": 0})", response.data(),
                               response.size()) == 1)
         LOGE("Error publishing sta:0 TARN request.");
 }

@@ -7,18 +7,17 @@
 #include "log.h"
 #include "mqttapp/mqtt_app.h"
 #include "process_handles.h"
+#include "tarn/robot_processes.h"
 #include "tarn/tarn.h"
+#include "topics.h"
 
 #define LOG_SOURCE "src/mqtt_client"
 
 namespace {
 
-constexpr int kOurProcess = 6;  // of the robot's process numbers
 constexpr int kResponseWaitS = 3;
 constexpr int kEventFailure = 255;
-constexpr char kDefaultTopic[] = "network/events";
-constexpr const char *kTopics[] = {"network/debug", "brisk/network/events", "tarn/network/#",
-                                   nullptr};
+constexpr const char *kTopics[] = {topic::kDebug, topic::kCommands, topic::kProcesses, nullptr};
 
 std::atomic<int> nc_value{0};
 
@@ -76,7 +75,7 @@ tarn_lib *network_tarn_init() {
 
 int mqtt_client_send(const char *topic, int length, const char *text) {
     if (topic == nullptr)
-        topic = kDefaultTopic;
+        topic = topic::kStatus;
     if (const int error = mqtt_app_publish(get_mqtt_app(), topic, length, text)) {
         LOGE("%s error code %d", "mqtt_client_send", error);
         return -1;
@@ -89,7 +88,7 @@ int network_send_tarn_req(int destination, const char *text, char *response, siz
     const Request request = alloc_request();
     if (!request)
         return 1;
-    if (tarn_transfer(request.get(), kOurProcess, destination, text, response, size,
+    if (tarn_transfer(request.get(), PROCESS_NETWORK, destination, text, response, size,
                       kResponseWaitS) == -1) {
         LOGE("tarn_transfer failed");
         return 1;
@@ -101,7 +100,7 @@ int network_send_tarn_event(int destination, const char *text, int value) {
     const Request request = alloc_request();
     if (!request)
         return kEventFailure;
-    if (tarn_event_transfer(request.get(), kOurProcess, destination, text, value) == -1) {
+    if (tarn_event_transfer(request.get(), PROCESS_NETWORK, destination, text, value) == -1) {
         LOGE("tarn_event_transfer failed");
         return kEventFailure;
     }

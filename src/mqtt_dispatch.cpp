@@ -18,6 +18,7 @@
 #include "device_tracking.h"
 #include "discovery.h"
 #include "gateway_pinger.h"
+#include "kvs_keys.h"
 #include "log.h"
 #include "mqtt_client.h"
 #include "mqttapp/mqtt_app.h"
@@ -385,7 +386,7 @@ void on_wlcfg(const inbound &message, json_t *value) {
     take_network_configuration(value);
     if (const json_t *password = json_object_get(message.root, "robotpass")) {
         if (json_is_string(password)) {
-            pex_kvs_set_key_str("robot.password", json_string_value(password));
+            pex_kvs_set_key_str(kvs_key::kRobotPassword, json_string_value(password));
             robot_epoch_generate_new();
         } else {
             LOGE("json_string_value failed");

@@ -9,10 +9,13 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "kvs_keys.h"
 #include "log.h"
 #include "mqtt_client.h"
 #include "owned.h"
 #include "pex_kvs_helper.h"
+#include "tarn/robot_processes.h"
+#include "topics.h"
 #include "wifi_control.h"
 #include "wifi_netinfo.h"
 #include "wifi_settings.h"
@@ -22,9 +25,7 @@
 
 namespace {
 
-constexpr int kBluetoothManager = 0;  // its process number
 constexpr uint8_t kDhcp = 1;
-constexpr char kRobotEvents[] = "brisk/robot/events";
 
 using dotted = std::array<char, INET_ADDRSTRLEN>;
 
@@ -58,7 +59,7 @@ __attribute__((format(printf, 3, 4))) int append(char *text, int used, const cha
 // they are; a value that another process put into the store must not break receivers' parsers, so
 // it is escaped, and there is none when it is no UTF-8.
 MallocText quoted_ssid() {
-    const MallocText ssid(pex_kvs_get_key_str_malloc("network.ssid"));
+    const MallocText ssid(pex_kvs_get_key_str_malloc(kvs_key::kSsid));
     if (!ssid)
         return nullptr;
     const Json value(json_string(ssid.get()));
@@ -78,7 +79,8 @@ int make_wlcfg_json(char *text, const netinfo &info, const char *ssid) {
 
 void send_to_bluetooth_manager(const char *text) {
     std::array<char, kStatusTextSize> response{};
-    if (network_send_tarn_req(kBluetoothManager, text, response.data(), response.size()) != 0)
+    if (network_send_tarn_req(PROCESS_BLUETOOTH_MANAGER, text, response.data(), response.size()) !=
+        0)
         LOGE("network_send_tarn_req() failed");
 }
 
@@ -134,7 +136,7 @@ int wifi_send_wifistat(int bluetooth) {
     }
     const int length = make_wifistat_json(text.get());
     mqtt_client_send(nullptr, length, text.get());
-    mqtt_client_send(kRobotEvents, length, text.get());
+    mqtt_client_send(topic::kRobotEvents, length, text.get());
     if (bluetooth) {
         LOGD("Sending wifistat to bluetooth manager");
         send_to_bluetooth_manager(text.get());
@@ -169,14 +171,13 @@ int8_t wifi_send_wlcfg_json() {
 
 void send_command_to_robot(const char *command) {
     const size_t size = strlen(command) + sizeof(R"({"command":""})");
-    const MallocText topic(strdup("robot/debug"));
     const MallocText text(static_cast<char *>(malloc(size)));
-    if (!topic || !text) {
+    if (!text) {
         LOGE("malloc error");
         return;
     }
     const int length = snprintf(text.get(), size, R"({"command":"%s"})", command);
-    mqtt_client_send(topic.get(), length, text.get());
+    mqtt_client_send(topic::kRobotDebug, length, text.get());
 }
 
 int wifi_send_signal_levels(int connected) {

@@ -12,6 +12,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "kvs_keys.h"
 #include "log.h"
 #include "owned.h"
 #include "pex_kvs.h"
@@ -29,7 +30,7 @@ constexpr std::string_view kZeroId = "00000000000000000000000000000000";
 
 // Values that no log may show, those of other robot processes included.
 constexpr std::array<std::string_view, 10> kSecretKeys{
-    "network.password",          "robot.password",        "robot.epoch",
+    kvs_key::kPassword,          kvs_key::kRobotPassword, "robot.epoch",
     "robot.epoch_request",       "vstream.region",        "vstream.access_key_id",
     "vstream.secret_access_key", "vstream.session_token", "vstream.expiration_str",
     "vstream.streaming_channel",
@@ -170,7 +171,7 @@ int pex_kvs_is_valid_robot_id(const char *robot_id) {
 }
 
 char *pex_kvs_get_default_language_malloc() {
-    MallocText language(pex_kvs_get_key_str_malloc("product.language"));
+    MallocText language(pex_kvs_get_key_str_malloc(kvs_key::kLanguage));
     if (!language) {
         LOGE("Failed to get default language from KVS");
         return nullptr;

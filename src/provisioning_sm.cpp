@@ -17,6 +17,8 @@
 #include "owned.h"
 #include "pex_log_utils.h"
 #include "provisioning_state.h"
+#include "tarn/robot_processes.h"
+#include "topics.h"
 #include "wifi_connect.h"
 #include "wifi_control.h"
 #include "wifi_settings.h"
@@ -129,10 +131,6 @@ constexpr useconds_t kAfterLocalDisconnectUs = 100'000;
 constexpr int16_t kSoftApChannel = 6;
 constexpr char kSoftApMode[] = "g";
 
-constexpr int kProcessOnTest = 1;  // hears of the connect in a manufacturing test
-constexpr int kCloudProcess = 2;
-constexpr int kLocalAppProcess = 5;
-
 // --- parts of actions ----------------------------------------------------------------------------
 
 // Whole seconds in milliseconds, cut to 32 bits: the difference of two is right across the wrap.
@@ -169,7 +167,7 @@ void disassociate_station() {
 void disconnect_local_app() {
     constexpr char kRequest[] = R"({"event":"disconnect_local"})";
     std::array<char, 256> response{};
-    if (network_send_tarn_req(kLocalAppProcess, kRequest, response.data(), response.size()) != 0)
+    if (network_send_tarn_req(PROCESS_LOCAL_APP, kRequest, response.data(), response.size()) != 0)
         LOGE("Error publishing %s tarn request.", kRequest);
     usleep(kAfterLocalDisconnectUs);
 }
@@ -192,7 +190,7 @@ void stop_provisioning() {
 
 void tell_manufacturing_test() {
     std::array<char, 256> response{};
-    if (network_send_tarn_req(kProcessOnTest, R"({"wifistat": {"wifi": 8}})", response.data(),
+    if (network_send_tarn_req(PROCESS_FACTORY_TEST, R"({"wifistat": {"wifi": 8}})", response.data(),
                               response.size()) != 0)
         LOGE("network_send_tarn_req failed");
 }
@@ -308,7 +306,7 @@ void report_lease(step & /*s*/) {
     wifi_send_wifistat(0);
     wifi_send_netinfo(1);
     wifi_send_wlcfg_json();
-    mqtt_client_send("local/cmd", sizeof kIpDone - 1, kIpDone);
+    mqtt_client_send(topic::kLocalCommand, sizeof kIpDone - 1, kIpDone);
     wifictl_save_nw_info_to_kvs();
 }
 
@@ -330,7 +328,7 @@ void refuse_error(step & /*s*/) {
 }
 
 void reset_cloud_connection(step & /*s*/) {
-    network_send_tarn_event(kCloudProcess, R"({"event":"resetCloudConnection"})", 2);
+    network_send_tarn_event(PROCESS_CLOUD, R"({"event":"resetCloudConnection"})", 2);
     own.deadline = 0;
 }
 

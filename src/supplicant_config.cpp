@@ -10,6 +10,7 @@
 #include <new>
 #include <string>
 
+#include "kvs_keys.h"
 #include "log.h"
 #include "owned.h"
 #include "pex_kvs_helper.h"
@@ -237,7 +238,7 @@ Network settings() {
     const pending_settings pending = wifictl_copy_pending();
     if (pending.ssid[0] != '\0')
         return {pending.ssid, pending.pass, nullptr};
-    return {saved_text("network.ssid"), saved_text("network.password"), nullptr};
+    return {saved_text(kvs_key::kSsid), saved_text(kvs_key::kPassword), nullptr};
 }
 
 // What cannot be decoded is refused later, or still serves a network without passphrase.

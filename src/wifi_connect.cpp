@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "kvs_json.h"
+#include "kvs_keys.h"
 #include "log.h"
 #include "monitor_main.h"
 #include "owned.h"
@@ -51,7 +52,7 @@ void apply_saved_ip_config(const char *ip_config) {
 
 bool load_addr_type() {
     json_t *raw = nullptr;
-    const int result = kvs_get_json_from_key("network.addr_type", JSON_INTEGER, &raw);
+    const int result = kvs_get_json_from_key(kvs_key::kAddrType, JSON_INTEGER, &raw);
     const Json value(raw);
     if (result != 0 || !value) {
         LOGE("kvs_get_json_from_key failed");
@@ -134,9 +135,9 @@ void wifi_start_sta_from_kvs_configuration() {
     const StationOperation operation;
     if (wifi_link_is_started())
         return;
-    const MallocText ssid(pex_kvs_get_key_str_malloc("network.ssid"));
-    const MallocText pass(pex_kvs_get_key_str_malloc("network.password"));
-    const MallocText ip_config(pex_kvs_get_key_str_malloc("network.ip_config"));
+    const MallocText ssid(pex_kvs_get_key_str_malloc(kvs_key::kSsid));
+    const MallocText pass(pex_kvs_get_key_str_malloc(kvs_key::kPassword));
+    const MallocText ip_config(pex_kvs_get_key_str_malloc(kvs_key::kIpConfig));
     if (!ssid) {
         LOGE("failed to get ssid");
         return;

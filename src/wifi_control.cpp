@@ -13,6 +13,7 @@
 #include <optional>
 #include <string>
 
+#include "kvs_keys.h"
 #include "log.h"
 #include "owned.h"
 #include "pex_kvs_helper.h"
@@ -65,7 +66,7 @@ std::string soft_ap_name(const char *robot_id) {
 }
 
 void configure_soft_ap(int16_t channel, const char *mode) {
-    const MallocText robot_id(pex_kvs_get_key_str_malloc("product.robotid"));
+    const MallocText robot_id(pex_kvs_get_key_str_malloc(kvs_key::kRobotId));
     if (!robot_id) {
         LOGE("Error reading robot_id");
         return;
@@ -147,7 +148,7 @@ std::optional<std::string> ip_config_line() {
     std::string pending = wifictl_copy_pending().ip_config;
     if (!pending.empty())
         return pending;
-    const MallocText saved(pex_kvs_get_key_str_malloc("network.ip_config"));
+    const MallocText saved(pex_kvs_get_key_str_malloc(kvs_key::kIpConfig));
     if (!saved)
         return std::nullopt;
     return saved.get();

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <mutex>
 
+#include "kvs_keys.h"
 #include "log.h"
 #include "owned.h"
 #include "pex_kvs_helper.h"
@@ -23,7 +24,6 @@ const security_type security_types[] = {
 
 namespace {
 
-constexpr char kInterfaceKey[] = "network.interface";
 constexpr netinfo kNoNetinfo{0, 0xFFFFFFFF, 0, 0, 0, {}, kSecurityUnknown};
 
 std::mutex record_lock;
@@ -90,7 +90,7 @@ int wifi_read_netinfo(netinfo *out) {
         return -1;
     }
     *out = {};
-    const MallocText active(pex_kvs_get_key_str_malloc(kInterfaceKey));
+    const MallocText active(pex_kvs_get_key_str_malloc(kvs_key::kInterface));
     if (!active) {
         LOGE("%s: failed to get interface", "wifi_read_netinfo");
         return -1;

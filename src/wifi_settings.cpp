@@ -12,6 +12,7 @@
 #include <string_view>
 
 #include "kvs_json.h"
+#include "kvs_keys.h"
 #include "log.h"
 #include "owned.h"
 #include "pex_kvs.h"
@@ -22,12 +23,6 @@
 #define LOG_SOURCE "src/wifi_state"  // one source to log readers, with the state's lines
 
 namespace {
-
-constexpr char kSsidKey[] = "network.ssid";
-constexpr char kPassKey[] = "network.password";
-constexpr char kIpConfigKey[] = "network.ip_config";
-constexpr char kAddrTypeKey[] = "network.addr_type";
-constexpr char kInterfaceKey[] = "network.interface";
 
 constexpr uint8_t kDhcp = 1;
 constexpr int16_t kAddrTypeUnknown = -1;
@@ -47,7 +42,7 @@ constexpr auto kRelaxed = std::memory_order_relaxed;
 
 uint8_t saved_addr_type() {
     json_t *value = nullptr;
-    if (kvs_get_json_from_key(kAddrTypeKey, JSON_INTEGER, &value) != 0)
+    if (kvs_get_json_from_key(kvs_key::kAddrType, JSON_INTEGER, &value) != 0)
         return kDhcp;
     const Json owner(value);
     return static_cast<uint8_t>(json_integer_value(value));
@@ -108,20 +103,20 @@ void derive_psk(pending_settings &settings) {
 
 void save_pass(pending_settings &settings) {
     if (settings.pass[0] == '\0') {
-        if (pex_kvs_del_key(kPassKey) != 0)
-            LOGE("could not remove %s ", kPassKey);
+        if (pex_kvs_del_key(kvs_key::kPassword) != 0)
+            LOGE("could not remove %s ", kvs_key::kPassword);
         return;
     }
     derive_psk(settings);
-    if (pex_kvs_set_key_str(kPassKey, settings.pass) != 0)
-        LOGE("could not save passphrase to %s", kPassKey);
+    if (pex_kvs_set_key_str(kvs_key::kPassword, settings.pass) != 0)
+        LOGE("could not save passphrase to %s", kvs_key::kPassword);
 }
 
 void save_addr_type() {
     char type[8];
     snprintf(type, sizeof(type), "%d", wifi_get_addr_type());
-    if (pex_kvs_set_key_str(kAddrTypeKey, type) != 0)
-        LOGE("could not save %s %s", kAddrTypeKey, type);
+    if (pex_kvs_set_key_str(kvs_key::kAddrType, type) != 0)
+        LOGE("could not save %s %s", kvs_key::kAddrType, type);
 }
 
 // --- interface names -----------------------------------------------------------------------------
@@ -197,21 +192,21 @@ pending_settings wifictl_copy_pending() {
 
 void wifictl_save_nw_info_to_kvs() {
     pending_settings settings = wifictl_copy_pending();
-    if (pex_kvs_set_key_str(kSsidKey, settings.ssid) != 0)
-        LOGE("could not save %s %s", kSsidKey, settings.ssid);
+    if (pex_kvs_set_key_str(kvs_key::kSsid, settings.ssid) != 0)
+        LOGE("could not save %s %s", kvs_key::kSsid, settings.ssid);
     save_pass(settings);
-    if (pex_kvs_set_key_str(kIpConfigKey, settings.ip_config) != 0)
-        LOGE("failed to save ip config to %s", kIpConfigKey);
+    if (pex_kvs_set_key_str(kvs_key::kIpConfig, settings.ip_config) != 0)
+        LOGE("failed to save ip config to %s", kvs_key::kIpConfig);
     save_addr_type();
 }
 
 int set_active_ifname(const char *name) {
     char stored[256];
     size_t length = sizeof(stored);
-    if (pex_kvs_get_key_str(kInterfaceKey, stored, &length) == 0 &&
+    if (pex_kvs_get_key_str(kvs_key::kInterface, stored, &length) == 0 &&
         strncmp(stored, name, sizeof(stored)) == 0)
         return 0;
-    return pex_kvs_set_key_str(kInterfaceKey, name);
+    return pex_kvs_set_key_str(kvs_key::kInterface, name);
 }
 
 void wifi_set_station_interface_name(const char *name) {

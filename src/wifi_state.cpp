@@ -7,6 +7,7 @@
 #include <mutex>
 
 #include "kvs_json.h"
+#include "kvs_keys.h"
 #include "log.h"
 #include "owned.h"
 #include "pex_kvs_helper.h"
@@ -18,8 +19,6 @@
 #define LOG_SOURCE "src/wifi_state"
 
 namespace {
-
-constexpr char kProvStatusKey[] = "network.last_prov_status";
 
 std::mutex state_lock;
 std::atomic<int32_t> wifi{WIFI_OFF};
@@ -62,7 +61,7 @@ void save_prov_status(int32_t state) {
         LOGE("pex_get_string_from_int failed");
         return;
     }
-    pex_kvs_set_key_str(kProvStatusKey, text.get());
+    pex_kvs_set_key_str(kvs_key::kLastProvStatus, text.get());
 }
 
 // What a new state entails; the state lock is held.
@@ -116,7 +115,7 @@ int wifi_state_get_last_prov_status() {
     json_t *value = nullptr;
     {
         const std::lock_guard lock(state_lock);
-        if (kvs_get_json_from_key(kProvStatusKey, JSON_INTEGER, &value) != 0)
+        if (kvs_get_json_from_key(kvs_key::kLastProvStatus, JSON_INTEGER, &value) != 0)
             value = nullptr;
     }
     const Json owner(value);

@@ -15,6 +15,7 @@
 #include "pex_misc.h"
 #include "provisioning_sm.h"
 #include "provisioning_state.h"
+#include "tarn/robot_processes.h"
 #include "wifi_command.h"
 #include "wifi_control.h"
 #include "wifi_netinfo.h"
@@ -24,8 +25,6 @@
 #define LOG_SOURCE "src/wifi_control"  // one source to log readers for all of Wi-Fi control
 
 namespace {
-
-constexpr int kStaRequestDestination = 10;
 
 // Main thread only.
 bool lease_renewed = false;  // a renewal was asked for since the network went down
@@ -129,7 +128,7 @@ void handle_status_line(char *line, security_seen &seen) {
 // True when the process answered.
 bool send_sta_request(const char *text) {
     std::array<char, 256> response{};
-    return network_send_tarn_req(kStaRequestDestination, text, response.data(), response.size()) ==
+    return network_send_tarn_req(PROCESS_STATION_STATUS, text, response.data(), response.size()) ==
            0;
 }
 

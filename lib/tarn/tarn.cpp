@@ -20,21 +20,20 @@
 #include <vector>
 
 #include "log.h"
+#include "tarn/robot_processes.h"
 
 #define LOG_SOURCE "lib/tarn"
 
 namespace {
-
-constexpr int kNetworkProcess = 6;
 
 struct process_name {
     int number;
     std::string_view name;
 };
 constexpr std::array kProcesses{
-    process_name{0, "btmanager"},
-    process_name{6, "network"},
-    process_name{12, "corehub"},
+    process_name{PROCESS_BLUETOOTH_MANAGER, "btmanager"},
+    process_name{PROCESS_NETWORK, "network"},
+    process_name{PROCESS_CORE, "corehub"},
 };
 
 constexpr std::string_view kPrefix = "tarn";
@@ -82,7 +81,7 @@ struct shared_state {
     tarn_send_cb send = nullptr;
     void *fn_data = nullptr;
     log_handle *log = nullptr;
-    std::atomic<int> process{kNetworkProcess};
+    std::atomic<int> process{PROCESS_NETWORK};
     bool closed = false;
     int callers = 0;  // threads inside a transfer
     Condition callers_gone;

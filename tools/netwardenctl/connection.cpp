@@ -17,6 +17,7 @@
 #include "log.h"
 #include "mqttapp/mqtt_app.h"
 #include "owned.h"
+#include "tarn/robot_processes.h"
 #include "tarn/tarn.h"
 #include "text.h"
 
@@ -24,8 +25,6 @@ namespace ctl {
 
 namespace {
 
-constexpr int kDaemon = 6;
-constexpr int kOurProcess = 30;  // of the robot's process numbers; none of its own
 constexpr char kOurTopics[] = "tarn/30/#";
 constexpr size_t kResponseSize = 4096;
 // A flood loses messages, not memory.
@@ -144,7 +143,7 @@ void Connection::start(const std::vector<std::string> &topics) {
     transport_ = tarn_lib_init(send_text, app_, get_log_handle());
     if (transport_ == nullptr)
         throw std::bad_alloc();
-    tarn_lib_set_process(transport_, kOurProcess);
+    tarn_lib_set_process(transport_, PROCESS_CLIENT);
     current->transport = transport_;
     current->runner = std::thread([app = app_] { mqtt_app_run(app); });
 }
@@ -164,8 +163,9 @@ std::optional<std::string> Connection::try_ask(const std::string &request, doubl
     Signal done;
     // The transfer waits on a thread of its own, so that Ctrl-C ends it.
     std::thread transfer([&] {
-        result = tarn_transfer(handle, kOurProcess, kDaemon, request.c_str(), response.data(),
-                               response.size(), static_cast<int>(std::ceil(limit_s)));
+        result =
+            tarn_transfer(handle, PROCESS_CLIENT, PROCESS_NETWORK, request.c_str(), response.data(),
+                          response.size(), static_cast<int>(std::ceil(limit_s)));
         done.raise();
     });
     try {
