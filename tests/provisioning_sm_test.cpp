@@ -1,7 +1,13 @@
-// The provisioning machine, tick by tick, on a robot whose tools succeed: what it runs, what it
-// says.
+// The provisioning machine: what each event does in each state, in order, and what time does.
 #include "provisioning_sm.h"
 
+#include <regex>
+#include <sstream>
+
+#include "bus.h"
+#include "log.h"
+#include "mqttapp/mqtt_app.h"
+#include "process_handles.h"
 #include "provisioning_state.h"
 #include "wifi_robot.h"
 #include "wifi_settings.h"
@@ -9,74 +15,203 @@
 
 namespace {
 
-using testing::ElementsAre;
+using Line = std::regex;
+
+// What a line of the log stands for in a story; a line that is none of these is left out.
+const std::pair<Line, const char *> kWords[] = {
+    {Line(R"-(\$ ifdown wlan0)-"), "sta-"},
+    {Line(R"-(\$ ifup wlan0)-"), "sta+"},
+    {Line("SoftAP is down"), "ap-"},
+    {Line("SoftAP is up"), "ap+"},
+    {Line("provisioning_\\w+: failed to (stop|turn on) softAP( for training)?$"), "ap!"},
+    {Line("provisioning_stop: failed to stop stop station"), "sta!"},
+    {Line(R"-(\$ provision --clmode)-"), "ip"},
+    {Line(R"-(\$ hostapd_cli -iwlan1 disassociate 02:03:04:05:06:07)-"), "phone-"},
+    {Line(R"-(\$ wpa_cli -iwlan0 select_network 0)-"), "select"},
+    {Line("setting network.(?:last_prov_(status)|(ssid)) to (\\w+)"), "$1$2$3"},
+    {Line(R"-(topic network/events, message ."(wifistat|netinfo|wlcfg)":)-"), "$1"},
+    {Line(R"-(topic robot/debug, message ."command":"(\w+)".$)-"), "$1"},
+    {Line(R"-(topic local/cmd, message ."command":"(ipdone)".$)-"), "$1"},
+    {Line(R"-(tarn/5/req/network/\d+ ."event":"disconnect_local".$)-"), "local-"},
+    {Line(R"-(tarn/1/req/network/\d+ ."wifistat": ."wifi": 8..$)-"), "test8"},
+    {Line(R"-(tarn/2/event/network/\d+ ."event":"resetCloudConnection".$)-"), "cloud"},
+    {Line("Provisioning re-started while in state \\w+$"), "again"},
+    {Line("provisioning (?:(started)|(stopped) in state (\\d))$"), "$1$2$3"},
+    {Line("pex_system.*prov-fail-wifilog"), "captured"},
+    {Line("Error unexpected event PROVISIONING_WACTIVATED , ignoring$|Not able to (retry password|"
+          "transition to PROVISIONING_ERROR) due to current state$"),
+     "refused"},
+    {Line("ignoring (prov |train )?abort due to button debounce timer$"), "$1bounce"},
+    {Line("Unhandled (prov|training) event \\w+$"), "unhandled-$1"},
+    {Line("provisioning state \\w+ -> (\\w+)$"), "->$1"},
+};
 
 class ProvisioningMachine : public WifiRobot {
   protected:
     void SetUp() override {
         WifiRobot::SetUp();
-        fake("provision", "exit 0");
-        fake("hostapd_cli", "exit 0");
+        fake("sudo",
+             "logger -- \"$ $*\"\n"
+             "case $* in \"$(cat /tmp/fails)\"*) exit 1; esac\n"
+             "exec \"$@\"");
+        write_file("/tmp/fails", "nothing");
+        write_file("/opt/halvik/bin/wifilogs.sh", "#!/run/fakes/dash\n", 0755);
+        app_ = mqtt_app_create("test");
+        const char *const topics[] = {"#", nullptr};
+        mqtt_app_init(app_, topics, [](mqtt_app *, const mqtt_app_message *) {});
+        exchange_mqtt_app(app_);
         wifi_init_wifistat();
         wifictl_set_ssid("41");
         wifictl_set_ip_config("sudo provision --clmode dhcp \n");
+        wifictl_save_nw_info_to_kvs();
+    }
+    void TearDown() override {
+        mqtt_app_exit(exchange_mqtt_app(nullptr));
+        WifiRobot::TearDown();
     }
 
-    // Posts and executes at the second `now`; the shell lines that were run.
-    static Lines run(int event, long now) {
-        forget_commands();
+    // The story of an event that is executed at the second `now`, and of what it leads to.
+    std::string run(int event, long now) {
+        forget_log();
         provisioning_state_machine(event);
         provisioning_timer_tick(now);
-        return commands();
+        std::istringstream log(log_text());
+        std::string story;
+        for (std::string line; std::getline(log, line);)
+            for (const auto &[pattern, word] : kWords)
+                if (std::smatch match; std::regex_search(line, match, pattern)) {
+                    story += (story.empty() ? "" : " ") + match.format(word);
+                    break;
+                }
+        return story;
     }
 
-    // The network fails to come up in a state that only a tick can tell.
-    bool in_state(const char *name) {
-        provisioning_state_machine(PE_NONE);
-        provisioning_timer_tick(1);
-        return logged(std::string("rx event PE_NONE in state ") + name);
-    }
+  private:
+    mqtt_app *app_ = nullptr;
+    Bus bus_{[](const std::string &topic, const std::string &text) {
+        log_format(nullptr, LOG_LEVEL_DBG, "test", __LINE__, "%s %s", topic.c_str(), text.c_str());
+        return std::optional<std::string>("ok");
+    }};
 };
 
-TEST_F(ProvisioningMachine, FromSoftApToConnected) {
-    kvs_set("product.robotid", "0123456789");
-    EXPECT_THAT(
-        run(PROVISIONING_ACTIVATED, 100),
-        ElementsAre("sudo ifdown wlan0",
-                    "sudo network_device_interfaces_control.sh --interface=monitor --action=del",
-                    "sleep 1",
-                    "sudo network_device_interfaces_control.sh --interface=softap --action=add",
-                    "sleep 1", "sudo provision --apssid Plover-0123 --apchan 6 --aphwmode g \n",
-                    "sudo ifdown wlan1", "sudo ifup wlan1", "sudo hostapd_cli -ip2p0 all_sta\n"));
-    EXPECT_NE(is_robot_provisioning(), 0);
-    EXPECT_THAT(run(PROVISIONING_WACTIVATED, 101),
-                ElementsAre("sudo hostapd_cli -ip2p0 all_sta\n"));
-    EXPECT_TRUE(logged("Error unexpected event PROVISIONING_WACTIVATED , ignoring"));
-    EXPECT_THAT(run(PROVISIONING_NETWORK_CONFIG_RX, 102),
-                ElementsAre("sudo provision --clmode dhcp \n"));
-    EXPECT_THAT(
-        run(PROVISIONING_WACTIVATED, 103),
-        ElementsAre("sudo ifdown wlan1",
-                    "sudo network_device_interfaces_control.sh --interface=softap --action=del",
-                    "sleep 1", "sudo ifdown wlan0", "sleep 1", "sudo ifup wlan0",
-                    "sudo wpa_cli -iwlan0 reconfigure\n"));
-    run(PROVISIONING_RETRY_PASSWORD, 104);
-    EXPECT_THAT(commands(), ElementsAre("sudo wpa_cli -iwlan0 select_network 0"));
-    run(PROVISIONING_DHCP_COMPLETE, 105);
-    EXPECT_EQ(kvs_get("network.ssid"), "41");
-    run(PROVISIONING_COMPLETE, 106);
-    EXPECT_EQ(is_robot_provisioning(), 0);
-    EXPECT_EQ(is_wifi_state_update_after_prov_done(), 1);
+TEST_F(ProvisioningMachine, DoesWhatAnEventMeansInAState) {
+    const std::string home = "->PS_NONE ip sta- sta+";
+    const std::string train = "sta- ap+ trainstart ->TRAINING_MODE";
+    const std::string config_rx = "->WAITING_FOR_NETWORK_CONFIG_RX";
+    const std::string error = " wifistat sta- " + config_rx;
+    constexpr char kAp[] = "ifdown wlan1";
+    constexpr char kSta[] = "ifdown wlan0";
+    const struct {
+        provisioning_state from;
+        int event;
+        std::string story;
+        const char *fails = "nothing";
+    } rows[] = {
+        {PS_NONE, MFG_WIFI_TEST, "sta- " + config_rx + " unhandled-prov"},
+        {TRAINING_MODE, MFG_WIFI_TEST, "sta- " + config_rx + " unhandled-prov"},
+        {PS_NONE, TRAIN_START, train},
+        {PS_NONE, TRAIN_START, "sta- ap!", kAp},
+        {WAITING_FOR_IP_DONE, TRAIN_START,
+         "provabort ap- sta- stopped4 captured ->PS_NONE " + train},
+        {TRAINING_MODE, TRAIN_START, ""},
+        {PS_NONE, PROVISIONING_ACTIVATED, "provstart local- sta- ap+ started " + config_rx},
+        {WAITING_FOR_DHCP_COMPLETE, PROVISIONING_ACTIVATED,
+         "again provstart local- sta- started " + config_rx},
+        {TRAINING_MODE, PROVISIONING_ACTIVATED,
+         "ap- ->PS_NONE trainabort provstart local- sta- ap+ started " + config_rx},
+        {TRAINING_MODE, PROVISIONING_ACTIVATED,
+         "ap! trainabort again provstart local- sta- started " + config_rx, kAp},
+        {PS_NONE, PROVISIONING_TIMEOUT, ""},
+        {WAITING_FOR_WACTIVATE, PROVISIONING_TIMEOUT,
+         "provfail ap- sta- stopped2 captured " + home},
+        {WAITING_FOR_WACTIVATE, PROVISIONING_TIMEOUT, "provfail ap! sta- stopped2 captured " + home,
+         kAp},
+        {TRAINING_MODE, PROVISIONING_TIMEOUT, "unhandled-training"},
+        {PS_NONE, PROVISIONING_ABORT, ""},
+        {TRAINING_MODE, PROVISIONING_ABORT, ""},
+        {WAITING_FOR_NETWORK_CONFIG_RX, PROVISIONING_ABORT,
+         "provabort ap- sta- stopped1 captured " + home},
+        {WAITING_FOR_NETWORK_CONFIG_RX, PROVISIONING_ABORT,
+         "provabort ap- sta- sta! stopped1 captured " + home, kSta},
+        {PS_NONE, PROVISIONING_NETWORK_CONFIG_RX, "ip wlcfg ->WAITING_FOR_WACTIVATE"},
+        {WAITING_FOR_WACTIVATE, PROVISIONING_NETWORK_CONFIG_RX, "ip wlcfg"},
+        {WAITING_FOR_DHCP_COMPLETE, PROVISIONING_NETWORK_STATIC_CONFIG_RX,
+         "sta- ip wlcfg ->WAITING_FOR_WACTIVATE"},
+        {WAITING_FOR_WACTIVATE, PROVISIONING_NETWORK_CONFIG_RX, "ip status10" + error, "provision"},
+        {WAITING_FOR_WACTIVATE, PROVISIONING_WACTIVATED,
+         "local- ap- status8 wifistat sta- sta+ status8 ->WAITING_FOR_DHCP_COMPLETE"},
+        {WAITING_FOR_WACTIVATE, PROVISIONING_WACTIVATED,
+         "local- ap- status8 wifistat sta- sta+ status10 ->WAITING_FOR_DHCP_COMPLETE" + error,
+         "ifup"},
+        {WAITING_FOR_WACTIVATE, PROVISIONING_WACTIVATED,
+         "local- status10 ->WAITING_FOR_DHCP_COMPLETE" + error, kAp},
+        {WAITING_FOR_DHCP_COMPLETE, PROVISIONING_WACTIVATED, "refused"},
+        {WAITING_FOR_DHCP_COMPLETE, PROVISIONING_DHCP_COMPLETE,
+         "wifistat netinfo wlcfg ipdone ssid41 ->WAITING_FOR_IP_DONE"},
+        {WAITING_FOR_WACTIVATE, PROVISIONING_DHCP_COMPLETE, ""},
+        {WAITING_FOR_DHCP_COMPLETE, PROVISIONING_RETRY_PASSWORD, "select"},
+        {WAITING_FOR_IP_DONE, PROVISIONING_RETRY_PASSWORD, "refused"},
+        {WAITING_FOR_IP_DONE, PROVISIONING_ERROR, error.substr(1)},
+        {PS_NONE, PROVISIONING_ERROR, "refused"},
+        {WAITING_FOR_IP_DONE, PROVISIONING_COMPLETE, "cloud ->PS_NONE ap-"},
+        {WAITING_FOR_DHCP_COMPLETE, PROVISIONING_COMPLETE, "ap-"},
+        {WAITING_FOR_DHCP_COMPLETE, TRAIN_CONNECT, "unhandled-prov"},
+        {TRAINING_MODE, TRAIN_CONNECT, "trainconnect"},
+        {TRAINING_MODE, TRAIN_DISCONNECT, "traindisconnect"},
+        {TRAINING_MODE, TRAIN_ABORT, "ap- ip sta- sta+ ->PS_NONE trainabort"},
+        {TRAINING_MODE, TRAIN_END, "ap- ip sta- sta+ ->PS_NONE traindone"},
+        {TRAINING_MODE, TRAIN_END, "ap! traindone", kAp},
+    };
+    long now = 1000;
+    for (const auto &row : rows) {
+        wifi_network_disconnect();
+        provisioning_enter_state(row.from);
+        wifi_state_set_uap(row.from != PS_NONE);
+        write_file("/tmp/fails", row.fails);
+        EXPECT_EQ(run(row.event, now += 2), row.story)
+            << provisioning_state_name(row.from) << ", event " << row.event;
+        write_file("/tmp/fails", "nothing");
+        EXPECT_EQ(times_logged("rx event PROVISIONING_ABORT"),
+                  row.event == PROVISIONING_ABORT && !row.story.empty());
+    }
 }
 
-TEST_F(ProvisioningMachine, AbortIsIgnoredInTheSecondOfTheStart) {
+TEST_F(ProvisioningMachine, APhoneIsMetAndSentAway) {
+    fake("hostapd_cli", "echo 02:03:04:05:06:07");
+    const std::string start = "provstart local- sta- ";
+    const std::string started = "started ->WAITING_FOR_NETWORK_CONFIG_RX softapconnect";
+    EXPECT_EQ(run(PROVISIONING_ACTIVATED, 100), start + "ap+ " + started);
+    EXPECT_EQ(run(PROVISIONING_NETWORK_CONFIG_RX, 101), "ip wlcfg ->WAITING_FOR_WACTIVATE");
+    EXPECT_EQ(run(PROVISIONING_ACTIVATED, 102), "again phone- " + start + started);
+    run(PROVISIONING_NETWORK_CONFIG_RX, 103);
+    EXPECT_EQ(run(PROVISIONING_WACTIVATED, 104),
+              "local- phone- ap- status8 wifistat sta- sta+ status8 ->WAITING_FOR_DHCP_COMPLETE");
+    run(PROVISIONING_DHCP_COMPLETE, 105);
+    run(PROVISIONING_COMPLETE, 106);
+    EXPECT_EQ(is_wifi_state_update_after_prov_done(), 1);
+    run(PROVISIONING_ACTIVATED, 107);
+    EXPECT_EQ(is_wifi_state_update_after_prov_done(), 0);
+}
+
+TEST_F(ProvisioningMachine, AManufacturingTestEndsWithTheConnect) {
+    const std::string connect = "local- ap- status8 wifistat ";
+    for (const auto &[event, end] :
+         {std::pair(MFG_WIFI_TEST, "test8 sta- sta+ status8 ->PS_NONE"),
+          std::pair(PROVISIONING_ACTIVATED, "sta- sta+ status8 ->WAITING_FOR_DHCP_COMPLETE")}) {
+        run(event, 100);
+        run(PROVISIONING_NETWORK_CONFIG_RX, 101);
+        EXPECT_EQ(run(PROVISIONING_WACTIVATED, 102), connect + end);
+    }
+}
+
+TEST_F(ProvisioningMachine, AButtonIsIgnoredInTheSecondOfTheStart) {
     run(PROVISIONING_ACTIVATED, 100);
-    EXPECT_THAT(run(PROVISIONING_ABORT, 100), ElementsAre("sudo hostapd_cli -ip2p0 all_sta\n"));
-    EXPECT_TRUE(logged("ignoring abort due to button debounce timer"));
-    EXPECT_TRUE(logged("ignoring prov abort due to button debounce timer"));
-    run(PROVISIONING_ABORT, 101);
-    EXPECT_TRUE(logged("provisioning stopped in state 1"));
-    EXPECT_EQ(is_robot_provisioning(), 0);
+    EXPECT_EQ(run(PROVISIONING_ABORT, 100), "bounce prov bounce");
+    EXPECT_NE(is_robot_provisioning(), 0);
+    run(TRAIN_START, 101);
+    EXPECT_EQ(run(TRAIN_ABORT, 101), "bounce train bounce");
+    EXPECT_NE(is_robot_training(), 0);
+    run(TRAIN_ABORT, 102);
     run(MFG_WIFI_TEST, 102);
     run(PROVISIONING_ABORT, 30L * 24 * 3600);  // the milliseconds have wrapped since the start
     EXPECT_EQ(is_robot_provisioning(), 0);
@@ -92,26 +227,12 @@ TEST_F(ProvisioningMachine, TimesOutAfterTwentyMinutes) {
     EXPECT_EQ(is_robot_provisioning(), 0);
 }
 
-TEST_F(ProvisioningMachine, ErrorsKeepTheSoftApAndTheStatus) {
-    run(PROVISIONING_ACTIVATED, 100);
-    run(PROVISIONING_NETWORK_STATIC_CONFIG_RX, 101);
-    fake("ifup", "exit 1");
-    run(PROVISIONING_WACTIVATED, 102);
-    EXPECT_TRUE(logged("failed to start station interface"));
-    EXPECT_TRUE(in_state("WAITING_FOR_NETWORK_CONFIG_RX"));
-    EXPECT_EQ(kvs_get("network.last_prov_status"), "10");
-    run(PROVISIONING_ACTIVATED, 103);
-    EXPECT_TRUE(logged("Provisioning re-started while in state WAITING_FOR_NETWORK_CONFIG_RX"));
-}
-
 TEST_F(ProvisioningMachine, TrainingEndsByItsCounterUnlessTheAppIsThere) {
     const auto ticks = [](int count) {
         for (int i = 0; i < count; i++)
             provisioning_timer_tick(200);
     };
     run(TRAIN_START, 100);
-    EXPECT_NE(is_robot_training(), 0);
-    EXPECT_EQ(is_robot_provisioning(), 0);
     run(TRAIN_CONNECT, 101);
     ticks(7300);
     EXPECT_NE(is_robot_training(), 0);
@@ -120,9 +241,6 @@ TEST_F(ProvisioningMachine, TrainingEndsByItsCounterUnlessTheAppIsThere) {
     EXPECT_NE(is_robot_training(), 0);
     ticks(2);
     EXPECT_EQ(is_robot_training(), 0);
-    run(MFG_WIFI_TEST, 300);
-    EXPECT_TRUE(logged("Unhandled prov event MFG_WIFI_TEST"));
-    EXPECT_NE(is_robot_provisioning(), 0);
 }
 
 }  // namespace

@@ -8,6 +8,18 @@ namespace {
 
 using EventRing = Robot;
 using DeviceTracking = Robot;
+using ProvisioningState = Robot;
+
+TEST_F(ProvisioningState, TrainingIsNoProvisioning) {
+    for (int value = PS_NONE; value <= TRAINING_MODE; value++) {
+        for (int times = 0; times < 2; times++)
+            provisioning_enter_state(static_cast<provisioning_state>(value));
+        EXPECT_EQ(is_robot_provisioning() != 0, value >= 1 && value <= 4) << value;
+        EXPECT_EQ(is_robot_training() != 0, value == 5) << value;
+    }
+    EXPECT_EQ(times_logged("provisioning state "), 5);
+    EXPECT_TRUE(logged_as("DBG", "provisioning state WAITING_FOR_IP_DONE -> TRAINING_MODE"));
+}
 
 TEST_F(EventRing, SevenPostsAreExecutedTheEighthLosesAll) {
     for (const int posts : {7, 8}) {
