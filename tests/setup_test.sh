@@ -90,6 +90,7 @@ check "robots of an older release are not built for with a newer C library" \
 check "a processor that left keeps its last release" prints bookworm on Debian debian 13 trixie lab/image/suite mipsel
 check "the others have the machine's" prints trixie on Debian debian 13 trixie lab/image/suite armhf
 
+check "a machine whose apt knows no Debian names no mirror" prints "" lab/image/sources trixie
 fake apt-get <<'APT'
 echo "Debian deb http://mirror.home/bookworm/debian/ bookworm main"
 echo "Debian deb http://mirror.home/bookworm/debian/ bookworm-updates main"
