@@ -184,14 +184,10 @@ int run(const Arguments &arguments) {
         return fail(failure.code, failure.what());
     } catch (const Interrupted &) {
         return kInterrupted;
-    } catch (const std::exception &error) {
-        return fail(kRefused, error.what());
     }
 }
 
-}  // namespace
-
-int main(int argc, char **argv) {
+int netwardenctl(int argc, char **argv) {
     Arguments arguments;
     CLI::App app("Talks to a robot's netwarden over its broker and its discovery probe.",
                  "netwardenctl");
@@ -204,4 +200,15 @@ int main(int argc, char **argv) {
         return app.exit(error) == 0 ? kDone : kUsage;
     }
     return run(arguments);
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+    try {
+        return netwardenctl(argc, argv);
+    } catch (const std::exception &error) {
+        fprintf(stderr, "netwardenctl: %s\n", error.what());
+        return kRefused;
+    }
 }
