@@ -17,6 +17,18 @@
 // the module's name. 0 or -1; `detail` (may be null) gets the exit code or an errno.
 int pex_system(const char *module, const char *command, int *detail);
 
+// How a command line ended: with exit code 0, with another (`value`), by a signal (`value` is the
+// raw wait status), or without that anybody knows: somebody else reaped it, or it was not run.
+enum class command_end { done, failed, signalled, reaped, not_run };
+struct command_outcome {
+    command_end end;
+    int value;
+};
+
+// Runs a command line through the C library's system(), says nothing to the log, and leaves errno
+// as that left it. Each caller makes of the outcome what it has promised its own callers.
+command_outcome pex_run(const char *command);
+
 // The rest of a stream as text, freed by the caller, `*length` with its terminator; null and 0
 // when there was nothing.
 char *pex_read_terminated_stream(FILE *stream, size_t *length);

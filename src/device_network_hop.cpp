@@ -20,6 +20,7 @@
 #include "mqtt_client.h"
 #include "pex_misc.h"
 #include "pthread_utils.h"
+#include "supplicant_status.h"
 #include "topics.h"
 
 #define LOG_SOURCE "src/device_pinger"  // one source to log readers, as the pinger paces the hops
@@ -78,12 +79,12 @@ bool link_is_up() {
         LOGE("failed to get status");
         return false;
     }
-    const char *state = strstr(reply.get(), "wpa_state");
+    const char *state = supplicant_status_after(reply.get(), "wpa_state");
     if (state == nullptr) {
         LOGE("unexpected status output");
         return false;
     }
-    return std::string_view(state).starts_with("wpa_state=COMPLETED");
+    return std::string_view(state).starts_with("=COMPLETED");
 }
 
 bool wait_for_link() {
@@ -94,12 +95,6 @@ bool wait_for_link() {
     }
     LOGW("not connected, cannot get bssid");
     return false;
-}
-
-// The text behind the first `key`, null when there is none.
-const char *value_of(const char *status, std::string_view key) {
-    const char *found = strstr(status, key.data());
-    return found != nullptr ? found + key.size() : nullptr;
 }
 
 // The link's access point, its signal left at 0; an empty entry when it cannot be read.
@@ -344,7 +339,7 @@ int get_current_bssid(char **bssid, int32_t *frequency) {
 }
 
 int parse_link_status(const char *status, channel_info *link) {
-    const char *bssid = value_of(status, "bssid=");
+    const char *bssid = supplicant_status_after(status, "bssid=");
     const char *end = bssid != nullptr ? strchr(bssid, '\n') : nullptr;
     if (end == nullptr) {
         LOGE("unexpected wpa supplicant status output");
@@ -355,7 +350,7 @@ int parse_link_status(const char *status, channel_info *link) {
         LOGE("strdup failed");
         return 0;
     }
-    const char *frequency = value_of(status, "freq=");
+    const char *frequency = supplicant_status_after(status, "freq=");
     if (frequency == nullptr) {
         LOGE("unexpected wpa supplicant status output");
         return 0;

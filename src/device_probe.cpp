@@ -58,7 +58,7 @@ void store_reply(ping_request &request, std::string_view mac) {
 bool read_replies(FILE *output, ping_request &request) {
     std::array<char, kLineSize> line{};
     bool replied = false;
-    while (fgets(line.data(), line.size(), output) != nullptr)
+    while (pex_read_line(output, line))
         if (const auto mac = arping_reply(line.data(), arping_peer::device)) {
             store_reply(request, *mac);
             replied = true;

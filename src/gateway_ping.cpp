@@ -9,6 +9,7 @@
 #include "arping.h"
 #include "log.h"
 #include "owned.h"
+#include "pex_misc.h"
 #include "wifi_netinfo.h"
 #include "wifi_settings.h"
 
@@ -24,7 +25,7 @@ gateway_answer find_reply(FILE *output) {
         LOGE("malloc error");
         return gateway_answer::not_run;
     }
-    while (fgets(line.get(), kLineSize, output) != nullptr)
+    while (pex_read_line(output, {line.get(), kLineSize}))
         if (const auto mac = arping_reply(line.get(), arping_peer::gateway)) {
             LOGD("received gateway reply, mac addr: %.*s", static_cast<int>(mac->size()),
                  mac->data());

@@ -46,12 +46,19 @@ MallocText new_text(size_t size) {
     return MallocText(static_cast<char *>(malloc(size)));
 }
 
+command_outcome outcome_of(int status) {
+    if (!WIFEXITED(status))
+        return {command_end::signalled, status};
+    const int code = WEXITSTATUS(status);
+    return {code == 0 ? command_end::done : command_end::failed, code};
+}
+
 // The messages begin with a newline: log readers match on it.
 int classify(const char *module, const char *command, int status, int *detail) {
     int ignored;
     int &out = detail != nullptr ? *detail : ignored;
-    const int code = WEXITSTATUS(status);
-    if ((status & 0x7f) != 0) {
+    const auto [end, code] = outcome_of(status);
+    if (end == command_end::signalled) {
         out = errno;
         if (errno == ECHILD)
             LOGE("\nMODULE : %s system(%s) failed due to ECHILD error with ret = %d", module,
@@ -62,7 +69,7 @@ int classify(const char *module, const char *command, int status, int *detail) {
         return -1;
     }
     out = code;
-    if (code == 0) {
+    if (end == command_end::done) {
         LOGD("\nMODULE : %s CMD (%s) SUCCESS with status = %d, ret = %d", module, command, 0,
              status);
         return 0;
@@ -116,6 +123,13 @@ int pex_system(const char *module, const char *command, int *detail) {
     if (waitpid(child, &status, 0) == -1)
         status = 0x7f;  // no status: counts as one with the low bits set
     return classify(module, command, status, detail);
+}
+
+command_outcome pex_run(const char *command) {
+    const int status = system(command);
+    if (status == -1)
+        return {errno == ECHILD ? command_end::reaped : command_end::not_run, -1};
+    return outcome_of(status);
 }
 
 char *pex_read_terminated_stream(FILE *stream, size_t *length) {

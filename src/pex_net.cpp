@@ -69,7 +69,7 @@ std::optional<std::string> first_line(const char *command, size_t size) {
         return std::nullopt;
     }
     std::string line(size, '\0');
-    if (fgets(line.data(), static_cast<int>(size), output.get()) == nullptr)
+    if (!pex_read_line(output.get(), line))
         return "";
     line.resize(strlen(line.c_str()));
     return line;

@@ -1,10 +1,8 @@
 #include "wifi_command.h"
 
 #include <pthread.h>
-#include <sys/wait.h>
 
 #include <cerrno>
-#include <cstdlib>
 
 #include "log.h"
 #include "pex_misc.h"
@@ -32,23 +30,24 @@ int wifi_system_command(const char *command) {
         return -1;
     }
     const WifiCommandLock lock;
-    const int status = system(command);
-    if (status == -1) {
-        if (errno != ECHILD) {
-            LOGE("system() failed for %s", command);
+    const auto [end, value] = pex_run(command);
+    switch (end) {
+        case command_end::done:
+            LOGD("system cmd returned EX_OK");
+            return 0;
+        case command_end::failed:
+            LOGE("%s returned status %d", command, value);
             return -1;
-        }
-        LOGD("system() returned errno %d for %s", errno, command);  // reaped elsewhere
-        return 0;
+        case command_end::signalled:
+            return value;
+        case command_end::reaped:
+            LOGD("system() returned errno %d for %s", errno, command);
+            return 0;
+        case command_end::not_run:
+            break;
     }
-    if (!WIFEXITED(status))
-        return status;
-    if (WEXITSTATUS(status) != 0) {
-        LOGE("%s returned status %d", command, WEXITSTATUS(status));
-        return -1;
-    }
-    LOGD("system cmd returned EX_OK");
-    return 0;
+    LOGE("system() failed for %s", command);
+    return -1;
 }
 
 int wifi_command_logged(const std::string &command) {

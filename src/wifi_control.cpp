@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <optional>
+#include <span>
 #include <string>
 
 #include "kvs_keys.h"
@@ -274,8 +275,9 @@ bool parse_address(const char *line, StationAddress &address) {
                   &address[4], &address[5]) == 6;
 }
 
-bool find_station(FILE *listing, char *line, size_t size, StationAddress &address) {
-    while (fgets(line, static_cast<int>(size), listing) != nullptr) {
+bool find_station(FILE *listing, std::span<char> room, StationAddress &address) {
+    const char *const line = room.data();
+    while (pex_read_line(listing, room)) {
         if (parse_address(line, address)) {
             LOGD("found STA - %s", line);
             return true;
@@ -305,7 +307,7 @@ int wifi_get_associated_station_status(void *out, size_t size) {
         return 0;
     }
     StationAddress address{};
-    if (!find_station(listing.get(), line.get(), kLineSize, address))
+    if (!find_station(listing.get(), {line.get(), kLineSize}, address))
         return 0;
     memcpy(out, address.data(), std::min(size, sizeof address));
     return 1;

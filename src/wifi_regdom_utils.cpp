@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <strings.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -19,6 +18,7 @@
 
 #include "log.h"
 #include "owned.h"
+#include "pex_misc.h"
 
 #define LOG_SOURCE "src/wifi_regdom_utils"
 
@@ -78,18 +78,21 @@ request classify(const char *value) {
 // Runs a command without the command lock: this is before any other thread could run one. 0, -1, 1
 // when somebody else reaped the child, or the cut status of a command that a signal ended.
 int8_t run(const char *command) {
-    const int status = system(command);
-    if (status == -1) {
-        if (errno == ECHILD)
+    const auto [end, value] = pex_run(command);
+    switch (end) {
+        case command_end::done:
+            return 0;
+        case command_end::failed:
+            LOGE("cmd %s returned status %d", command, value);
+            return -1;
+        case command_end::signalled:
+            return static_cast<int8_t>(value);
+        case command_end::reaped:
             return 1;
-        LOGE("system() failed for %s", command);
-        return -1;
+        case command_end::not_run:
+            break;
     }
-    if (!WIFEXITED(status))
-        return static_cast<int8_t>(status);
-    if (WEXITSTATUS(status) == 0)
-        return 0;
-    LOGE("cmd %s returned status %d", command, WEXITSTATUS(status));
+    LOGE("system() failed for %s", command);
     return -1;
 }
 
@@ -107,7 +110,7 @@ bool first_line(const char *command, std::array<char, kLineSize> &line) {
         LOGE("popen() failed");
         return false;
     }
-    const bool read = fgets(line.data(), static_cast<int>(line.size()), output.get()) != nullptr;
+    const bool read = pex_read_line(output.get(), line);
     if (!read)
         LOGE("fgets() failed");
     if (output.close() == -1)

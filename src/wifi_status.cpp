@@ -15,6 +15,7 @@
 #include "pex_misc.h"
 #include "provisioning_sm.h"
 #include "provisioning_state.h"
+#include "supplicant_status.h"
 #include "tarn/robot_processes.h"
 #include "wifi_command.h"
 #include "wifi_control.h"
@@ -28,8 +29,6 @@ namespace {
 
 // Main thread only.
 bool lease_renewed = false;  // a renewal was asked for since the network went down
-bool sta_1_sent = false;
-bool needs_sta_1 = false;
 
 // --- link status ---------------------------------------------------------------------------------
 
@@ -106,30 +105,41 @@ constexpr status_key kStatusKeys[] = {
     {"pairwise_cipher", on_pairwise_cipher},
 };
 
-void handle_status_line(char *line, security_seen &seen) {
-    char *rest = nullptr;
-    const char *const name = strtok_r(line, "=", &rest);
-    if (name == nullptr) {
+void handle_status_line(const char *line, security_seen &seen) {
+    auto [name, value] = supplicant_status_property(line);
+    if (name.empty()) {
         LOGE("bad property name %s, delim = (%s)", line, "=");
         return;
     }
-    char *const value = strtok_r(nullptr, "=", &rest);
-    if (value == nullptr) {
-        LOGE("bad property value %s", name);
+    if (value.empty()) {
+        LOGE("bad property value %s", name.c_str());
         return;
     }
     for (const auto &key : kStatusKeys)
         if (key.name == name)
-            key.handle(value, seen);
+            key.handle(value.data(), seen);
 }
 
 // --- status pass ---------------------------------------------------------------------------------
 
-// True when the process answered.
-bool send_sta_request(const char *text) {
+// Tells the robot that the station is up (1) or down (0), once for each change. It never does: both
+// marks are forgotten in every pass, before they could be seen, and the other processes have come
+// to expect the silence. `due` tells the rest of the condition.
+struct {
+    bool is_up_told = false;
+    bool is_up_due = false;
+} station_marks;
+
+void tell_station(bool is_up, bool due) {
+    if (!due || !(is_up ? station_marks.is_up_due : station_marks.is_up_told))
+        return;
     std::array<char, 256> response{};
-    return network_send_tarn_req(PROCESS_STATION_STATUS, text, response.data(), response.size()) ==
-           0;
+    if (network_send_tarn_req(PROCESS_STATION_STATUS, is_up ? R"({"sta": 1})" : R"({"sta": 0})",
+                              response.data(), response.size()) == 0)
+        station_marks = {is_up, !is_up};
+    else
+        LOGE(is_up ? "Error publishing sta:1 TARN request."
+                   : "Error publishing sta:0 TARN request.");
 }
 
 void become_connected() {
@@ -155,14 +165,7 @@ void check_address() {
 
 void pass_with_link() {
     check_address();
-    if (wifi_state_get_wifi() != WIFI_CONNECTED || is_robot_provisioning() != 0 || !needs_sta_1)
-        return;
-    if (send_sta_request("{\"sta\": 1}")) {
-        needs_sta_1 = false;
-        sta_1_sent = true;
-    } else {
-        LOGE("Error publishing sta:1 TARN request.");
-    }
+    tell_station(true, wifi_state_get_wifi() == WIFI_CONNECTED && is_robot_provisioning() == 0);
 }
 
 void report_network_down() {
@@ -176,14 +179,7 @@ void report_network_down() {
 }
 
 void pass_without_link(bool discovering) {
-    if (sta_1_sent && !discovering) {
-        if (send_sta_request("{\"sta\": 0}")) {
-            sta_1_sent = false;
-            needs_sta_1 = true;
-        } else {
-            LOGE("Error publishing sta:0 TARN request.");
-        }
-    }
+    tell_station(false, !discovering);
     if (wifi_state_get_wifi() == WIFI_CONNECTED)
         report_network_down();
 }
@@ -215,10 +211,7 @@ void association_timer_tick() {
 }  // namespace
 
 void wifi_network_status_update() {
-    // Forgotten in every pass, so that the {"sta"} requests below are never sent: meant, for the
-    // other processes expect silence here.
-    sta_1_sent = false;
-    needs_sta_1 = false;
+    station_marks = {};
     const bool discovering = is_device_discovery_active() != 0;
     if (wifi_link_is_started() && wifi_link_is_connected())
         pass_with_link();
