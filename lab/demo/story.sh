@@ -1,6 +1,6 @@
-# limit: 400 s
 # The story that scripts/demo shows, told as it happens: what the robot does, what it says on its broker,
 # and the lines of its log that matter.
+# limit: 400 s
 
 BLUE=$'\e[34m' GREEN=$'\e[32m' DIM=$'\e[2m' PLAIN=$'\e[0m'
 tell() { echo "P $*" >&3; }

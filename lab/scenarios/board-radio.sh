@@ -1,5 +1,6 @@
 # The board's scripts on real cfg80211: the regulatory domain, a monitor beside the station on one
 # radio, and the diagnostic log while joined.
+# limit: 180 s
 country() { iw reg get | awk '/country/ {print $2}' | cut -d ':' -f1 | head -1; }
 network_conf() {
     cat >/etc/wpa_supplicant.conf <<CONF

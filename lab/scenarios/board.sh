@@ -1,5 +1,6 @@
 # The board's scripts alone, without the daemon: ifup joins a WPA2 home, the lease is renewed by the
 # daemon's signal, ifdown leaves nothing behind; a phone joins the soft AP.
+# limit: 180 s
 home_up
 cat >/etc/wpa_supplicant.conf <<CONF
 ctrl_interface=/var/run/wpa_supplicant

@@ -1,4 +1,5 @@
 # The broker restarts under a connected robot: what happened meanwhile is told afterwards, in order.
+# limit: 180 s
 robot_at_home
 
 step "the broker is away, and so is the access point for a moment"

@@ -1,5 +1,5 @@
-# limit: 700 s
 # A subnet in which every address answers: all are listed, one report holds them all, and memory stays small.
+# limit: 700 s
 robot_at_home
 home_devices 1
 for last in {2..254}; do

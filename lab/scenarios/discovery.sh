@@ -1,6 +1,6 @@
-# limit: 400 s
 # An app finds the robot by a UDP probe: at home, by the robot's address and by broadcast, after a change of address,
 # in a flood of probes; while it is provisioned, through the soft AP. What is no probe gets no answer.
+# limit: 400 s
 home_up
 save_network
 kvs_set product.robotid 0123456789ABCDEF

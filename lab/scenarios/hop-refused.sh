@@ -1,5 +1,5 @@
-# limit: 300 s
 # The better access point refuses the robot's hop: the robot is back at the one that takes it.
+# limit: 300 s
 kvs_set robot.disc_reconnect_sleep_sec 15
 home_ap_up channel=6 radio=1
 save_small_network

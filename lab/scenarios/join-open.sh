@@ -1,4 +1,5 @@
 # An open home: no key is saved, none is written.
+# limit: 180 s
 home_up security=open
 save_network "$HOME_SSID"
 start_peers

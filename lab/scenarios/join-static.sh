@@ -1,4 +1,5 @@
 # A home without DHCP: the saved configuration is an address of its own, with two name servers.
+# limit: 180 s
 home_ap_up
 save_network
 kvs_set network.addr_type 0

@@ -1,4 +1,5 @@
 # An old home with WEP, a five-letter key: the robot writes it as hexadecimal digits, and logs it nowhere.
+# limit: 180 s
 HOME_KEY=q7Xz4
 home_up security=wep
 save_network

@@ -1,4 +1,5 @@
 # The robot boots with a saved WPA2 network, joins it, gets a lease and tells everyone.
+# limit: 180 s
 home_up channel=11
 save_network
 kvs_set product.robotid 0123456789ABCDEF

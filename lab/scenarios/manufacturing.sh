@@ -1,6 +1,6 @@
-# limit: 240 s
 # The factory tests a robot without settings: it joins the factory's network, which it does not keep, and is then
 # provisioned by its owner as any other. Process 1 runs the test.
+# limit: 240 s
 home_up
 home_ap_up ssid=owner key='owner key 7' radio=2 channel=1
 new_robot_up

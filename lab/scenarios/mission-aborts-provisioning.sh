@@ -1,6 +1,6 @@
-# limit: 300 s
 # A mission starts while the owner provisions the robot: the soft AP goes, the robot is back on its saved network,
 # and can be provisioned again. A robot that drives to its dock, or stands there, is not disturbed.
+# limit: 300 s
 home_up
 save_network
 home_ap_up ssid=other key='another key 7' radio=2 channel=1

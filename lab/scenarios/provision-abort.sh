@@ -1,6 +1,6 @@
-# limit: 270 s
 # The owner presses the button at each step of a provisioning: the saved network is rejoined every time. The
 # last provisioning status stays what the provisioning came to: 8 when it was about to connect.
+# limit: 270 s
 robot_at_home
 
 aborted() { # in state $1, leaving status $2

@@ -1,5 +1,5 @@
-# limit: 240 s
 # The robot moves house: provisioned for one home, then for another; both at hand, it keeps to the second.
+# limit: 240 s
 home_up
 home_ap_up ssid='Second Home' key='another horse' channel=11 radio=2
 save_network

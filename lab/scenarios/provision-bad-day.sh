@@ -1,5 +1,5 @@
-# limit: 420 s
 # Whatever can fail around a provisioning fails: the robot stays provisionable, and is provisioned in the end.
+# limit: 420 s
 home_up
 kvs_set product.robotid 0123456789ABCDEF
 start_peers --mode 5=silent --mode 0=wrong --mode 12=late

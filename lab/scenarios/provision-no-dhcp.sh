@@ -1,5 +1,5 @@
-# limit: 540 s
 # The home gives no address, then one whose gateway does not answer; the app is told both times.
+# limit: 540 s
 home_ap_up
 new_robot_up
 provisioning_begins

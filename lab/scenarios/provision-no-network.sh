@@ -1,5 +1,5 @@
-# limit: 240 s
 # The network is not there: the app is told so; then its access point is switched on.
+# limit: 240 s
 new_robot_up
 provisioning_begins
 app_sends

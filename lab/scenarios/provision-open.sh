@@ -1,5 +1,5 @@
-# limit: 150 s
 # A home without a key, whose name holds what a shell or a JSON parser would trip over.
+# limit: 150 s
 HOME_SSID="O'Brien \"\$(x)\" \\ & Söhne"
 home_up security=open
 new_robot_up

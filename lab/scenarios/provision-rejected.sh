@@ -1,5 +1,5 @@
-# limit: 240 s
 # The access point refuses the robot; the owner changes that.
+# limit: 240 s
 home_up rejects=1
 new_robot_up
 provisioning_begins

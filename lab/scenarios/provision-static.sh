@@ -1,5 +1,5 @@
-# limit: 180 s
 # The owner gives the robot an address of its own; the home has no DHCP server at all.
+# limit: 180 s
 home_ap_up
 new_robot_up
 provisioning_begins

@@ -1,5 +1,5 @@
-# limit: 240 s
 # The owner walks away: after twenty minutes the robot gives up, keeps a Wi-Fi log, and is home again as before.
+# limit: 240 s
 needs_fast_clocks
 robot_at_home hastened
 provisioning_begins

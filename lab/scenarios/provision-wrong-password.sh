@@ -1,5 +1,5 @@
-# limit: 270 s
 # The owner mistypes the password: the app is told so, and the robot takes the right one at the second try.
+# limit: 270 s
 home_up
 new_robot_up
 provisioning_begins

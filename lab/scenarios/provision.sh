@@ -1,5 +1,5 @@
-# limit: 240 s
 # A robot without settings is provisioned by its owner's phone: all that is said and done, in its order.
+# limit: 240 s
 home_up
 new_robot_up
 expect_message tarn/network/resp/corehub/.* '"cap"' 10

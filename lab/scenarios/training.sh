@@ -1,6 +1,6 @@
-# limit: 480 s
 # A local app trains the robot over its soft AP. Training ends by the app's word, by the button, for a provisioning,
 # or by itself after two hours without an app; the robot then goes home with what it had saved.
+# limit: 480 s
 robot_at_home hastened
 
 tell() { publish brisk/network/events "$1"; }

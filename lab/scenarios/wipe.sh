@@ -1,4 +1,5 @@
 # --wipe forgets the home network and nothing else; the robot then waits for an owner, off.
+# limit: 180 s
 home_up
 save_network
 kvs_set network.interface wlan0

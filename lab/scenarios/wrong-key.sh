@@ -1,5 +1,6 @@
 # The saved key is not the home's (any more): the robot never says that it is connected, its log says why,
 # and the key is in no log.
+# limit: 180 s
 home_up
 save_network "$HOME_SSID" 'yesterday key'
 start_peers
