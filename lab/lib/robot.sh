@@ -1,0 +1,117 @@
+# The robot: its settings, the daemon and its clock, what can be seen of it from outside.
+
+# kvs_set KEY VALUE, kvs_get KEY, kvs_del KEY: the robot's key-value store.
+kvs_set() { printf %s "$2" >"$STORE/$1"; }
+kvs_get() { cat "$STORE/$1"; }
+kvs_del() { rm -f "$STORE/$1"; }
+
+# hex TEXT: as the store keeps an SSID.
+hex() { printf %s "$1" | od -An -v -tx1 | tr -d ' \n'; }
+
+# save_network [SSID [KEY]]: the robot knows this network with DHCP, as after a provisioning. No KEY: open.
+save_network() {
+    kvs_set network.ssid "$(hex "${1-$HOME_SSID}")"
+    if (($# == 0)); then set -- "$HOME_SSID" "$HOME_KEY"; fi
+    if [[ ${2-} ]]; then kvs_set network.password "$2"; else kvs_del network.password; fi
+    kvs_set network.ip_config 'sudo provision --clmode dhcp '
+    kvs_set network.addr_type 1
+    kvs_set network.last_prov_status 1
+}
+
+# save_small_network [MASK]: as save_network, with the address 192.168.77.2 in a subnet of six, soon swept.
+save_small_network() {
+    save_network
+    kvs_set network.addr_type 0
+    kvs_set network.ip_config "sudo provision --clmode static --clipaddr 192.168.77.2 --clnetmask ${1:-255.255.255.248} \
+--clgw $HOME_GATEWAY --cldnsns1 $HOME_GATEWAY --cldnsns2 $HOME_GATEWAY"
+}
+
+# start_daemon [ARGUMENT...]: netwarden, with the clock of the last fast_clock.
+start_daemon() {
+    rm -f $LAB/daemon.exit $LAB/daemon.pid
+    uptime_s >$LAB/started
+    local clock=()
+    if [[ -e $LAB/clock ]]; then
+        clock=(LD_PRELOAD="$(echo /usr/lib/*/faketime/libfaketimeMT.so.1)" FAKETIME_ONLY_CMDS=netwarden
+            FAKETIME_TIMESTAMP_FILE="$LAB/clock" FAKETIME_NO_CACHE=1)
+        echo "$EPOCHREALTIME 0 $(sed 's/.*x//' $LAB/clock)" >$LAB/clock.state
+    fi
+    (
+        trap - ERR
+        set +e
+        env "${clock[@]}" /usr/bin/netwarden "$@" &
+        echo $! >$LAB/daemon.pid
+        wait $!
+        echo $? >$LAB/daemon.exit
+    ) >>"$LAB_RESULTS/daemon.out" 2>&1 3>&- &
+    wait_until 5 test -s $LAB/daemon.pid
+}
+
+# since_start: seconds since start_daemon.
+since_start() { awk -v started="$(cat $LAB/started)" '{ printf "%.1f\n", $1 - started }' /proc/uptime; }
+daemon_pid() { cat $LAB/daemon.pid; }
+
+# stop_daemon: kills netwarden, which has no orderly end.
+stop_daemon() {
+    kill -9 "$(daemon_pid)"
+    while [[ ! -e $LAB/daemon.exit ]]; do sleep 0.1; done
+    rm $LAB/daemon.exit $LAB/daemon.pid
+}
+
+# fast_clock N: netwarden's clocks and sleeps run N times as fast, those of the programs it runs do not. Once
+# before start_daemon; then at any time: the daemon's time goes on from where it is.
+fast_clock() {
+    local now=$EPOCHREALTIME start offset rate
+    [[ ! -e $LAB/daemon.pid || -e $LAB/clock.state ]] || fail "fast_clock must be called once before start_daemon"
+    if [[ -e $LAB/clock.state ]]; then
+        read -r start offset rate <$LAB/clock.state
+        offset=$(awk "BEGIN { printf \"%.3f\", $offset + ($now - $start) * ($rate - $1) }")
+        echo "$start $offset $1" >$LAB/clock.state
+    fi
+    printf '%+.3f x%s\n' "${offset:-0}" "$1" >$LAB/clock.new
+    mv $LAB/clock.new $LAB/clock
+}
+
+# needs_fast_clocks: libfaketime hastens sleeps everywhere, but not the 64-bit clocks of 32-bit programs.
+needs_fast_clocks() { [[ $(getconf LONG_BIT) == 64 ]] || skip "no fast clocks on a 32-bit processor"; }
+
+# new_robot_up: a robot without settings, with its other processes.
+new_robot_up() {
+    kvs_set product.robotid 0123456789ABCDEF
+    start_peers
+    start_daemon
+    wait_state 0 60
+}
+
+# robot_at_home [hastened]: a home, and a robot that has joined it; hastened, it can take a fast_clock.
+robot_at_home() {
+    home_up
+    save_network
+    kvs_set product.robotid 0123456789ABCDEF
+    start_peers
+    [[ $# == 0 ]] || fast_clock 1
+    start_daemon
+    wait_state 1 120
+}
+
+# expect_reboot SECONDS: the robot asks for its reboot, which is noted and not performed.
+expect_reboot() { wait_until "$1" test -e $LAB/reboots || fail "no reboot within $1 s; the last log lines were:
+$(log_since_mark | tail -8)"; }
+refute_reboot() { [[ ! -e $LAB/reboots ]] || fail "rebooted, and must not: $(<$LAB/reboots)"; }
+
+# robot_address: the station's IPv4 address, or nothing.
+robot_address() { ip -4 -o addr show dev "${1:-wlan0}" | awk '{ sub("/.*", "", $4); print $4 }'; }
+has_no_address() { [[ ! $(robot_address) ]]; }
+
+# station_status KEY: the supplicant's word on it: wpa_state, freq, pairwise_cipher ...
+station_status() { wpa_cli -iwlan0 status | sed -n "s/^$1=//p"; }
+
+# psk_of SSID KEY: the 64 digits that a passphrase becomes.
+psk_of() { wpa_passphrase "$1" "$2" | sed -n 's/^\tpsk=//p'; }
+
+# daemon_status KEY: VmRSS or VmHWM in kB, Threads ... of netwarden.
+daemon_status() { awk -v key="$1:" '$1 == key { print $2 }' "/proc/$(daemon_pid)/status"; }
+
+# daemon_peak_on, daemon_peak KEY: the highest daemon_status from then on (sampled each 0.2 s).
+daemon_peak_on() { background peak bash -c "while sleep 0.2; do cat /proc/$(daemon_pid)/status; done"; }
+daemon_peak() { awk -v key="$1:" '$1 == key && $2 > top { top = $2 } END { print top }' "$LAB_RESULTS/peak.log"; }

@@ -1,0 +1,69 @@
+# How a scenario is told: its steps and ends, waiting for what must come, helpers that run beside it.
+
+# step TEXT: says what happens now, on the host's terminal too.
+step() {
+    echo "[$(uptime_s)] $*"
+    echo "P $LAB_SCENARIO: $*" >&3
+}
+
+# fail TEXT: ends the scenario as failed.
+fail() {
+    trap - ERR
+    local frame=0
+    while [[ ${BASH_SOURCE[frame]-} && ${BASH_SOURCE[frame]} != "${scenario-}" ]]; do frame=$((frame + 1)); done
+    echo "FAILED at line ${BASH_LINENO[frame - 1]}: $*"
+    exit 1
+}
+
+# skip REASON: ends the scenario as not applicable here.
+skip() {
+    echo "$*" >"$LAB_RESULTS/skipped"
+    exit 77
+}
+uptime_s() { cut -d' ' -f1 /proc/uptime; }
+
+# wait_until SECONDS COMMAND...: waits until COMMAND succeeds; returns 1 when it did not in time.
+wait_until() {
+    local end=$((SECONDS + $1)); shift
+    until "$@" >/dev/null 2>&1; do
+        [[ ! -e $LAB/daemon.exit ]] || fail "netwarden ended with status $(<$LAB/daemon.exit)"
+        ((SECONDS < end)) || return 1
+        sleep 0.2
+    done
+}
+
+# expect TEXT SECONDS COMMAND...: fails with TEXT when COMMAND does not succeed in time.
+expect() {
+    local text=$1 seconds=$2; shift 2
+    wait_until "$seconds" "$@" || fail "$text: not within $seconds s"
+}
+
+# refute TEXT COMMAND...: fails with TEXT when COMMAND succeeds. (A bare `! COMMAND` would never fail.)
+refute() {
+    local text=$1; shift
+    if "$@" >/dev/null 2>&1; then fail "$text"; fi
+}
+
+# background NAME COMMAND...: a helper of the world; its output goes to results/NAME.log.
+background() {
+    local name=$1; shift
+    "$@" >>"$LAB_RESULTS/$name.log" 2>&1 3>&- &
+    echo $! >"$LAB/$name.pid"
+    disown
+}
+
+# end NAME [SIGNAL]: ends it and waits until it is gone.
+end() {
+    local pid
+    pid=$(<"$LAB/$1.pid")
+    rm "$LAB/$1.pid"
+    kill "${2:--TERM}" "$pid"
+    wait_until 10 gone "$pid" || fail "$1 does not end"
+}
+gone() { ! kill -0 "$1"; }
+
+# figure NAME VALUE: a measurement: a comment of the report and a line of results/figures.
+figure() {
+    printf '%-44s %s\n' "$1" "$2" >>"$LAB_RESULTS/figures"
+    printf 'T # %-44s %s\n' "$1" "$2" >&3
+}
