@@ -91,7 +91,6 @@ home_devices() {
     local i
     for ((i = 1; i <= $1; i++)); do
         ip netns add device$i
-        home ip link del device$i 2>/dev/null || true   # of a robot before
         home ip link add device$i type veth peer name eth0 address "$(device_mac $i)" netns device$i
         home ip link set device$i master br0 up
         ip -n device$i -batch - <<BATCH
