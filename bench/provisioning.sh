@@ -10,7 +10,7 @@ message_time() { messages_since_mark | grep -E -- "$1" | tail -1 | cut -d' ' -f1
 # by_daemon: from wactivate to the message of state 1.
 by_daemon() {
     mark
-    publish brisk/network/events '{"event":"provisioning"}'
+    app_says '{"event":"provisioning"}'
     expect_log 'provisioning started' 60
     app_sends
     wait_state 1 90
@@ -33,7 +33,7 @@ by_hand() {
 
 home_up
 new_robot_up
-publish brisk/network/events '{"event":"tidelinkConnected"}'
+app_says '{"event":"tidelinkConnected"}'
 for ((round = 0; round < ROUNDS; round++)); do by_daemon >>$LAB/by_daemon; done
 stop_daemon
 ifdown wlan0

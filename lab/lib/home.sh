@@ -2,15 +2,15 @@
 
 # home COMMAND..., phone COMMAND...: runs it in the home's or the phone's network.
 home() { "${in_home[@]}" "$@"; }
+phone() { "${in_phone[@]}" "$@"; }
 in_home=(nsenter --net=/run/netns/home)
 in_phone=(nsenter --net=/run/netns/phone)
-phone() { "${in_phone[@]}" "$@"; }
 
 # home_ap_up [ssid=..] [key=..] [security=wpa2|wpa|open|wep] [channel=N] [radio=1|2|3] [hidden=1] [rejects=1]: an
 # access point; a hidden one does not beacon its name, one that rejects refuses every association.
 home_ap_up() {
     local ssid=$HOME_SSID key=$HOME_KEY security=wpa2 channel=6 radio=1 hidden=0 rejects=0 mode=g
-    (($# == 0)) || local "$@"
+    options "ssid key security channel radio hidden rejects" "$@"
     local interface=wlan$((radio + 1)) conf=$LAB/ap$radio.conf
     ((channel <= 14)) || mode=a
     {
@@ -28,27 +28,21 @@ home_ap_up() {
         *) fail "home_ap_up: no security $security" ;;
         esac
     } >"$conf"
-    run_ap "$radio"
+    background "ap$radio" "${in_home[@]}" hostapd -t "$conf"
+    expect_from "ap$radio" AP-ENABLED 20
 }
 
-run_ap() {
-    background "ap$1" "${in_home[@]}" hostapd -t "$LAB/ap$1.conf"
-    expect "access point $1" 20 grep -q AP-ENABLED "$LAB_RESULTS/ap$1.log"
-}
-
-# home_ap_restart [RADIO]: it says farewell to its stations and is there again a moment later.
+# home_ap_restart [OPTION OF home_ap_up...]: the access point of radio 1 says farewell to its stations and is there
+# again a moment later.
 home_ap_restart() {
-    end "ap${1:-1}"
-    sed -i s/AP-ENABLED/AP-WAS-ENABLED/ "$LAB_RESULTS/ap${1:-1}.log"
-    run_ap "${1:-1}"
+    end ap1
+    home_ap_up "$@"
 }
 
-# home_ap_down [RADIO]: the access point loses its power: no farewell to the stations.
+# home_ap_down: the access point of radio 1 loses its power: no farewell to the stations.
 home_ap_down() {
-    local radio=${1:-1}
-    end "ap$radio" -KILL
-    home ip link set wlan$((radio + 1)) down
-    sed -i s/AP-ENABLED/AP-WAS-ENABLED/ "$LAB_RESULTS/ap$radio.log"
+    end ap1 -KILL
+    home ip link set wlan2 down
 }
 
 # home_bssid [RADIO]: the access point's address, in lower case.
@@ -61,12 +55,7 @@ home_dhcp_up() {
         --user=root --pid-file --dhcp-leasefile=$LAB/leases --interface=br0 --bind-interfaces --no-ping \
         --no-resolv --no-hosts --dhcp-authoritative --address=/gateway.home/$HOME_GATEWAY \
         --dhcp-range=192.168.77.100,192.168.77.150,255.255.255.0,1h "$@"
-    expect "the home's DHCP server" 10 grep -q 'DHCP, sockets bound' "$LAB_RESULTS/dhcp.log"
-}
-
-home_dhcp_down() {
-    end dhcp
-    sed -i 's/DHCP, sockets/DHCP, had sockets/' "$LAB_RESULTS/dhcp.log"
+    expect_from dhcp 'DHCP, sockets bound' 10
 }
 
 # home_arp_drop on|off: the gateway stops answering ARP.
@@ -74,10 +63,11 @@ home_arp_drop() {
     case $1 in
     on) home sysctl -qw net.ipv4.conf.br0.arp_ignore=8 ;;
     off) home sysctl -qw net.ipv4.conf.br0.arp_ignore=0 ;;
+    *) fail "home_arp_drop: not $1" ;;
     esac
 }
 
-# home_up [ARGUMENT OF home_ap_up...]: a whole home: access point, DHCP, name server, gateway.
+# home_up [OPTION OF home_ap_up...]: a whole home: access point, DHCP, name server, gateway.
 home_up() {
     home_ap_up "$@"
     home_dhcp_up
@@ -108,7 +98,7 @@ device_mac() { printf '02:77:00:00:00:%02d\n' "$1"; }
 
 # home_announce I HOST-NAME NAME TYPE [TXT...]: device I announces a service by a real avahi-daemon of its own.
 home_announce() {
-    local folder=$LAB/device$1 log=$LAB_RESULTS/avahi$1.log device=$1 host=$2 name=$3 type=$4 text
+    local folder=$LAB/device$1 device=$1 host=$2 name=$3 type=$4 text
     shift 4
     mkdir -p "$folder" /run/avahi-daemon
     {
@@ -123,6 +113,6 @@ home_announce() {
     background "avahi$device" nsenter --net=/run/netns/device$device unshare -m sh -c "
         mount --bind $folder /etc/avahi/services && mount -t tmpfs none /run/avahi-daemon &&
         exec avahi-daemon --file=$folder/conf --no-drop-root --no-chroot --no-rlimits --no-proc-title"
-    expect "device $device announces its service" 20 grep -q 'successfully established' "$log"
+    expect_from "avahi$device" 'successfully established' 20
 }
 xml() { printf %s "$1" | sed 's/&/\&amp;/g; s/</\&lt;/g'; }

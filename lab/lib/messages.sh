@@ -5,8 +5,10 @@ mark() {
     wc -l <"$LAB_LOG" >$LAB/mark.log
     wc -l <"$LAB_MESSAGES" >$LAB/mark.messages
 }
+
 log_since_mark() { tail -n +$(($(cat $LAB/mark.log) + 1)) "$LAB_LOG"; }
 messages_since_mark() { tail -n +$(($(cat $LAB/mark.messages) + 1)) "$LAB_MESSAGES"; }
+
 has_log() { log_since_mark | grep -qE -- "$1"; }
 has_message() { messages_since_mark | awk -v t="^$1\$" '$2 ~ t' | sed -E 's/^[^ ]+ [^ ]+ //' | grep -qE -- "$2"; }
 
@@ -46,6 +48,22 @@ refute_message() {
 # wait_state N SECONDS: the robot reports Wi-Fi state N.
 wait_state() { expect_message network/events "^\{\"wifistat\":\{\"wifi\":$1,\"uap\":(true|false)\}\}$" "$2"; }
 
+# expect_netinfo SECONDS [dhcp=..] [sec=..] [addr=..] [dns2=..]: the netinfo message of a robot joined to radio 1.
+expect_netinfo() {
+    local seconds=$1 dhcp=true sec=4 addr='192\.168\.77\.1[0-5][0-9]' dns2=0.0.0.0; shift
+    options "dhcp sec addr dns2" "$@"
+    expect_message network/events "^\{\"netinfo\":\{\"dhcp\":$dhcp,\"addr\":\"$addr\",\"mask\":\"255.255.255.0\",\
+\"gw\":\"$HOME_GATEWAY\",\"dns1\":\"$HOME_GATEWAY\",\"dns2\":\"$dns2\",\"bssid\":\"$(home_bssid 1)\",\"sec\":$sec\}\}$" "$seconds"
+}
+
+# expect_wlcfg SECONDS [sec=..] [more=JSON MEMBERS]: the message of the home's network that the robot knows.
+expect_wlcfg() {
+    local seconds=$1 sec=4 more=; shift
+    options "sec more" "$@"
+    expect_message network/events \
+        "^\{\"wlcfg\":\{\"sec\":$sec,\"ssid\":\"$(hex "$HOME_SSID")\"${more:+,$more}\}\}$" "$seconds"
+}
+
 # expect_in_order PATTERN...: the messages since the mark hold lines that match, in this order.
 expect_in_order() {
     local line=0 found pattern
@@ -54,23 +72,6 @@ expect_in_order() {
         [[ $found ]] || fail "no message /$pattern/ after the ones before it in: $*
 $(messages_since_mark)"
         line=$((line + found))
-    done
-}
-
-# netinfo dhcp=.. sec=.. [addr=..] [dns2=..]: the pattern of the netinfo message of a robot joined to radio 1.
-netinfo() {
-    local dhcp sec addr='192\.168\.77\.1[0-5][0-9]' dns2=0.0.0.0
-    local "$@"
-    printf '^\{"netinfo":\{"dhcp":%s,"addr":"%s","mask":"255.255.255.0","gw":"192.168.77.1",' "$dhcp" "$addr"
-    printf '"dns1":"192.168.77.1","dns2":"%s","bssid":"%s","sec":%s\}\}$\n' "$dns2" "$(home_bssid 1)" "$sec"
-}
-
-# refute_text TEXT: TEXT (a key, say) must be in no log and no message since the robot's boot.
-refute_text() {
-    local file
-    log_is_read
-    for file in "$LAB_LOG" "$LAB_MESSAGES" "$LAB_RESULTS/daemon.out"; do
-        if [[ -e $file ]] && grep -F -- "$1" "$file"; then fail "this must be written nowhere: $1"; fi
     done
 }
 
@@ -91,4 +92,15 @@ story() {
             sed -nE -e '/(arping .*| status| all_sta)$/d' -e 's/^([0-9.]+) sudo: .* COMMAND=[^ ]*\/([^ /]+)/\1 % \2/p'
     } | sort -n | sed -E -e 's/^[^ ]+ //' -e 's,^(tarn/[^ ]*/)[0-9]+ ,\1ID ,' -e '/^(lab|tarn\/network)\//d' \
         -e 's/"192\.168\.77\.1[0-5][0-9]"/"ADDRESS"/'
+}
+
+# refute_text TEXT...: these (a key, say) must be in no log and no message since the robot's boot.
+refute_text() {
+    local text file
+    log_is_read
+    for text; do
+        for file in "$LAB_LOG" "$LAB_MESSAGES" "$LAB_RESULTS/daemon.out"; do
+            if [[ -e $file ]] && grep -F -- "$text" "$file"; then fail "this must be written nowhere: $text"; fi
+        done
+    done
 }

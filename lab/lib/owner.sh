@@ -4,12 +4,9 @@
 # phone_join [ssid=..] [key=..]: the owner's phone joins a network (no key: open) and gets an address there.
 phone_join() {
     local ssid=$HOME_SSID key=
-    (($# == 0)) || local "$@"
+    options "ssid key" "$@"
     {
-        echo "ctrl_interface=$LAB/phone"
-        echo "network={"
-        echo "ssid=$(hex "$ssid")"
-        echo "scan_ssid=1"
+        printf '%s\n' "ctrl_interface=$LAB/phone" 'network={' "ssid=$(hex "$ssid")" scan_ssid=1
         if [[ $key ]]; then echo "psk=\"$key\""; else echo "key_mgmt=NONE"; fi
         echo "}"
     } >$LAB/phone.conf
@@ -18,6 +15,7 @@ phone_join() {
     phone udhcpc -f -n -q -t 10 -T 2 -i wlan5 -s /lab/guest/phone-lease >>"$LAB_RESULTS/phone.log" 2>&1 3>&- ||
         fail "the phone gets no address from $ssid"
 }
+
 phone_is_associated() { phone wpa_cli -p $LAB/phone -i wlan5 status | grep -q wpa_state=COMPLETED; }
 
 # phone_leave: the phone leaves the network.
@@ -26,10 +24,18 @@ phone_leave() {
     phone ip addr flush dev wlan5
 }
 
+# app_says JSON
+app_says() { publish brisk/network/events "$1"; }
+
+# app_wants_provisioning: the app is there, and asks for it.
+app_wants_provisioning() {
+    app_says '{"event":"tidelinkConnected"}'
+    app_says '{"event":"provisioning"}'
+}
+
 # provisioning_begins: the app asks for it, the soft AP comes up, the phone joins.
 provisioning_begins() {
-    publish brisk/network/events '{"event":"tidelinkConnected"}'
-    publish brisk/network/events '{"event":"provisioning"}'
+    app_wants_provisioning
     expect_message robot/debug '^\{"command":"provstart"\}$' 10
     expect_log 'SoftAP is up' 60
     phone_join ssid="Plover-$(kvs_get product.robotid | cut -c1-4)"
@@ -40,10 +46,9 @@ provisioning_begins() {
 # app_sends [ssid=..] [key=..] [more=JSON MEMBERS]: the home's settings, and leave to use them.
 app_sends() {
     local ssid=$HOME_SSID key=$HOME_KEY more=
-    (($# == 0)) || local "$@"
+    options "ssid key more" "$@"
     mark
-    publish brisk/network/events \
-        "{\"wlcfg\":{\"ssid\":\"$(hex "$ssid")\",\"pass\":\"$(hex "$key")\"${more:+,$more}},\"wactivate\":true}"
+    app_says "{\"wlcfg\":{\"ssid\":\"$(hex "$ssid")\",\"pass\":\"$(hex "$key")\"${more:+,$more}},\"wactivate\":true}"
 }
 
 # provisioning_fails STATE SECONDS: the robot tells the app STATE, keeps it, and waits for new settings.
@@ -59,7 +64,7 @@ provisioning_fails() {
 provisioning_succeeds() {
     wait_state 1 90
     expect_message local/cmd '^\{"command":"ipdone"\}$' 20
-    publish brisk/network/events '{"command":"ipdone"}'
+    app_says '{"command":"ipdone"}'
     expect_message tarn/2/event/network/.* '^\{"event":"resetCloudConnection"\}$' 15
     expect_log 'rx event PROVISIONING_COMPLETE in state WAITING_FOR_IP_DONE' 1
     expect_message network/events '"wlcfg"' 10

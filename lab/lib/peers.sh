@@ -17,12 +17,11 @@ peer_tells() {
     expect_message "tarn/$1/ack/network/$id" '^$' 5
 }
 
-# start_peers ARGUMENT...: the robot's other processes (see lab/peers --help).
+# start_peers [ARGUMENT...]: with these arguments.
 start_peers() {
     background peers /lab/peers "$@"
-    expect "the peers" 5 grep -q connected "$LAB_RESULTS/peers.log"
+    expect_from peers connected 5
 }
-stop_peers() { end peers; }
 
 # peers_next_cleaning N: from now on the next cleaning is N away.
 peers_next_cleaning() { tell_peers "{\"process\": 9, \"nextCleaning\": $1}"; }
@@ -31,6 +30,9 @@ peers_next_cleaning() { tell_peers "{\"process\": 9, \"nextCleaning\": $1}"; }
 peer_mode() { tell_peers "{\"process\": $1, \"mode\": \"$2\"}"; }
 
 tell_peers() {
+    local lines
+    lines=$(wc -l <"$LAB_RESULTS/peers.log")
     publish lab/peers "$1"
-    expect "the peers know $1" 5 grep -qF "control $1" "$LAB_RESULTS/peers.log"
+    expect "the peers know $1" 5 peers_were_told "$1" "$lines"
 }
+peers_were_told() { tail -n +$(($2 + 1)) "$LAB_RESULTS/peers.log" | grep -qF "control $1"; }

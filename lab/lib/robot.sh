@@ -18,12 +18,10 @@ save_network() {
     kvs_set network.last_prov_status 1
 }
 
-# save_small_network [MASK]: as save_network, with the address 192.168.77.2 in a subnet of six, soon swept.
-save_small_network() {
-    save_network
-    kvs_set network.addr_type 0
-    kvs_set network.ip_config "sudo provision --clmode static --clipaddr 192.168.77.2 --clnetmask ${1:-255.255.255.248} \
---clgw $HOME_GATEWAY --cldnsns1 $HOME_GATEWAY --cldnsns2 $HOME_GATEWAY"
+# network_conf: the supplicant's configuration for the home, where there is no daemon to write it.
+network_conf() {
+    printf '%s\n' ctrl_interface=/var/run/wpa_supplicant ctrl_interface_group=apps 'network={' \
+        "ssid=$(hex "$HOME_SSID")" "psk=\"$HOME_KEY\"" scan_ssid=1 '}' >/etc/wpa_supplicant.conf
 }
 
 # start_daemon [ARGUMENT...]: netwarden, with the clock of the last fast_clock.
@@ -48,7 +46,8 @@ start_daemon() {
 }
 
 # since_start: seconds since start_daemon.
-since_start() { awk -v started="$(cat $LAB/started)" '{ printf "%.1f\n", $1 - started }' /proc/uptime; }
+since_start() { since "$(<$LAB/started)"; }
+
 daemon_pid() { cat $LAB/daemon.pid; }
 
 # stop_daemon: kills netwarden, which has no orderly end.
@@ -75,21 +74,20 @@ fast_clock() {
 # needs_fast_clocks: libfaketime hastens sleeps everywhere, but not the 64-bit clocks of 32-bit programs.
 needs_fast_clocks() { [[ $(getconf LONG_BIT) == 64 ]] || skip "no fast clocks on a 32-bit processor"; }
 
-# new_robot_up: a robot without settings, with its other processes.
+# new_robot_up [ARGUMENT OF start_peers...]: a robot without settings, with its other processes.
 new_robot_up() {
     kvs_set product.robotid 0123456789ABCDEF
-    start_peers
+    start_peers "$@"
     start_daemon
     wait_state 0 60
 }
 
-# robot_at_home [hastened]: a home, and a robot that has joined it; hastened, it can take a fast_clock.
+# robot_at_home: a home, and a robot that has joined it.
 robot_at_home() {
     home_up
     save_network
     kvs_set product.robotid 0123456789ABCDEF
     start_peers
-    [[ $# == 0 ]] || fast_clock 1
     start_daemon
     wait_state 1 120
 }
@@ -97,17 +95,29 @@ robot_at_home() {
 # expect_reboot SECONDS: the robot asks for its reboot, which is noted and not performed.
 expect_reboot() { wait_until "$1" test -e $LAB/reboots || fail "no reboot within $1 s; the last log lines were:
 $(log_since_mark | tail -8)"; }
+
 refute_reboot() { [[ ! -e $LAB/reboots ]] || fail "rebooted, and must not: $(<$LAB/reboots)"; }
 
-# robot_address: the station's IPv4 address, or nothing.
+# robot_address [INTERFACE]: its IPv4 address, or nothing; the station's.
 robot_address() { ip -4 -o addr show dev "${1:-wlan0}" | awk '{ sub("/.*", "", $4); print $4 }'; }
+
 has_no_address() { [[ ! $(robot_address) ]]; }
+has_leased_address() { [[ $(robot_address) == 192.168.77.1[0-5]? ]]; }
+
+# gateway_answers: the home's, when the robot asks it with ARP.
+gateway_answers() { arping -Iwlan0 -c1 $HOME_GATEWAY -w 2 | grep -q "Unicast reply from $HOME_GATEWAY \["; }
 
 # station_status KEY: the supplicant's word on it: wpa_state, freq, pairwise_cipher ...
 station_status() { wpa_cli -iwlan0 status | sed -n "s/^$1=//p"; }
 
+# is_joined KEY VALUE: the station is joined, to that bssid or at that freq.
+is_joined() { [[ $(station_status wpa_state) == COMPLETED && $(station_status "$1") == "$2" ]]; }
+
 # psk_of SSID KEY: the 64 digits that a passphrase becomes.
 psk_of() { wpa_passphrase "$1" "$2" | sed -n 's/^\tpsk=//p'; }
+
+# daemon_count task|fd: netwarden's threads or descriptors.
+daemon_count() { find "/proc/$(daemon_pid)/$1" -mindepth 1 -maxdepth 1 | wc -l; }
 
 # daemon_status KEY: VmRSS or VmHWM in kB, Threads ... of netwarden.
 daemon_status() { awk -v key="$1:" '$1 == key { print $2 }' "/proc/$(daemon_pid)/status"; }

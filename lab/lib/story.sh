@@ -11,7 +11,7 @@ fail() {
     trap - ERR
     local frame=0
     while [[ ${BASH_SOURCE[frame]-} && ${BASH_SOURCE[frame]} != "${scenario-}" ]]; do frame=$((frame + 1)); done
-    echo "FAILED at line ${BASH_LINENO[frame - 1]}: $*"
+    echo "FAILED at line ${BASH_LINENO[frame - 1]}: $*" >&2
     exit 1
 }
 
@@ -20,7 +20,21 @@ skip() {
     echo "$*" >"$LAB_RESULTS/skipped"
     exit 77
 }
+
+# options NAMES ARGUMENT...: for a word with options: each ARGUMENT is NAME=VALUE, which sets that variable of its caller.
+options() {
+    local allowed=$1 argument; shift
+    for argument; do
+        [[ $argument == *=* && " $allowed " == *" ${argument%%=*} "* ]] ||
+            fail "${FUNCNAME[1]} has no option '$argument', only: $allowed"
+        printf -v "${argument%%=*}" %s "${argument#*=}"
+    done
+}
+
 uptime_s() { cut -d' ' -f1 /proc/uptime; }
+
+# since TIME: seconds since it was TIME by uptime_s.
+since() { awk -v began="$1" '{ printf "%.1f\n", $1 - began }' /proc/uptime; }
 
 # wait_until SECONDS COMMAND...: waits until COMMAND succeeds; returns 1 when it did not in time.
 wait_until() {
@@ -44,13 +58,18 @@ refute() {
     if "$@" >/dev/null 2>&1; then fail "$text"; fi
 }
 
-# background NAME COMMAND...: a helper of the world; its output goes to results/NAME.log.
+# background NAME COMMAND...: a helper of the world. What it writes goes to results/NAME.log, which begins with it:
+# what one of that name wrote before is kept in NAME.before.log.
 background() {
-    local name=$1; shift
-    "$@" >>"$LAB_RESULTS/$name.log" 2>&1 3>&- &
+    local name=$1 log=$LAB_RESULTS/$1.log; shift
+    [[ ! -e $log ]] || cat "$log" >>"${log%.log}.before.log"
+    "$@" >"$log" 2>&1 3>&- &
     echo $! >"$LAB/$name.pid"
     disown
 }
+
+# expect_from NAME PATTERN SECONDS: a line that the helper of that name writes.
+expect_from() { expect "/$2/ from $1" "$3" grep -qE -- "$2" "$LAB_RESULTS/$1.log"; }
 
 # end NAME [SIGNAL]: ends it and waits until it is gone.
 end() {
@@ -58,9 +77,18 @@ end() {
     pid=$(<"$LAB/$1.pid")
     rm "$LAB/$1.pid"
     kill "${2:--TERM}" "$pid"
-    wait_until 10 gone "$pid" || fail "$1 does not end"
+    expect "the end of $1" 10 gone "$pid"
 }
 gone() { ! kill -0 "$1"; }
+
+# broken PROGRAM [SCRIPT]: PROGRAM, a path, is this from now on, or missing. repaired PROGRAM: as it was.
+broken() {
+    [[ -e $1.good ]] || mv "$1" "$1.good"
+    if [[ ! ${2-} ]]; then rm -f "$1"; return; fi
+    install -m 755 <(printf '#!/bin/sh\n%s\n' "$2") "$1.new"
+    mv "$1.new" "$1"
+}
+repaired() { mv "$1.good" "$1"; }
 
 # figure NAME VALUE: a measurement: a comment of the report and a line of results/figures.
 figure() {

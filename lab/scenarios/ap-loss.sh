@@ -30,5 +30,5 @@ while ((SECONDS - off < 30)); do sleep 1; done
 refute_message network/events '"wifi":1,'
 home_ap_up
 wait_state 1 90
-expect_message network/events "$(netinfo dhcp=true sec=4)" 10
+expect_netinfo 10
 refute_log 'failed to connect to wpa_supplicant'

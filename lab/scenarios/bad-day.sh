@@ -4,26 +4,24 @@
 home_up
 save_network
 kvs_set network.watchdog_interval_min 3
-start_peers
-peers_next_cleaning 0   # never far enough away for a reboot
+start_peers --next-cleaning 0   # never far enough away for a reboot
 fast_clock 1
 start_daemon
 wait_state 1 120
 expect_log 'ready to ping using' 40
 fast_clock 4
 
-count() { find "/proc/$(daemon_pid)/$1" -mindepth 1 -maxdepth 1 | wc -l; }
 # Ended children of the daemon that it did not collect.
 zombies() { grep -lE "^[0-9]+ \(.*\) Z $(daemon_pid) " /proc/[0-9]*/stat; }
-held=$(count fd) threads=$(count task)
-is_tidy() { (($(count fd) <= held && $(count task) == threads)) && ! zombies; }
+held=$(daemon_count fd) threads=$(daemon_count task)
+is_tidy() { (($(daemon_count fd) <= held && $(daemon_count task) == threads)) && ! zombies; }
 
 # The network is restarted (what was published before was the old one going down) and comes up.
 expect_recovery() {
     expect_log 'wifi = 11' 60
     mark
     wait_state 1 120
-    expect_message network/events "$(netinfo dhcp=true sec=4)" 10
+    expect_netinfo 10
     expect "no descriptor, thread or ended child more than before" 30 is_tidy
     refute_reboot
 }
@@ -52,15 +50,16 @@ expect_recovery
 
 step "the station cannot be started, and then only slowly"
 station=/usr/lib/netwarden-board/station
-mv $station $station.good
-printf '#!/bin/sh\n[ "$1" = up ] || exec %s.good "$@"\nhead -c 5000 /dev/urandom\nexit 3\n' $station >$station
-chmod 755 $station
+broken $station "[ \"\$1\" = up ] || exec $station.good \"\$@\"
+head -c 5000 /dev/urandom
+exit 3"
 mark
 home_arp_drop on
 expect_log 'maximum ping loss count, restarting network' 60
 expect_log 'failed to start station interface' 30
 home_arp_drop off
 mark
-printf '#!/bin/sh\nsleep 10\nexec %s.good "$@"\n' $station >$station
+broken $station "sleep 10
+exec $station.good \"\$@\""
 expect_log 'no address count, 3' 60
 expect_recovery

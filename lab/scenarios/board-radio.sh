@@ -2,18 +2,6 @@
 # radio, and the diagnostic log while joined.
 # limit: 180 s
 country() { iw reg get | awk '/country/ {print $2}' | cut -d ':' -f1 | head -1; }
-network_conf() {
-    cat >/etc/wpa_supplicant.conf <<CONF
-ctrl_interface=/var/run/wpa_supplicant
-ctrl_interface_group=apps
-network={
-	ssid=$(hex "$HOME_SSID")
-	psk="$HOME_KEY"
-	scan_ssid=1
-}
-CONF
-}
-has_address() { [[ $(robot_address) == 192.168.77.1[0-5]? ]]; }
 
 step "the kernel follows the stored regulatory domain at ifup"
 home_up
@@ -25,7 +13,7 @@ provision --clregdomain WO
 ifdown wlan0
 ifup wlan0
 [[ $(country) == 00 ]]
-expect "an address for wlan0" 60 has_address
+expect "an address for wlan0" 60 has_leased_address
 
 step "a monitor shares the station's radio"
 network_device_interfaces_control.sh --interface=softap --action=del
@@ -33,7 +21,7 @@ network_device_interfaces_control.sh --interface=monitor --action=add
 ifup mon0
 iw dev mon0 info | grep -q 'type monitor'
 [[ $(iw dev mon0 info | grep wiphy) == "$(iw dev wlan0 info | grep wiphy)" ]]
-has_address
+has_leased_address
 ifdown mon0
 network_device_interfaces_control.sh --interface=monitor --action=del
 refute "mon0 is still there" iw dev mon0 info
@@ -58,5 +46,5 @@ for _ in 1 2 3 4 5 6 7 8 9 10; do
     ifdown wlan0
     ifup wlan0
 done
-expect "an address for wlan0" 60 has_address
+expect "an address for wlan0" 60 has_leased_address
 [[ $(pgrep -xc wpa_supplicant) == 1 && $(pgrep -xc udhcpc) == 1 ]]

@@ -2,24 +2,14 @@
 # daemon's signal, ifdown leaves nothing behind; a phone joins the soft AP.
 # limit: 180 s
 home_up
-cat >/etc/wpa_supplicant.conf <<CONF
-ctrl_interface=/var/run/wpa_supplicant
-ctrl_interface_group=apps
-network={
-	ssid=$(hex "$HOME_SSID")
-	psk="$HOME_KEY"
-	scan_ssid=1
-}
-CONF
+network_conf
 provision --clmode dhcp
 
 step "the station comes up"
 ifup wlan0
-has_address() { [[ $(robot_address) == 192.168.77.1[0-5]? ]]; }
-expect "an address for wlan0" 60 has_address
+expect "an address for wlan0" 60 has_leased_address
 step "joined as $(robot_address)"
-[[ $(wpa_cli -iwlan0 status | sed -n 's/^bssid=//p') == "$(home_bssid)" ]]
-gateway_answers() { arping -Iwlan0 -c1 $HOME_GATEWAY -w 2 | grep -q "Unicast reply from $HOME_GATEWAY \["; }
+[[ $(station_status bssid) == "$(home_bssid)" ]]
 gateway_answers
 [[ $(awk '$1 == "nameserver" { print $2 }' /etc/resolv.conf) == "$HOME_GATEWAY" ]]
 

@@ -7,13 +7,10 @@ for last in {2..254}; do
 done | ip -n device1 -force -batch - 2>/dev/null || true   # one of them it has already
 robot_mdns_up
 daemon_peak_on
-mark
-track start
+tracking_begins
 expect_log 'pinging 254 addresses' 60
 expect_log 'discover threads done' 200
-is_full() { (($(census | grep -o '"02:77:' | wc -l) == 253)); }
-expect "all 252 and the gateway in the census" 400 is_full
+expect "all 252 and the gateway in the census" 400 eval '(($(census | grep -o "\"02:77:" | wc -l) == 253))'
 step "253 listed; peak of netwarden: $(daemon_peak Threads) threads, $(daemon_peak VmRSS) kB resident"
 (($(daemon_peak VmHWM) < 32000))
-track stop
-expect_log 'clearing device list' 40
+tracking_ends 40

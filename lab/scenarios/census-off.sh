@@ -6,16 +6,13 @@ home_ap_up
 device_address() { echo "192.168.77.$((2 + $1))"; }
 home_devices 6
 home_announce 1 kitchen Speaker _googlecast._tcp cd=CD0001 'md=Home Mini'
-save_small_network 255.255.255.192
-start_daemon
-wait_state 1 120
+robot_in_small_home 255.255.255.192
 robot_mdns_up
 expect_log 'ready to ping using' 40
-count() { find "/proc/$(daemon_pid)/$1" -mindepth 1 -maxdepth 1 | wc -l; }
 state() {
     ls -d /sys/class/net/mon0 /run/netwarden-board/noarp 2>/dev/null || true
     pgrep -lx 'arping|avahi-browse' || true
-    echo "$(robot_address), $(count task) threads, $(count fd) descriptors"
+    echo "$(robot_address), $(daemon_count task) threads, $(daemon_count fd) descriptors"
 }
 before=$(state)
 is_off() { [[ $(state) == "$before" ]]; }
@@ -23,8 +20,7 @@ undone() { wait_until "$1" is_off || fail "not undone within $1 s: $(state)
 before: $before"; }
 
 step "on, and off again"
-mark
-track start
+tracking_begins
 for i in {1..6}; do expect_device 240 $i "$([[ $i != 1 ]] || echo \
     '"google_cd":"CD0001","type":"smart-speaker","name":"Speaker","hostname":"kitchen.local","md":"Home Mini"')"; done
 expect_log 'discover threads done' 240
@@ -35,8 +31,7 @@ expect_log 'clearing device list' 20
 undone 40
 
 step "off in the middle of a sweep"
-mark
-track start
+tracking_begins
 expect_log 'starting thread' 60
 sleep 3
 track stop

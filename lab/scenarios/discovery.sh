@@ -80,18 +80,17 @@ refute_message network/events wifistat
 
 step "the home gives the robot another address"
 mark
-home_dhcp_down
+end dhcp
 home_dhcp_up --dhcp-host=02:00:00:00:00:00,192.168.77.149
 publish tarn/network/event/5/1 '{"event":"restartNetwork"}'
 expect_log '\[INFO\].*Network manager received restart network request, restarting...' 5
-expect_message network/events "$(netinfo dhcp=true sec=4 addr=192.168.77.149)" 90
+expect_netinfo 90 addr=192.168.77.149
 [[ $(probe home 192.168.77.149) == "$(nc=-7 description '{"ota":[1,{}]}' 192.168.77.149)" ]]
 
 step "in the soft AP, with what the last provisioning came to"
 mark
 kvs_set network.last_prov_status 3
-publish brisk/network/events '{"event":"tidelinkConnected"}'
-publish brisk/network/events '{"event":"provisioning"}'
+app_wants_provisioning
 expect_log 'SoftAP is up' 60
 phone_join ssid=Plover-0123
 answer=$(probe phone 192.168.10.1)

@@ -1,7 +1,8 @@
 # The gateway falls silent while the radio link is fine: three lost pings in a row restart the network,
 # fewer do not. The daemon's clock is sped up: it pings every 20 seconds.
 # limit: 300 s
-robot_at_home hastened
+fast_clock 1
+robot_at_home
 expect_log 'ready to ping using sudo arping -Iwlan0 -c1 192\.168\.77\.1 -w 2' 40
 
 step "one lost ping is forgiven"

@@ -11,8 +11,7 @@ wait_state 1 120
 expect_log 'setting bssid switch sleep to user selected val 20 sec' 1
 address=$(robot_address)
 
-mark
-track start
+tracking_begins
 expect_log 'discover threads done' 300
 step "the sweep is done: hops begin"
 start=$(station_status freq)
@@ -21,7 +20,6 @@ background ping sh -c "ping -i 0.05 $HOME_GATEWAY | perl -MTime::HiRes=time -pe 
 
 # The supplicant's word on where it went, in MHz.
 hops() { log_since_mark | sed -nE 's/.*wpa_supplicant.*Trying to authenticate with .*freq=([0-9]+) MHz.*/\1/p'; }
-is_joined() { [[ $(station_status wpa_state) == COMPLETED && $(station_status freq) == "$1" ]]; }
 heard() { cat /sys/class/net/mon0/statistics/rx_packets; }
 from=$start
 for hop in 1 2 3 4; do
@@ -29,7 +27,7 @@ for hop in 1 2 3 4; do
     expect "hop $hop" 60 eval "((\$(hops | wc -l) >= $hop))"
     to=$(hops | sed -n ${hop}p)
     step "hop $hop: from $from to $to MHz"
-    expect "hop $hop arrives" 10 is_joined "$to"
+    expect "hop $hop arrives" 10 is_joined freq "$to"
     [[ $from != "$to" && $(robot_address) == "$address" ]]
     (($(heard) > was_heard)) || fail "the monitor hears nothing any more"
     from=$to

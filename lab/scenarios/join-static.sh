@@ -10,5 +10,5 @@ start_daemon
 wait_state 1 90
 [[ $(robot_address) == 192.168.77.20 ]]
 refute "a DHCP client runs" pgrep udhcpc
-expect_message network/events "$(netinfo dhcp=false sec=4 addr=192.168.77.20 dns2=9.9.9.9)" 5
-expect_message network/events "^\{\"wlcfg\":\{\"sec\":4,\"ssid\":\"$(hex "$HOME_SSID")\",\"addr\":\"192.168.77.20\",\"mask\":\"255.255.255.0\",\"gw\":\"192.168.77.1\",\"dns1\":\"192.168.77.1\",\"dns2\":\"9.9.9.9\"\}\}$" 5
+expect_netinfo 5 dhcp=false addr=192.168.77.20 dns2=9.9.9.9
+expect_wlcfg 5 more='"addr":"192.168.77.20","mask":"255.255.255.0","gw":"192.168.77.1","dns1":"192.168.77.1","dns2":"9.9.9.9"'

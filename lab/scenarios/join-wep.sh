@@ -7,7 +7,6 @@ start_peers
 start_daemon
 wait_state 1 90
 [[ $(station_status pairwise_cipher) == WEP-40 ]]
-expect_message network/events "$(netinfo dhcp=true sec=2)" 5
+expect_netinfo 5 sec=2
 expect_log 'WEP-40 network block generated' 1
-refute_text "$HOME_KEY"
-refute_text "$(hex "$HOME_KEY")"
+refute_text "$HOME_KEY" "$(hex "$HOME_KEY")"

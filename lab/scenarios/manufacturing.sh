@@ -14,7 +14,7 @@ peer_asks 1 "{\"wlcfg\":{\"ssid\":\"$(hex "$HOME_SSID")\",\"pass\":\"$(hex "$HOM
     '\{"wifistat": \{"wifi": 8\}\}'
 expect_log '\[ERROR\].*Unsupported message' 1
 wait_state 1 90
-expect_message network/events "$(netinfo dhcp=true sec=4)" 20
+expect_netinfo 20
 expect_in_order ' tarn/5/req/network/[0-9]+ \{"event":"disconnect_local"\}$' \
     ' network/events \{"wifistat":\{"wifi":8,"uap":false\}\}$' \
     ' tarn/1/req/network/[0-9]+ \{"wifistat": \{"wifi": 8\}\}$' \

@@ -5,7 +5,7 @@ robot_at_home
 
 aborted() { # in state $1, leaving status $2
     mark
-    publish brisk/network/events '{"event":"btnpress"}'
+    app_says '{"event":"btnpress"}'
     expect_message robot/debug '^\{"command":"provabort"\}$' 20
     expect_log "provisioning stopped in state $1" 30
     wait_state 1 90
@@ -18,15 +18,15 @@ aborted 1 1
 
 step "after settings came, before they are used"
 mark
-publish brisk/network/events '{"event":"provisioning"}'
+app_says '{"event":"provisioning"}'
 expect_log 'provisioning started' 60
-publish brisk/network/events '{"wlcfg":{"ssid":"aa","pass":"6161616161616161"}}'
+app_says '{"wlcfg":{"ssid":"aa","pass":"6161616161616161"}}'
 expect_log 'rx event PROVISIONING_NETWORK_CONFIG_RX' 10
 aborted 2 1
 
 step "while the robot looks for a network that is not there"
 mark
-publish brisk/network/events '{"event":"provisioning"}'
+app_says '{"event":"provisioning"}'
 expect_log 'provisioning started' 60
 app_sends ssid=nowhere
 wait_state 8 60

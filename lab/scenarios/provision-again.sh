@@ -1,12 +1,7 @@
 # The robot moves house: provisioned for one home, then for another; both at hand, it keeps to the second.
 # limit: 240 s
-home_up
 home_ap_up ssid='Second Home' key='another horse' channel=11 radio=2
-save_network
-kvs_set product.robotid 0123456789ABCDEF
-start_peers
-start_daemon
-wait_state 1 90
+robot_at_home
 provisioning_begins
 app_sends ssid='Second Home' key='another horse'
 provisioning_succeeds 'Second Home' "$(psk_of 'Second Home' 'another horse')"

@@ -6,5 +6,5 @@ new_robot_up
 provisioning_begins
 app_sends key=
 provisioning_succeeds "$HOME_SSID"
-expect_message network/events "$(netinfo dhcp=true sec=0)" 5
+expect_netinfo 5 sec=0
 [[ ! $(station_status pairwise_cipher) || $(station_status pairwise_cipher) == NONE ]]

@@ -8,8 +8,6 @@ expect_log 'connection to AP rejected' 60
 provisioning_fails 6 60
 
 step "it is let in"
-end ap1
-sed -i s/AP-ENABLED/AP-WAS-ENABLED/ "$LAB_RESULTS/ap1.log"
-home_ap_up
+home_ap_restart
 app_sends
 provisioning_succeeds

@@ -16,5 +16,5 @@ provisioning_succeeds
 [[ $(robot_address) == 192.168.77.20 ]]
 [[ $(kvs_get network.addr_type) == 0 ]]
 refute "a DHCP client runs" pgrep udhcpc
-expect_message network/events "$(netinfo dhcp=false sec=4 addr=192.168.77.20)" 10
-expect_message network/events "^\{\"wlcfg\":\{\"sec\":4,\"ssid\":\"$(hex "$HOME_SSID")\",\"addr\":\"192.168.77.20\",\"mask\":\"255.255.255.0\",\"gw\":\"192.168.77.1\",\"dns1\":\"192.168.77.1\",\"dns2\":\"0.0.0.0\"\}\}$" 5
+expect_netinfo 10 dhcp=false addr=192.168.77.20
+expect_wlcfg 5 more='"addr":"192.168.77.20","mask":"255.255.255.0","gw":"192.168.77.1","dns1":"192.168.77.1","dns2":"0.0.0.0"'

@@ -1,7 +1,8 @@
 # The owner walks away: after twenty minutes the robot gives up, keeps a Wi-Fi log, and is home again as before.
 # limit: 240 s
 needs_fast_clocks
-robot_at_home hastened
+fast_clock 1
+robot_at_home
 provisioning_begins
 has_no_address
 

@@ -6,17 +6,17 @@ expect_message tarn/network/resp/corehub/.* '"cap"' 10
 story_begins
 
 step "the user interface starts provisioning; the soft AP comes up"
-publish brisk/network/events '{"event":"provisioning"}'
+app_says '{"event":"provisioning"}'
 expect_log 'Provisioning attempted but tidelink not connected. Waiting' 5
-publish brisk/network/events '{"event":"tidelinkConnected"}'
+app_says '{"event":"tidelinkConnected"}'
 expect_log 'SoftAP is up' 60
 phone_join ssid=Plover-0123
 expect_message robot/debug softapconnect 15
 
 step "the phone sends the home's settings; the robot joins"
-publish brisk/network/events '{"wlcfg":{"ssid":"4c616220486f6d65","pass":"636f727265637420686f727365203432"},"robotpass":"secret9"}'
+app_says '{"wlcfg":{"ssid":"4c616220486f6d65","pass":"636f727265637420686f727365203432"},"robotpass":"secret9"}'
 expect_log 'COMMAND=.*provision --clmode dhcp' 5
-publish brisk/network/events '{"uap":false}'
+app_says '{"uap":false}'
 provisioning_succeeds
 
 step "all of it in its order"

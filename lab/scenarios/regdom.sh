@@ -1,7 +1,7 @@
 # product.regdom at the start: a region's name or its beginning, a country, a country that the kernel does not take,
 # what is neither, and nothing. Only the first three succeed; the robot goes on with its start in each case.
 # limit: 240 s
-sed -i '/!syslog/d' /etc/sudoers.d/netwarden # so that what runs through sudo is logged
+story_begins
 fast_clock 4
 
 # start KERNEL COMMAND...: the daemon starts with the product.regdom of now; the COMMANDs are all it runs for that,

@@ -1,14 +1,14 @@
 # A local app trains the robot over its soft AP. Training ends by the app's word, by the button, for a provisioning,
 # or by itself after two hours without an app; the robot then goes home with what it had saved.
 # limit: 480 s
-robot_at_home hastened
+fast_clock 1
+robot_at_home
 
-tell() { publish brisk/network/events "$1"; }
 says() { expect_message robot/debug "^\{\"command\":\"$1\"\}$" 60; }
 # ended WORD...: these, in this order, were all the commands; the soft AP is gone, and the robot is home again.
 ended() {
     wait_state 1 90
-    expect_message network/events "$(netinfo dhcp=true sec=4)" 10
+    expect_netinfo 10
     [[ $(messages_since_mark | sed -n 's/.*{"command":"\(.*\)"}/\1/p' | xargs) == "$*" ]]
     expect_in_order trainstart '"wifi":11,"uap":true' "${!#}" ' network/events \{"wifistat":\{"wifi":1,"uap":false\}\}$'
     [[ ! $(robot_address wlan1) ]]
@@ -16,39 +16,38 @@ ended() {
 
 step "the app starts training, comes with its phone, leaves by its word"
 mark
-tell '{"event":"training"}'
+app_says '{"event":"training"}'
 expect_log 'rx event TRAIN_START in state PS_NONE' 5
 says trainstart
 phone_join ssid=Plover-0123
 phone ping -c1 192.168.10.1
 peer_tells 5 '{"event":"localConnect"}'
 says trainconnect
-tell '{"uap":true}'
+app_says '{"uap":true}'
 expect_log 'on_mqtt_app_message: received uap json with unsupported value from app' 5
 phone_leave
 peer_tells 5 '{"event":"localDisconnect"}'
 says traindisconnect
-tell '{"uap":false}'
+app_says '{"uap":false}'
 says traindone
 ended trainstart trainconnect traindisconnect traindone
 
 step "a provisioning takes over, a training takes over from it, the button ends that"
 mark
-tell '{"event":"training"}'
+app_says '{"event":"training"}'
 says trainstart
-tell '{"event":"tidelinkConnected"}'
-tell '{"event":"provisioning"}'
+app_wants_provisioning
 expect_log 'provisioning started' 60
-tell '{"event":"training"}'
+app_says '{"event":"training"}'
 expect_log 'provisioning stopped in state 1' 60
 expect "a new soft AP" 60 eval '(($(log_since_mark | grep -c "SoftAP is up") == 3))'
-tell '{"event":"btnpress"}'
+app_says '{"event":"btnpress"}'
 ended trainstart trainabort provstart provabort trainstart trainabort
 
 needs_fast_clocks
 step "nobody comes: two hours pass, 200 times as fast"
 mark
-tell '{"event":"training"}'
+app_says '{"event":"training"}'
 says trainstart
 began=$SECONDS
 fast_clock 200

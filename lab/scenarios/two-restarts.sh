@@ -45,12 +45,11 @@ step "a provisioning begins in a restart"
 story_begins
 mark
 publish tarn/network/event/5/9003 '{"event":"restartNetwork"}'
-publish brisk/network/events '{"event":"tidelinkConnected"}'
-publish brisk/network/events '{"event":"provisioning"}'
+app_wants_provisioning
 expect_log 'SoftAP is up' 60
 has_run "${whole_restart}ifdown wlan0;" || fail "not one after the other: $(story)"
 refute_log 'Error publishing|tarn_transfer failed'
 sleep 2
 mark
-publish brisk/network/events '{"event":"btnpress"}'
+app_says '{"event":"btnpress"}'
 wait_state 1 120

@@ -3,8 +3,7 @@
 # limit: 300 s
 save_network "$HOME_SSID" seven77
 kvs_set network.watchdog_interval_min 3
-start_peers
-peers_next_cleaning 899
+start_peers --next-cleaning 899
 fast_clock 1
 start_daemon
 wait_state 11 60
