@@ -1,6 +1,7 @@
-# The robot moves house: provisioned for one home, then for another; both at hand, it keeps to the second.
+# The robot moves house: provisioned for one home, then for another; both at hand, it keeps to the second,
+# whose access point does not tell its name in its beacons.
 # limit: 240 s
-home_ap_up ssid='Second Home' key='another horse' channel=11 radio=2
+home_ap_up ssid='Second Home' key='another horse' channel=11 radio=2 hidden=1
 robot_at_home
 provisioning_begins
 app_sends ssid='Second Home' key='another horse'
