@@ -24,7 +24,8 @@ tracking_begins
 for i in {1..6}; do expect_device 240 $i "$([[ $i != 1 ]] || echo \
     '"google_cd":"CD0001","type":"smart-speaker","name":"Speaker","hostname":"kitchen.local","md":"Home Mini"')"; done
 expect_log 'discover threads done' 240
-[[ -e /run/netwarden-board/noarp ]] && iw dev mon0 info | grep -q 'type monitor'
+[[ -e /run/netwarden-board/noarp ]]
+iw dev mon0 info | grep -q 'type monitor'
 mark
 track pause
 expect_log 'clearing device list' 20
