@@ -5,6 +5,7 @@
 #include <map>
 #include <sstream>
 
+#include "clock.h"
 #include "device_probe.h"
 #include "device_subnet_ping.h"
 #include "device_tracking.h"
@@ -17,10 +18,6 @@
 #include "robot.h"
 #include "wifi_netinfo.h"
 #include "wifi_state.h"
-
-extern "C" unsigned sleep(unsigned seconds) {
-    return static_cast<unsigned>(usleep(seconds * 10'000));
-}
 
 namespace {
 
@@ -46,6 +43,7 @@ std::string nth_mac(int i) {
 class DevicePinger : public Robot {
   protected:
     DevicePinger() {
+        make_pauses_last(10'000);
         init_device_list();
         if (if_nametoindex("wlan0") == 0)  // else run again, hastened
             give_address();

@@ -5,6 +5,7 @@
 
 #include "arping.h"
 #include "bus.h"
+#include "clock.h"
 #include "gateway_ping.h"
 #include "pthread_utils.h"
 #include "robot.h"
@@ -23,24 +24,17 @@ std::optional<std::string> answer(const std::string &topic, const std::string &t
     return next_cleaning;
 }
 
-}  // namespace
-
-// The clock of this program: the watchdog's pause ends when the test says so, others at once.
-extern "C" unsigned sleep(unsigned seconds) {
-    if (seconds == kCycleS) {
-        sem_post(&cycles_ended);
-        sem_wait(&cycles_allowed);
-    }
-    return 0;
-}
-
-namespace {
-
 class GatewayWatchdog : public Robot {
   protected:
     static void start() {
         sem_init(&cycles_allowed, 0, 0);
         sem_init(&cycles_ended, 0, 0);
+        make_pauses_call([](unsigned seconds) {
+            if (seconds == kCycleS) {
+                sem_post(&cycles_ended);
+                sem_wait(&cycles_allowed);
+            }
+        });
         fake("ifdown", "exit 0");
         fake("ifup", "exit 1");
         wifi_init_netinfo();

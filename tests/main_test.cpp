@@ -9,16 +9,9 @@
 #include <algorithm>
 #include <sstream>
 
+#include "clock.h"
 #include "robot.h"
 #include "wifi_settings.h"
-
-extern "C" unsigned sleep(unsigned seconds) {
-    usleep(seconds * 20'000);
-    return 0;
-}
-extern "C" int nanosleep(const timespec *duration, timespec * /*rest*/) {
-    return usleep(static_cast<useconds_t>(duration->tv_sec * 20'000 + duration->tv_nsec / 1000));
-}
 
 namespace {
 
@@ -217,6 +210,7 @@ TEST_F(Boot, TakesTheDocumentedMessages) {
 }  // namespace
 
 int main(int argc, char **argv) {
+    make_pauses_last(20'000);
     if (argc > 1 && std::string(argv[1]) == "--daemon")
         return netwarden_main(argc - 1, argv + 1);
     testing::InitGoogleTest(&argc, argv);

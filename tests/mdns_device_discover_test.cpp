@@ -6,15 +6,10 @@
 
 #include <thread>
 
+#include "clock.h"
 #include "device_tracking.h"
 #include "home_device_list.h"
 #include "robot.h"
-
-// Three seconds of the thread are a hundredth of one.
-extern "C" unsigned sleep(unsigned seconds) {
-    usleep(seconds * 3'000);
-    return 0;
-}
 
 namespace {
 
@@ -29,6 +24,7 @@ std::string record(const std::string &name, const std::string &txt,
 
 class Browser : public Robot {
   protected:
+    Browser() { make_pauses_last(3'000); }
     // What the list holds when all rounds of browsing that prints `lines` are over.
     std::vector<device_texts> browse(const std::string &lines) {
         write_file("/tmp/lines", lines);

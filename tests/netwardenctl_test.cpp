@@ -7,14 +7,10 @@
 #include <optional>
 #include <set>
 
+#include "clock.h"
 #include "main.h"
 #include "robot.h"
 #include "wifi_state.h"
-
-extern "C" unsigned sleep(unsigned seconds) {
-    usleep(seconds * 20'000);
-    return 0;
-}
 
 namespace {
 
@@ -179,6 +175,7 @@ TEST_F(Ctl, ProvisionsAndKeepsSecrets) {
 }  // namespace
 
 int main(int argc, char **argv) {
+    make_pauses_last(20'000);
     if (argc > 1 && std::string(argv[1]) == "--daemon")
         return netwarden_main(1, argv);
     testing::InitGoogleTest(&argc, argv);

@@ -4,10 +4,6 @@
 #include "pthread_utils.h"
 #include "supplicant.h"
 
-extern "C" unsigned sleep(unsigned) {
-    return 0;
-}
-
 namespace {
 
 // A home whose access points are "bb:FREQUENCY"; the supplicant roams as it is told.

@@ -15,6 +15,8 @@
 #include <filesystem>
 #include <fstream>
 
+#include "clock.h"
+
 namespace {
 
 constexpr char kCommands[] = "/run/fakes/commands";
@@ -36,6 +38,7 @@ Robot::Robot() : log_socket_(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
     if (bind(log_socket_.get(), reinterpret_cast<const sockaddr *>(&kLog), sizeof kLog) != 0)
         ADD_FAILURE() << "cannot listen on /dev/log: run through tests/sandbox";
     reader_ = std::thread([this] { read_log(); });
+    make_pauses_last(0);
     fake("sudo", "exec \"$@\"");
 }
 

@@ -5,19 +5,17 @@
 #include <filesystem>
 #include <fstream>
 
+#include "clock.h"
 #include "log.h"
-
-// The clock of the programs that use this fixture.
-extern "C" unsigned sleep(unsigned seconds) {
-    std::ofstream("/run/fakes/commands", std::ios::app) << "sleep " << seconds << '\036';
-    return 0;
-}
 
 static long open_descriptors() {
     return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
 }
 
 void WifiRobot::SetUp() {
+    make_pauses_call([](unsigned seconds) {
+        std::ofstream("/run/fakes/commands", std::ios::app) << "sleep " << seconds << '\036';
+    });
     for (const char *tool : {"ifup", "ifdown", "wpa_cli", "hostapd_cli", "provision", "arping",
                              "network_device_interfaces_control.sh", "network_dhcp_arp_control.sh"})
         fake(tool, "exit 0");
