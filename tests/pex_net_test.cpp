@@ -4,11 +4,37 @@
 #include <arpa/inet.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
+#include <linux/wireless.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 
+#include <cerrno>
+#include <cstdarg>
 #include <cstring>
 
+#include "pex_get_levels_ioctl.h"
 #include "robot.h"
+
+static int statistics_errno = 0;  // of the driver, which has some while it is 0
+
+// The kernel's, but for the statistics of a radio "wlan0", which no namespace has.
+extern "C" int ioctl(int fd, unsigned long request, ...) noexcept {
+    va_list rest;
+    va_start(rest, request);
+    void *const argument = va_arg(rest, void *);
+    va_end(rest);
+    if (request != SIOCGIWSTATS)
+        return static_cast<int>(syscall(SYS_ioctl, fd, request, argument));
+    const auto *const query = static_cast<iwreq *>(argument);
+    const bool is_known = strcmp(query->ifr_name, "wlan0") == 0 && query->u.data.length == 32;
+    errno = is_known ? statistics_errno : ENODEV;
+    if (errno != 0)
+        return -1;
+    static_cast<iw_statistics *>(query->u.data.pointer)->qual = {1, static_cast<uint8_t>(-61), 3,
+                                                                 4};
+    return 0;
+}
 
 namespace {
 
@@ -43,6 +69,7 @@ TEST_F(PexNet, AddressesOfAnInterface) {
         EXPECT_EQ(pex_net_get_ip(name, &address), -1) << name;
         EXPECT_EQ(std::exchange(address, 5), 0U) << name;
     }
+    EXPECT_EQ(pex_net_get_ip(nullptr, &address) + pex_net_get_hwaddr("wlan0", nullptr), -2);
 }
 
 TEST_F(PexNet, DefaultGatewayOfTheMainTable) {
@@ -91,6 +118,10 @@ TEST_F(PexNet, NameServersOfTheResolver) {
         EXPECT_EQ(dotted(servers[0]) + " " + dotted(servers[1]), row.servers) << row.file;
         EXPECT_EQ(servers[2], 7U);
     }
+    uint32_t server = 0;
+    EXPECT_EQ(pex_net_get_nameservers(nullptr, 1) + pex_net_get_nameservers(&server, 0), -2);
+    unlink("/etc/resolv.conf");
+    EXPECT_EQ(pex_net_get_nameservers(&server, 1), -1);
 }
 
 TEST_F(PexNet, ReplyIsReadToItsEndAndNoFurther) {
@@ -128,20 +159,82 @@ TEST_F(PexNet, ReplyIsReadToItsEndAndNoFurther) {
     EXPECT_EQ(times_logged("socket read error"), 0) << "it waited for what cannot come";
 }
 
+TEST_F(PexNet, RouteIsParsedToItsLastWholeAttribute) {
+    const std::string address("\x0a\0\0\1", 4), other("\6\0\xf\0zz\0\0\5\0\xf\0z\0\0\0", 16);
+    const auto attribute = [](char type, const std::string &value) {
+        return std::string("\x8\0", 2) + type + '\0' + value;
+    };
+    const std::string good = message(RTM_NEWROUTE, 0, 16, 76) + '\2' + std::string(3, '\0') +
+                             '\xfe' + std::string(7, '\0') + attribute(RTA_DST, address) +
+                             attribute(RTA_PREFSRC, address) + other +
+                             attribute(RTA_GATEWAY, address) + attribute(RTA_OIF, {"\1\0\0\0", 4});
+    const struct {
+        size_t place;
+        char byte;
+        const char *route;
+    } changes[] = {{0, 76, "10.0.0.1 10.0.0.1 10.0.0.1 lo"},
+                   {0, 75, "10.0.0.1 10.0.0.1 10.0.0.1 "},
+                   {60, 17, "10.0.0.1 10.0.0.1 0.0.0.0 "},
+                   {36, 3, "10.0.0.1 0.0.0.0 0.0.0.0 "},
+                   {36, 7, "10.0.0.1 0.0.0.0 10.0.0.1 lo"},
+                   {0, 28, "0.0.0.0 0.0.0.0 0.0.0.0 "},
+                   {0, 27, ""},
+                   {16, AF_INET6, ""},
+                   {20, 7, ""}};
+    for (const auto &[place, byte, route] : changes) {
+        alignas(nlmsghdr) std::array<char, 76> bytes{};
+        good.copy(bytes.data(), bytes.size());
+        bytes[place] = byte;
+        pex_net_route read{};
+        const auto *const header = reinterpret_cast<const nlmsghdr *>(bytes.data());
+        const bool is_route = pex_net_parse_routes(header, &read) == 0;
+        const std::string text = dotted(read.dst.s_addr) + " " + dotted(read.src.s_addr) + " " +
+                                 dotted(read.gateway.s_addr) + " " + read.ifname;
+        EXPECT_EQ(is_route ? text : "", route) << place;
+    }
+}
+
 TEST_F(PexNet, SignalComesFromTheToolOnceStatisticsFail) {
     const auto levels = [](int connected) {
         int8_t signal = 0, snr = 0, noise = 0;
-        EXPECT_EQ(pex_net_get_signal_levels("wlan0", connected, &signal, &snr, &noise), 0);
+        EXPECT_EQ(pex_net_get_signal_levels("wlan7", connected, &signal, &snr, &noise), 0);
         return std::to_string(signal) + " " + std::to_string(snr) + " " + std::to_string(noise);
     };
     EXPECT_EQ(levels(0), "-90 0 -90");
+    EXPECT_EQ(levels(1), "-61 29 -90");
     fake("iw", "echo Connected to 02:00:00:00:00:01; echo '\tsignal: -52 dBm'");
+    statistics_errno = EOPNOTSUPP;
     EXPECT_EQ(levels(1), "-128 -38 -90");
+    EXPECT_TRUE(logged_as("DBG", "ioctl() is currently unsupported. Using iw command instead"));
+    statistics_errno = 0;  // for good
     fake("cat", "echo ' wlan0: 0000   60.  -50.  -95.  0 0 0 0 0 0'");
     EXPECT_EQ(levels(1), "-52 43 -95");
     fake("iw", "echo Not connected.");
     EXPECT_EQ(levels(1), "-128 -33 -95");
-    EXPECT_EQ(times_logged("ioctl() failed"), 1);
+    int8_t level = 0;
+    statistics_errno = EINVAL;
+    EXPECT_EQ(pex_net_get_signal_levels_from_ioctl(&level), -1);
+    EXPECT_EQ(level, -128);
+    EXPECT_TRUE(logged_as("ERROR", "ioctl() failed with errno 0 - Success"));
+    EXPECT_EQ(pex_net_get_signal_levels_from_ioctl(nullptr) +
+                  pex_net_get_signal_levels(nullptr, 0, &level, &level, &level),
+              -2);
+}
+
+TEST_F(PexNet, NoiseOfTheAccessPoint) {
+    const auto noise_of = [](const std::string &bssid, const std::string &bss) {
+        fake("wpa_cli", "case \"$*\" in 'status wlan0') echo ssid=a; echo bssid=" + bssid +
+                            ";; 'bss 02:00:00:00:00:0f') echo " + bss + ";; esac");
+        int8_t noise = 0;
+        const int result = pex_net_get_bss_noise(&noise);
+        return std::to_string(result) + " " + std::to_string(noise);
+    };
+    EXPECT_EQ(noise_of("02:00:00:00:00:0f", "level=-40; echo noise=-89"), "0 -89");
+    EXPECT_EQ(noise_of("02:00:00:00:00:0f", "level=-40"), "-1 -90");
+    EXPECT_EQ(noise_of("'0;reboot'", "noise=-89") + noise_of("", "noise=-89"), "-1 -90-1 -90");
+    EXPECT_TRUE(logged("Failed to capture noise from wpa_cli bss 02:00:00:00:00:0f | grep noise"));
+    EXPECT_EQ(times_logged("Failed to capture bssid from wpa_cli status wlan0 | grep bssid"), 2);
+    EXPECT_EQ(pex_net_get_bss_noise(nullptr), -1);
 }
 
 }  // namespace
