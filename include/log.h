@@ -42,9 +42,6 @@ int log_set_level_using_str(log_handle *handle, const char *word);
 // The number is not checked. -1 for a null or closed handle.
 int log_set_level(log_handle *handle, uint32_t level);
 
-// 1 for one of the five level words, else 0.
-int log_is_valid_level_str(const char *word);
-
 // Prints the message and a newline to standard error and aborts the process.
 [[noreturn]] void log_die(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
@@ -60,3 +57,8 @@ log_handle *exchange_log_handle(log_handle *handle);
 #define LOGI(...) log_format(get_log_handle(), LOG_LEVEL_INFO, LOG_SOURCE, __LINE__, __VA_ARGS__)
 #define LOGW(...) log_format(get_log_handle(), LOG_LEVEL_WARN, LOG_SOURCE, __LINE__, __VA_ARGS__)
 #define LOGE(...) log_format(get_log_handle(), LOG_LEVEL_ERROR, LOG_SOURCE, __LINE__, __VA_ARGS__)
+
+// --- offered to the robot's other programs; the daemon itself calls none of these ---------------
+
+// 1 for one of the five level words, else 0.
+int log_is_valid_level_str(const char *word);

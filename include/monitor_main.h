@@ -36,10 +36,6 @@ int wlan_monitor_ctrl_status(char *reply, size_t size);
 int wlan_monitor_ctrl_scan(char *reply, size_t size);
 int wlan_monitor_ctrl_get_scan_results(char *reply, size_t size);
 int wlan_monitor_ctrl_roam(const char *bssid, char *reply, size_t size);
-int wlan_monitor_ctrl_disconnect(char *reply, size_t size);
-int wlan_monitor_ctrl_reconnect(char *reply, size_t size);
-int wlan_monitor_ctrl_blacklist(const char *bssid, char *reply, size_t size);
-int wlan_monitor_ctrl_blacklist_show(char *reply, size_t size);
 
 // 1 from a scan's request or start until its results or failure. Any thread.
 int wlan_monitor_ctrl_pending_scan();
@@ -47,3 +43,10 @@ int wlan_monitor_ctrl_pending_scan();
 // Keeps the connection from being closed while at least one reference is held. Any thread.
 void wpa_ctrl_conn_increment_ref_count();
 void wpa_ctrl_conn_decrement_ref_count();
+
+// --- offered to the robot's other programs; the daemon itself calls none of these ---------------
+
+int wlan_monitor_ctrl_disconnect(char *reply, size_t size);
+int wlan_monitor_ctrl_reconnect(char *reply, size_t size);
+int wlan_monitor_ctrl_blacklist(const char *bssid, char *reply, size_t size);
+int wlan_monitor_ctrl_blacklist_show(char *reply, size_t size);

@@ -27,6 +27,8 @@ int8_t wifi_send_wlcfg_json();
 // Tells the robot's user-interface side a command word on "robot/debug".
 void send_command_to_robot(const char *command);
 
+// --- offered to the robot's other programs; the daemon itself calls none of these ---------------
+
 // Publishes the signal levels of the station; `connected` as in wifi_get_signal_levels. The text's
 // length, or 0 when they could not be read.
 int wifi_send_signal_levels(int connected);

@@ -23,5 +23,7 @@ int pex_kvs_del_key(const char *key);  // 0 or -1
 // Calls back with every key, which may be deleted by it. The OR of the results, or -1.
 int pex_kvs_foreach_key(int (*callback)(const char *key));
 
+// --- offered to the robot's other programs; the daemon itself calls none of these ---------------
+
 // Creates a directory path of fewer than 64 characters. 0, or -1 (also when a part exists).
 int pex_kvs_create_dir(const char *path);

@@ -12,6 +12,11 @@ char *pex_kvs_get_key_str_malloc(const char *key);
 // Stores a text; values of secret keys are logged as "*". 0 or -1.
 int pex_kvs_set_key_str(const char *key, const char *value);
 
+// The epoch belongs to another robot process: does nothing here, returns 3.
+int robot_epoch_generate_new();
+
+// --- offered to the robot's other programs; the daemon itself calls none of these ---------------
+
 int pex_kvs_key_exists(const char *key);  // 0 or -1
 
 // Deletes the key unless it begins with "product.". 0 or -1.
@@ -23,6 +28,3 @@ int pex_kvs_factory_reset();  // the OR of kvs_factory_reset_key over all keys
 int pex_kvs_set_key_owner(const char *key);           // owner root, group apps; 0 or -1
 int pex_kvs_is_valid_robot_id(const char *robot_id);  // 1 or 0
 char *pex_kvs_get_default_language_malloc();          // freed by the caller, or null
-
-// The epoch belongs to another robot process: does nothing here, returns 3.
-int robot_epoch_generate_new();

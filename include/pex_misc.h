@@ -75,16 +75,6 @@ Fd pex_open_regular_file(const char *path, int flags, mode_t mode = 0);
 int get_file_lock(int fd);
 int release_file_lock(int fd);
 
-// Modification time in seconds since the epoch, 0 on failure.
-time_t pex_get_file_mtime(const char *path);
-
-// 1 when the two files were modified within two minutes of each other, else 0.
-int pex_files_modified_within(const char *path_a, const char *path_b);
-
-int pex_str_tolower(char *text);   // in place; 0, or -1 for null
-int pex_strip_spaces(char *text);  // removes every blank in place; 0, or -1 for null
-long pex_get_uptime();             // seconds since boot, -1 on failure
-
 // A text in the manner of printf.
 std::string pex_format(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
@@ -97,3 +87,16 @@ std::string_view pex_next_piece(std::string_view &text, char separator);
 
 // Foreign text as the log may show it: control characters, which could forge a line, become "?".
 std::string pex_one_line(const char *text);
+
+// --- offered to the robot's other programs; the daemon itself calls none of these ---------------
+
+// 1 when the two files were modified within two minutes of each other, else 0.
+int pex_files_modified_within(const char *path_a, const char *path_b);
+
+// Modification time in seconds since the epoch, 0 on failure.
+time_t pex_get_file_mtime(const char *path);
+
+int pex_str_tolower(char *text);   // in place; 0, or -1 for null
+int pex_strip_spaces(char *text);  // removes every blank in place; 0, or -1 for null
+
+long pex_get_uptime();  // seconds since boot, -1 on failure

@@ -32,10 +32,13 @@ int pex_net_parse_routes(const nlmsghdr *message, pex_net_route *route);
 // The default gateway, 0 when there is none; also as text when `text` is not null.
 uint32_t pex_net_get_gatewayip(char *text, size_t size);
 
-int pex_net_get_noise(int8_t *noise);      // dBm, -90 when unknown; 0 or -1
-int pex_net_get_bss_noise(int8_t *noise);  // of the current BSS; 0 or -1
+int pex_net_get_noise(int8_t *noise);  // dBm, -90 when unknown; 0 or -1
 
 // Signal and noise in dBm (-128 and -90 when unknown) and their difference. Not connected: -90, -90
 // and 0. 0, or -1 for a null argument.
 int pex_net_get_signal_levels(const char *ifname, int connected, int8_t *signal, int8_t *snr,
                               int8_t *noise);
+
+// --- offered to the robot's other programs; the daemon itself calls none of these ---------------
+
+int pex_net_get_bss_noise(int8_t *noise);  // of the current BSS; 0 or -1

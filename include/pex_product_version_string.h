@@ -7,6 +7,8 @@
 // has no answer.
 const char *pex_get_product_version_string();
 
+// --- offered to the robot's other programs; the daemon itself calls none of these ---------------
+
 // Language packs; freed by the caller, or null.
 char *pex_get_lang_pack_id_malloc();
 char *pex_get_extra_lang_pack_id_malloc();

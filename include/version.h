@@ -13,6 +13,8 @@ struct version_record {
 int getVersion(version_record *record);
 int getVersionDetails(version_record *record);
 
+// --- offered to the robot's other programs; the daemon itself calls none of these ---------------
+
 // The same into the log at INFO.
 void logVersion();
 void logVersionDetails();

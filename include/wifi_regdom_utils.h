@@ -6,6 +6,8 @@
 // for seconds. Main thread, before the Wi-Fi threads run.
 int wifi_regdom_utils_set_regdomain(const char *value);
 
+// --- offered to the robot's other programs; the daemon itself calls none of these ---------------
+
 // Replaces the country "BR" by "00" wherever the radio's NV file names it, with a backup beside it.
-// 0 when a patched copy was written, else -1. Not called by the daemon: for service tools.
+// 0 when a patched copy was written, else -1.
 int wifi_regdom_utils_patch_nv_file();

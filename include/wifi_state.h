@@ -50,16 +50,6 @@ int wifi_state_get_last_prov_status();
 void wifi_state_set_uap(int flag);
 int wifi_state_get_uap();
 
-// The spare fields of wifistat, kept for the record's layout.
-void wifi_state_set_spare_flag(uint8_t value);
-uint8_t wifi_state_get_spare_flag();
-void wifi_state_set_spare_short(int16_t value);
-int16_t wifi_state_get_spare_short();
-void wifi_state_set_spare_word1(uint32_t value);
-uint32_t wifi_state_get_spare_word1();
-void wifi_state_set_spare_word2(uint32_t value);
-uint32_t wifi_state_get_spare_word2();
-
 // --- the station's link: what is known of it, each a word without a lock -------------------------
 
 // A connect brought the station's interface up.
@@ -93,3 +83,15 @@ int wifi_timer_left(wifi_timer which);  // 0 when off
 
 // Takes a second off a running timer; true when that was its last one.
 bool wifi_timer_count_down(wifi_timer which);
+
+// --- offered to the robot's other programs; the daemon itself calls none of these ---------------
+
+// The spare fields of wifistat, kept for the record's layout.
+void wifi_state_set_spare_flag(uint8_t value);
+uint8_t wifi_state_get_spare_flag();
+void wifi_state_set_spare_short(int16_t value);
+int16_t wifi_state_get_spare_short();
+void wifi_state_set_spare_word1(uint32_t value);
+uint32_t wifi_state_get_spare_word1();
+void wifi_state_set_spare_word2(uint32_t value);
+uint32_t wifi_state_get_spare_word2();

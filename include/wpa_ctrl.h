@@ -26,15 +26,6 @@ wpa_ctrl *wpa_ctrl_open2(const char *ctrl_path, const char *cli_path);
 wpa_ctrl *wpa_ctrl_open(const char *ctrl_path);
 void wpa_ctrl_close(wpa_ctrl *ctrl);  // null is allowed
 
-// Sends a command and waits up to 10 s for the reply, which is not terminated. Events that come in
-// between go to `msg_cb` or are dropped. 0, -1 send or receive failure, -2 time-out.
-int wpa_ctrl_request(wpa_ctrl *ctrl, const char *cmd, size_t cmd_len, char *reply,
-                     size_t *reply_len, wpa_ctrl_msg_cb msg_cb);
-
-// Subscribes to events, and ends that. 0 for the answer "OK\n", else negative.
-int wpa_ctrl_attach(wpa_ctrl *ctrl);
-int wpa_ctrl_detach(wpa_ctrl *ctrl);
-
 // How long an exchange with the supplicant may take: at most `timeout_ms` for the reply, and at
 // most 0.2 s from when the descriptor `cancel` (-1: none) is readable, which counts as a failure
 // (-1).
@@ -42,9 +33,12 @@ struct wpa_ctrl_patience {
     int timeout_ms;
     int cancel;
 };
-// As the three above, for a supplicant that may be leaving: with a patience of the caller's.
+// Sends a command and waits for the reply, which is not terminated. Events that come in between go
+// to `msg_cb` or are dropped. 0, -1 send or receive failure, -2 time-out.
 int wpa_ctrl_request_within(wpa_ctrl *ctrl, const wpa_ctrl_patience &patience, const char *cmd,
                             size_t cmd_len, char *reply, size_t *reply_len, wpa_ctrl_msg_cb msg_cb);
+
+// Subscribes to events, and ends that. 0 for the answer "OK\n", else negative.
 int wpa_ctrl_attach_within(wpa_ctrl *ctrl, const wpa_ctrl_patience &patience);
 int wpa_ctrl_detach_within(wpa_ctrl *ctrl, const wpa_ctrl_patience &patience);
 
@@ -67,3 +61,11 @@ size_t os_strlcpy(char *dest, const char *src, size_t size);  // the length of `
 int os_wait_readable(int fd, int timeout_ms);
 // The same, and -1 with errno ECANCELED as soon as `cancel` (-1: none) is readable and `fd` is not.
 int os_wait_readable_or(int fd, int cancel, int timeout_ms);
+
+// --- offered to the robot's other programs; the daemon itself calls none of these ---------------
+
+// As the three above with a patience of 10 s.
+int wpa_ctrl_request(wpa_ctrl *ctrl, const char *cmd, size_t cmd_len, char *reply,
+                     size_t *reply_len, wpa_ctrl_msg_cb msg_cb);
+int wpa_ctrl_attach(wpa_ctrl *ctrl);
+int wpa_ctrl_detach(wpa_ctrl *ctrl);

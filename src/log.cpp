@@ -53,7 +53,8 @@ struct level_row {
     int priority;
 };
 
-// "DBG" and "err" are what other tools match on; INFO is a notice to syslog, also on purpose.
+// "DBG" and "err" are what other tools match on, and INFO goes out as a notice: a syslog that keeps
+// notices and drops what is less is what robots have.
 constexpr std::array<level_row, 5> kLevels{{
     {"verbose", "VERBOSE", LOG_DEBUG},
     {"dbg", "DBG", LOG_DEBUG},
@@ -241,7 +242,7 @@ void log_printf(const log_handle &handle, uint32_t level, const char *source, in
 }
 
 // The direct path: the header is put before the caller's format, so the message has no limit.
-// Its punctuation differs from the truncating path's, on purpose.
+// Its punctuation differs from the truncating path's: what reads either has always met the two.
 void log_print_direct(const log_handle *handle, uint32_t level, const char *source, int line_number,
                       int error, const char *format, va_list args) {
     std::array<char, kLineSize> with_header;

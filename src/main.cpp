@@ -55,7 +55,8 @@ constexpr unsigned kStartDelayS = 5;  // the rest of the robot comes up in the m
 constexpr unsigned kInterfaceWaitS = 2;
 constexpr long kTickerS = 600;
 
-// Two bytes short of the buffer, on purpose: what is compared is what is copied.
+// Two bytes short of the buffer, which no netinfo fills; what is compared is what is copied, so
+// that a text is not told as changed for ever.
 constexpr size_t kComparedBytes = kStatusTextSize - 2;
 
 // --- command line --------------------------------------------------------------------------------

@@ -138,7 +138,7 @@ int wlan_monitor_open_connection(const char *ifname) {
         return -1;
     monitor_connection = wpa_ctrl_open(path.get());
     if (monitor_connection == nullptr)
-        return -1;  // the command connection stays open, on purpose
+        return -1;  // commands are served still; the next attach drops what is half open
     if (wpa_ctrl_attach_within(monitor_connection, {kReplyMs, stop.descriptor()}) != 0) {
         LOGE("Warning: Failed to attach to wpa_supplicant.\n");
         wlan_monitor_close_connection();
@@ -254,7 +254,7 @@ void receive_until_stopped(int descriptor) {
                 return;  // nothing is lost with a link that fails
             continue;
         }
-        if (ready < 0)  // one less than were seen, on purpose
+        if (ready < 0)  // counts those that were tolerated, without the one that ends it
             LOGE("select failed %d times, closing connection", failures);
         // A failed wait leaves the descriptor marked readable, so the last one gets a pass as well:
         // a supplicant that is back by then is connected to, and left at once.
@@ -320,7 +320,8 @@ int report_request(int result, const char *command) {
 }
 
 int wlan_monitor_ctrl_command(const char *command, char *reply, size_t size) {
-    // Looked at before the reference is taken, on purpose; used only if it is still there after.
+    // Looked at before the reference is taken, which may wait for a link that is being opened: a
+    // command that was given without a link fails, and is not sent on one that came meanwhile.
     const wpa_ctrl *const seen = command_connection;
     const CommandReference reference;
     if (seen == nullptr || reply == nullptr || size == 0) {

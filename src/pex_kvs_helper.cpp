@@ -158,7 +158,7 @@ int pex_kvs_is_valid_robot_id(const char *robot_id) {
     const std::string_view id = robot_id;
     if (id.size() != 32 && id.size() != 16)
         return 0;
-    if (id == kZeroId) {  // sixteen zeros pass, on purpose
+    if (id == kZeroId) {  // the factory's placeholder, which has 32
         LOGE("Invalid robot id of all 0's");
         return 0;
     }

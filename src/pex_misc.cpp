@@ -180,7 +180,7 @@ char *hex_encode_str_malloc(const void *bytes, size_t count) {
 }
 
 char *hex_decode_str_malloc(const char *text) {
-    const size_t length = strlen(text) % 256;  // eight bits, on purpose: 256 decode as none
+    const size_t length = strlen(text) % 256;  // callers count in eight bits: 256 decode as none
     MallocText bytes = new_text(length / 2 + 1);
     if (!bytes)
         return nullptr;

@@ -128,8 +128,8 @@ bool send_dump_request(int netlink) {
     return send(netlink, &request, sizeof request, 0) == static_cast<ssize_t>(sizeof request);
 }
 
-// By its text, so that 10.0.0.0 and its like count as well: meant to stay. The kernel lists the
-// true default route first.
+// By its text, so that 10.0.0.0 and its like count as well; harmless, for the kernel lists the true
+// default route first, and a robot without one asks such a subnet's gateway.
 bool is_default(in_addr destination) {
     std::array<char, INET_ADDRSTRLEN> text{};
     inet_ntop(AF_INET, &destination, text.data(), text.size());

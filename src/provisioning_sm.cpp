@@ -57,7 +57,7 @@ std::string name_of(int event) {
 }
 
 // The ring of posted events. Eight slots hold seven events; the eighth post between two ticks makes
-// it look empty, and what was posted is lost. Nobody checks for that, on purpose: the poster may be
+// it look empty, and what was posted is lost. Nobody checks for that: the poster may be
 // the broker's thread, which must not wait, and has nobody to tell of a refusal; eight events
 // within a second are not an owner's. The state stays, and the next press or the time-out moves on
 // from it.

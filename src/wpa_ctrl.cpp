@@ -157,7 +157,7 @@ wpa_ctrl *wpa_ctrl_open2(const char *ctrl_path, const char *cli_path) {
 
     ctrl->dest.sun_family = AF_UNIX;
     if (!name_destination(ctrl->dest, ctrl_path))
-        return nullptr;  // the bound file stays behind, on purpose
+        return nullptr;  // the bound file stays: who gets our id next takes it over (bind_local)
     if (connect(socket.get(), reinterpret_cast<sockaddr *>(&ctrl->dest), kAddressLength) < 0) {
         unlink(ctrl->local.sun_path);
         return nullptr;
@@ -231,7 +231,7 @@ int wpa_ctrl_recv(wpa_ctrl *ctrl, char *reply, size_t *reply_len) {
 }
 
 int wpa_ctrl_pending(wpa_ctrl *ctrl) {
-    // A failed check counts as readable, on purpose: the receive that follows meets the error.
+    // A failed check counts as readable: the receive that follows meets the error and reports it.
     return os_wait_readable(ctrl->s, 0) != 0 ? 1 : 0;
 }
 
