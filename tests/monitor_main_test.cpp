@@ -1,10 +1,21 @@
 #include "monitor_main.h"
 
+#include <poll.h>
 #include <sys/resource.h>
 
+#include <ctime>
 #include <optional>
 
 #include "supplicant.h"
+
+// The second's pause after a failed wait is short, and counted.
+static std::atomic<int> pauses{0};
+extern "C" int poll(pollfd *entries, nfds_t count, int timeout_ms) {
+    pauses += timeout_ms == 1000;
+    const long ms = timeout_ms == 1000 ? 5 : timeout_ms;
+    const timespec time{ms / 1000, ms % 1000 * 1'000'000};
+    return ppoll(entries, count, ms < 0 ? nullptr : &time, nullptr);
+}
 
 namespace {
 
@@ -78,13 +89,21 @@ TEST_F(WlanMonitor, EventsReachTheCallbackWithoutTheirPrefixes) {
 
 TEST_F(WlanMonitor, CommandsAreSentToTheLetter) {
     const std::string endless(300, 'b');
-    EXPECT_EQ(wlan_monitor_ctrl_scan(reply_, sizeof reply_), 0);
-    EXPECT_EQ(wlan_monitor_ctrl_roam("02:00:00:00:01:00", reply_, sizeof reply_), 0);
-    EXPECT_EQ(wlan_monitor_ctrl_blacklist(endless.c_str(), reply_, sizeof reply_), 0);
-    EXPECT_EQ(wlan_monitor_ctrl_blacklist(nullptr, reply_, sizeof reply_), -1);
+    EXPECT_EQ(wlan_monitor_ctrl_status(reply_, sizeof reply_), 0);
+    EXPECT_STREQ(reply_, "OK\n");
+    EXPECT_EQ(wlan_monitor_ctrl_scan(reply_, 10) + wlan_monitor_ctrl_get_scan_results(reply_, 10) +
+                  wlan_monitor_ctrl_roam("02:00:00:00:01:00", reply_, 10) +
+                  wlan_monitor_ctrl_disconnect(reply_, 10) +
+                  wlan_monitor_ctrl_reconnect(reply_, 10) +
+                  wlan_monitor_ctrl_blacklist(endless.c_str(), reply_, 10) +
+                  wlan_monitor_ctrl_blacklist_show(reply_, 10),
+              0);
+    EXPECT_EQ(wlan_monitor_ctrl_blacklist(nullptr, reply_, 10), -1);
+    EXPECT_EQ(wlan_monitor_ctrl_status(nullptr, 10) + wlan_monitor_ctrl_status(reply_, 0), -2);
     EXPECT_EQ(supplicant_->commands(),
-              Texts({"ATTACH", "SCAN", "PREAUTHENTICATE 02:00:00:00:01:00",
-                     "ROAM 02:00:00:00:01:00", "BLACKLIST " + endless.substr(0, 255 - 10)}));
+              Texts({"ATTACH", "STATUS", "SCAN", "SCAN_RESULTS",
+                     "PREAUTHENTICATE 02:00:00:00:01:00", "ROAM 02:00:00:00:01:00", "DISCONNECT",
+                     "RECONNECT", "BLACKLIST " + endless.substr(0, 255 - 10), "BLACKLIST"}));
     supplicant_->answer_with([](const auto &) { return Texts{"<3>in between", "wpa_state=X\n"}; });
     EXPECT_EQ(wlan_monitor_ctrl_status(reply_, 6), 0);
     EXPECT_STREQ(reply_, "wpa_s");
@@ -107,6 +126,7 @@ TEST_F(WlanMonitor, TerminatingSupplicantEndsTheCycle) {
     EXPECT_EQ(write(pair[0], "x", 1) + write(pair[1], "x", 1), 2);
     EXPECT_TRUE(logged("select failed 3 times, closing connection"));
     EXPECT_EQ(times_logged("errno-Bad file descriptor) select failed, errno: 9"), 3);
+    EXPECT_EQ(pauses, 3);
     EXPECT_TRUE(logged("\rConnection to wpa_supplicant re-established\n"));
     EXPECT_TRUE(has_client_sockets(0));
     EXPECT_EQ(supplicant_->commands(), Texts({"ATTACH", "ATTACH", "DETACH"}));
@@ -122,7 +142,7 @@ TEST_F(WlanMonitor, CommandsSurviveReconnects) {
     std::vector<std::jthread> threads;
     for (const std::string bssid : {"a", "b", "c", "d"})
         threads.emplace_back([&, bssid] {
-            for (char reply[64]; !stop; usleep(1000))
+            for (char reply[64]; !stop; usleep(1000))  // others get a turn
                 if (wlan_monitor_ctrl_blacklist(bssid.c_str(), reply, sizeof reply) == 0) {
                     EXPECT_EQ(reply, "re BLACKLIST " + bssid);
                     answered++;
@@ -146,8 +166,8 @@ TEST_F(WlanMonitor, AStopRequestAfterASignalStands) {
     for (int cycle = 0; cycle < 50; cycle++) {
         wlan_monitor_signal_deattach();
         wlan_monitor_signal_attach();
-        if (cycle % 2 == 0)
-            usleep(static_cast<useconds_t>(cycle * 100));
+        for (int turns = cycle % 2 * cycle; turns > 0; turns--)
+            std::this_thread::yield();
         wlan_monitor_signal_deattach();
         EXPECT_TRUE(has_client_sockets(0)) << cycle;
     }
