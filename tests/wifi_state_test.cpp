@@ -1,6 +1,11 @@
 // What the robot believes of its link, and what it keeps of it over a reboot.
 #include "wifi_state.h"
 
+#include <arpa/inet.h>
+
+#include <utility>
+
+#include "pex_misc.h"
 #include "provisioning_state.h"
 #include "robot.h"
 #include "wifi_netinfo.h"
@@ -28,31 +33,118 @@ class WifiState : public Robot {
     }
 };
 
-TEST_F(WifiState, OutsideProvisioningOnlyTheAwaitedSuccessIsSaved) {
+TEST_F(WifiState, IsSavedInProvisioningOrWhenAwaited) {
     const struct {
+        provisioning_state provisioning;
         int awaited, state, awaited_after, sec;
         const char *saved;
     } rows[] = {
-        {0, WIFI_CONNECTED, 0, 0, "7"},    {0, WIFI_OFF, 0, kSecurityUnknown, "7"},
-        {1, WIFI_NETWORK_DOWN, 0, 0, "7"}, {1, WIFI_OFF, 1, kSecurityUnknown, "7"},
-        {1, WIFI_CONNECTED, 0, 0, "1"},    {1, WIFI_STATION_STOPPED, 0, 0, "7"},
+        {PS_NONE, 0, WIFI_CONNECTED, 0, 0, "7"},
+        {PS_NONE, 0, WIFI_OFF, 0, kSecurityUnknown, "7"},
+        {PS_NONE, 1, WIFI_NETWORK_DOWN, 0, 0, "7"},
+        {PS_NONE, 1, WIFI_OFF, 1, kSecurityUnknown, "7"},
+        {PS_NONE, 1, WIFI_CONNECTED, 0, 0, "1"},
+        {TRAINING_MODE, 1, WIFI_STATION_STOPPED, 0, 0, "7"},
+        {WAITING_FOR_NETWORK_CONFIG_RX, 1, WIFI_AUTH_ERROR, 1, 0, "3"},
+        {WAITING_FOR_IP_DONE, 0, WIFI_OFF, 0, 0, "7"},
+        {WAITING_FOR_IP_DONE, 0, WIFI_STATION_STOPPED, 0, 0, "7"},
     };
     for (const auto &row : rows) {
         kvs_set(kStatus, "7");
         wifictl_set_sec_type("NONE");
+        provisioning_enter_state(row.provisioning);
         set_wifi_state_update_after_prov_done(row.awaited);
         wifi_state_set_wifi(row.state);
         EXPECT_EQ(kvs_get(kStatus), row.saved) << row.state;
         EXPECT_EQ(is_wifi_state_update_after_prov_done(), row.awaited_after) << row.state;
         EXPECT_EQ(held().sec, row.sec) << row.state;
     }
+    EXPECT_EQ(wifi_state_get_last_prov_status(), 7);
     kvs_set(kStatus, "12a");
     EXPECT_EQ(wifi_state_get_last_prov_status(), -1);
+}
+
+TEST_F(WifiState, ChangesAreNamedInTheLog) {
+    const char *const names[] = {"UNKNOWN",          "OFF",
+                                 "CONNECTED",        "ASSOC_TIMEOUT",
+                                 "AUTH_ERROR",       "DHCP_TIMEOUT",
+                                 "NETWORK_DOWN",     "ASSOC_REJECTED",
+                                 "REPORTED_BY_PEER", "CONNECTING",
+                                 "BAD_CONFIG",       "IFACE_ERROR",
+                                 "STATION_STOPPED",  "?"};
+    wifi_state_set_wifi(-2);
+    std::string before = "?";
+    for (int32_t state = -1; const std::string name : names) {
+        wifi_state_set_wifi(state);
+        EXPECT_TRUE(logged_as("INFO", "wifi = " + std::to_string(state++)));
+        EXPECT_TRUE(logged_as("DBG", "wifi state " + std::exchange(before, name) + " -> " + name));
+    }
+}
+
+TEST_F(WifiState, RecordHoldsWhatWasSet) {
+    wifi_state_set_wifi(3);
+    wifi_state_set_uap(1);
+    wifi_state_set_spare_flag(4);
+    wifi_state_set_spare_short(-5);
+    wifi_state_set_spare_word1(6);
+    wifi_state_set_spare_word2(7);
+    EXPECT_EQ(wifi_state_get_spare_flag() + wifi_state_get_spare_short(), -1);
+    EXPECT_EQ(wifi_state_get_spare_word1() * 10 + wifi_state_get_spare_word2(), 67U);
+    const auto record = [] {
+        wifistat copy;
+        EXPECT_EQ(wifi_get_wifistat(&copy), 16);
+        return pex_format("%d %d %d %d %u %u", copy.wifi, copy.spare_flag, copy.uap,
+                          copy.spare_short, copy.spare_word1, copy.spare_word2);
+    };
+    EXPECT_EQ(record(), "3 4 1 -5 6 7");
+    wifi_init_wifistat();
+    EXPECT_EQ(record(), "-1 0 0 0 0 0");
+}
+
+TEST_F(WifiState, AddressesAreThoseOfTheActiveInterface) {
+    const auto text_of = [](const netinfo &info) {
+        return pex_format("%08x %08x %08x %08x %08x %d", ntohl(info.addr), ntohl(info.mask),
+                          ntohl(info.gw), ntohl(info.dns1), ntohl(info.dns2), info.sec);
+    };
+    const std::string nothing = "00000000 ffffffff 00000000 00000000 00000000 7";
+    netinfo read;
+    wifi_init_netinfo();
+    EXPECT_EQ(text_of(held()), nothing);
+    EXPECT_EQ(wifi_read_netinfo(&read) + wifi_read_netinfo(nullptr), -2);
+    give_address();
+    write_file("/etc/resolv.conf", "nameserver 1.2.3.4\nnameserver 5.6.7.8\n");
+    EXPECT_EQ(wifi_read_netinfo(&read), 27);
+    EXPECT_EQ(text_of(read), "c0000202 ffffff00 c0000201 01020304 05060708 7");
+    EXPECT_EQ(text_of(held()), text_of(read));
+    write_file("/etc/resolv.conf", "nameserver x\n");
+    EXPECT_EQ(wifi_read_netinfo(&read), 27);
+    EXPECT_EQ(text_of(read), "c0000202 ffffff00 c0000201 00000000 00000000 7");
+    kvs_set("network.interface", "gw0");  // up, without an address
+    EXPECT_EQ(wifi_read_netinfo(&read), 27);
+    EXPECT_EQ(text_of(read), "00000000 00000000 00000000 00000000 00000000 0");
+    EXPECT_EQ(text_of(held()), "00000000 ffffff00 c0000201 00000000 00000000 7");
+}
+
+TEST_F(WifiState, SecurityIsTheFirstNameThatBeginsTheText) {
+    for (const auto &[text, sec] : {std::pair("NONE", 0),
+                                    {"WEP", 2},
+                                    {"WPA-PSK", 3},
+                                    {"WPA2-PSK", 4},
+                                    {"WPA2-PSK/IEEE 802.1X", 4},
+                                    {"WEP-104", 2},
+                                    {"SAE", 7},
+                                    {"WPA", 7},
+                                    {"", 7}}) {
+        wifi_init_netinfo();
+        wifictl_set_sec_type(text);
+        EXPECT_EQ(held().sec, sec) << text;
+    }
 }
 
 TEST_F(WifiState, BssidTakesWhatItUnderstands) {
     EXPECT_EQ(bssid_after("aa:BB:0c"), "170.187.12.1.1.1.");
     EXPECT_EQ(bssid_after("2:3:4:5:6:7:8:9"), "2.3.4.5.6.7.");
+    wifi_netinfo_set_bssid(nullptr);
 }
 
 TEST_F(WifiState, PendingTextsAreCutAtTheirFields) {
