@@ -3,7 +3,9 @@
 
 #include <sys/wait.h>
 
+#include "pex_misc.h"
 #include "provisioning_sm.h"
+#include "provisioning_state.h"
 #include "wifi_connect.h"
 #include "wifi_control.h"
 #include "wifi_events.h"
@@ -61,6 +63,13 @@ TEST_F(WifiStatus, FollowsTheLinkAndTheGateway) {
     netinfo info;
     wifi_get_netinfo(&info);
     EXPECT_EQ(info.gw, 0U);
+    wifi_state_set_wifi(WIFI_CONNECTED);
+    provisioning_enter_state(WAITING_FOR_WACTIVATE);
+    wifi_network_status_update();
+    EXPECT_EQ(wifi_state_get_wifi(), WIFI_OFF);
+    ASSERT_EQ(system("ip route del default"), 0);
+    EXPECT_EQ(wifi_netinfo_is_valid(), 0);
+    EXPECT_TRUE(logged("have IP but have not read GW addr"));
 }
 
 TEST_F(WifiStatus, AReturningNetworkRenewsTheLeaseOnce) {
@@ -145,23 +154,57 @@ TEST_F(WifiStatus, TheLogShowsNoNameOfANetwork) {
 }
 
 TEST_F(WifiStatus, RefreshReadsChannelAndSecurity) {
-    const std::tuple<const char *, int, int> cases[] = {
-        {"printf 'freq=2484\nkey_mgmt=NONE\npairwise_cipher=WEP-104\n'", 14, 2},
-        {"printf 'freq=5180\nkey_mgmt=WPA2-PSK\n'", 36, 4},
-        {"printf 'freq=5825\npairwise_cipher=WEP-40\nkey_mgmt=NONE'", 165, 2},
-        {"printf 'freq=5900\nkey_mgmt=SAE\n'", 0, 7},
-        {"printf 'freq=99999999999\n\nfreq\nssid=a=b\nkey_mgmt=\nbssid=zz\n='", 0, 7},
-        {"head -c 100000 /dev/urandom; echo; echo freq=2437; echo key_mgmt=NONE", 6, 0},
-    };
-    for (const auto &[script, channel, security] : cases) {
+    const auto refresh = [](const std::string &script) {
         wifi_init_netinfo();
+        wifi_set_sta_channel(-1);
         fake("wpa_cli", script);
         wifi_refresh_link_status();
         netinfo info;
         wifi_get_netinfo(&info);
-        EXPECT_EQ(wifi_get_sta_channel(), channel) << script;
-        EXPECT_EQ(info.sec, security) << script;
+        return pex_format("%d %d", wifi_get_sta_channel(), info.sec);
+    };
+    // IEEE 802.11: 5 MHz apart, but for channel 14.
+    for (int channel = 1; channel <= 14; channel++) {
+        const int frequency = channel == 14 ? 2484 : 2407 + 5 * channel;
+        EXPECT_EQ(refresh(pex_format("echo freq=%d", frequency)), pex_format("%d 7", channel));
     }
+    for (const auto &[lines, result] :
+         {std::pair("freq=5180\nkey_mgmt=WPA2-PSK", "36 4"),
+          {"key_mgmt=WPA-PSK\nfreq=5179", "0 3"},
+          {"freq=5825\npairwise_cipher=WEP-40\nkey_mgmt=NONE", "165 2"},
+          {"freq=5826\nkey_mgmt=SAE", "0 7"},
+          {"key_mgmt=NONE\npairwise_cipher=WEP-104", "-1 2"},
+          {"key_mgmt=NONE\npairwise_cipher=CCMP", "-1 0"},
+          {"freq=99999999999\n\nfreq\nssid=a=b\nkey_mgmt=\nbssid=zz\n=", "0 7"}})
+        EXPECT_EQ(refresh("echo '" + std::string(lines) + "'"), result) << lines;
+    EXPECT_EQ(refresh("head -c 100000 /dev/urandom; echo; echo freq=2437; echo key_mgmt=NONE"),
+              "6 0");
+}
+
+TEST_F(WifiStatus, EventsChangeTheLink) {
+    const struct {
+        const char *event, *link;
+    } rows[] = {{kConnected, "connected "},
+                {"<3>AP-STA-CONNECTED 02:00:00:00:00:02", "connected "},
+                {kRejected, "connected refused "},
+                {kDisconnected, "refused "},
+                {"CTRL-EVENT-TERMINATING ", "refused "},
+                {kConnected, "connected "},
+                {"AP-STA-DISCONNECTED x CTRL-EVENT-DISCONNECTED x", ""},  // not in the text's order
+                {"CTRL-EVENT-SUBNET-STATUS-UPDATE status=0", "asked "},
+                {"CTRL-EVENT-CONNECTED", "asked "}};
+    forget_commands();
+    for (const auto &row : rows) {
+        wlan_monitor_event(row.event);
+        EXPECT_EQ(std::string(wifi_link_is_connected() ? "connected " : "") +
+                      (wifi_link_is_refused() ? "refused " : "") +
+                      (commands().empty() ? "" : "asked "),
+                  row.link)
+            << row.event;
+    }
+    EXPECT_EQ(commands(), Lines{"sudo wpa_cli -iwlan0 status\n"});
+    EXPECT_TRUE(logged_as("ERROR", "wpa_supplicant is terminating - stop monitoring"));
+    wlan_monitor_event(nullptr);
 }
 
 // The monitor thread's events against the main thread's passes.
