@@ -21,21 +21,6 @@ TEST_F(ProvisioningState, TrainingIsNoProvisioning) {
     EXPECT_TRUE(logged_as("DBG", "provisioning state WAITING_FOR_IP_DONE -> TRAINING_MODE"));
 }
 
-TEST_F(EventRing, SevenPostsAreExecutedTheEighthLosesAll) {
-    for (const int posts : {7, 8}) {
-        forget_log();
-        for (int i = 0; i < posts; i++)
-            provisioning_state_machine(PROVISIONING_RETRY_PASSWORD);
-        provisioning_timer_tick(1);
-        EXPECT_TRUE(eventually([&] { return times_logged("tail index") == posts; })) << log_text();
-        const int executed = posts == 7 ? 7 : 0;
-        EXPECT_TRUE(eventually([&] {
-            return times_logged("Not able to retry password due to current state") == executed;
-        })) << log_text();
-        EXPECT_EQ(times_logged("rx event PROVISIONING_RETRY_PASSWORD in state PS_NONE"), executed);
-    }
-}
-
 TEST_F(EventRing, IsPostedFromAnyThread) {
     const auto post = [] {
         for (int n = 0; n < 200; n++) {

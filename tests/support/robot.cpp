@@ -14,8 +14,12 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <regex>
+#include <sstream>
 
 #include "clock.h"
+#include "log.h"
+#include "process_handles.h"
 
 namespace {
 
@@ -122,12 +126,42 @@ std::vector<std::string> Robot::commands() {
     std::vector<std::string> lines;
     std::ifstream stream(kCommands, std::ios::binary);
     for (std::string line; std::getline(stream, line, '\036');)
-        lines.push_back(line);
+        if (!line.empty())
+            lines.push_back(line);
     return lines;
 }
 
 void Robot::forget_commands() {
-    std::filesystem::remove(kCommands);
+    std::ofstream(kCommands, std::ios::trunc);  // the same file: a story's log goes on in it
+}
+
+void Robot::add_to_commands(const std::string &line) {
+    std::ofstream(kCommands, std::ios::app) << '\036' << line << '\036';
+}
+
+void Robot::tell_stories() {
+    log_close(exchange_log_handle(log_open("robot", LOG_LEVEL_DBG, kCommands, 0, 1, 0, 1, 1)));
+}
+
+std::string Robot::story(const std::string &source) {
+    const std::regex header(R"(\[(DBG|INFO|WARN|ERROR)\] \((\S+):\d+[^)]*\) )"),
+        told(R"(\w+ \S+ (sent topic (.*), message|setting ([a-z._]+) to|(wifi =)) (.*))"),
+        complaint("(?:WARN|ERROR) " + source + " (.*)");
+    std::string all;
+    for (const std::string &record : commands()) {
+        if (!std::regex_search(record, header, std::regex_constants::match_continuous)) {
+            all += record.substr(0, record.find_last_not_of(" \n") + 1) + "\n";
+            continue;
+        }
+        std::istringstream lines(std::regex_replace(record, header, "\n$1 $2 "));
+        for (std::string line; std::getline(lines, line);)
+            if (std::regex_match(line, told))
+                all += std::regex_replace(line, told, "$2$3$4 $5\n");
+            else if (std::regex_match(line, complaint))
+                all += std::regex_replace(line, complaint, "$1\n");
+    }
+    forget_commands();
+    return all;
 }
 
 void Robot::write_file(const std::string &path, const std::string &content, int mode) {

@@ -20,6 +20,7 @@ class Robot : public testing::Test {
     // Waits up to `limit` for the condition; its last value.
     static bool eventually(const std::function<bool()> &condition,
                            std::chrono::milliseconds limit = std::chrono::seconds(5));
+    static void add_to_commands(const std::string &line);
 
   protected:
     Robot();
@@ -52,6 +53,12 @@ class Robot : public testing::Test {
     // The shell command lines that were run so far, to the letter, in order.
     static std::vector<std::string> commands();
     static void forget_commands();
+    // From now on the log is told in its order among the commands.
+    static void tell_stories();
+    // What happened since the last call, a line each: commands, wifi states ("wifi = 8"), and, with
+    // tell_stories, what was stored ("KEY VALUE"), sent ("TOPIC TEXT") and complained of by
+    // `source`.
+    static std::string story(const std::string &source);
 
     static void write_file(const std::string &path, const std::string &content, int mode = 0644);
     static std::string read_file(const std::string &path);  // "<none>" when missing

@@ -3,7 +3,6 @@
 #include <sys/wait.h>
 
 #include <filesystem>
-#include <fstream>
 
 #include "clock.h"
 #include "log.h"
@@ -13,9 +12,7 @@ static long open_descriptors() {
 }
 
 void WifiRobot::SetUp() {
-    make_pauses_call([](unsigned seconds) {
-        std::ofstream("/run/fakes/commands", std::ios::app) << "sleep " << seconds << '\036';
-    });
+    make_pauses_call([](unsigned seconds) { add_to_commands("sleep " + std::to_string(seconds)); });
     for (const char *tool : {"ifup", "ifdown", "wpa_cli", "hostapd_cli", "provision", "arping",
                              "network_device_interfaces_control.sh", "network_dhcp_arp_control.sh"})
         fake(tool, "exit 0");
