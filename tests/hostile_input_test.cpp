@@ -6,6 +6,7 @@
 #include "mqttapp/mqtt_app.h"
 #include "provisioning_sm.h"
 #include "provisioning_state.h"
+#include "vocabulary.h"
 #include "wifi_robot.h"
 #include "wifi_state.h"
 
@@ -16,32 +17,6 @@ void receive(const std::string &topic, const std::string &payload) {
                                    static_cast<int>(payload.size())};
     on_mqtt_app_message(nullptr, &message);
 }
-
-constexpr const char *kVocabulary[] = {
-    R"({"set_log_level":"dbg"})",
-    R"({"get":"channel"})",
-    R"({"get":"discovery"})",
-    R"({"logWifiLinkInfo":1})",
-    R"({"event":"mfg_test_start"})",
-    R"({"event":"restartNetwork"})",
-    R"({"event":"localConnect"})",
-    R"({"mfg_test":"btTest"})",
-    R"({"event":"provisioning"})",
-    R"({"event":"training"})",
-    R"({"event":"btnpress"})",
-    R"({"event":"pauseWifiDeviceTracking"})",
-    R"({"event":"tidelinkConnected"})",
-    R"({"event":"unheardOf"})",
-    R"({"command":"ipdone"})",
-    R"({"uap":false})",
-    R"({"wifistat":{"wifi":7}})",
-    R"({"cleanMissionStatus":{"cycle":"clean","phase":"run"}})",
-    R"({"cap":{"maps":3}})",
-    R"({"nc":1})",
-    R"({"wlcfg":{"ssid":"4142","bssid":"0","chan":6,"pass":"6b6579","addr":"10.0.0.2",)"
-    R"("mask":"255.0.0.0","gw":"10.0.0.1","dns1":"1.1.1.1","dns2":"8.8.8.8"},)"
-    R"("robotpass":"pw","wactivate":true})",
-};
 
 // The message with each member, and each member's member, taken out or given every wrong value.
 void bend(json_t *object, const json_t *root, const std::function<void(const std::string &)> &use) {
@@ -72,7 +47,8 @@ TEST_F(HostileInput, LeavesTheRobotProvisionable) {
     const Bus bus([](auto &, auto &) { return std::optional<std::string>("{}"); });
     for (const std::string topic : {"brisk/network/events", "tarn/network/req/3/7",
                                     "tarn/network/event/3/8", "tarn/network/resp/3/9"})
-        for (const std::string text : kVocabulary) {
+        for (const phrase &each : kVocabulary) {
+            const std::string text = each.text;
             const Json root(json_loads(text.c_str(), 0, nullptr));
             const std::string inside = text.substr(1, text.size() - 2);
             bend(root.get(), root.get(), [&](const std::string &bent) { receive(topic, bent); });

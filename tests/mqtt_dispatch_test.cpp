@@ -1,25 +1,116 @@
 // The vocabulary of inbound messages, handed in as the broker thread does.
-
 #include "mqtt_dispatch.h"
 
+#include <cstring>
+#include <regex>
+#include <sstream>
+
+#include "bus.h"
 #include "gateway_pinger.h"
 #include "mqtt_client.h"
 #include "mqttapp/mqtt_app.h"
+#include "process_handles.h"
 #include "provisioning_sm.h"
+#include "provisioning_state.h"
 #include "robot.h"
+#include "vocabulary.h"
 #include "wifi_settings.h"
 #include "wifi_state.h"
 
 namespace {
 
+void receive(const std::string &payload, const std::string &topic = "brisk/network/events") {
+    const mqtt_app_message message{1, topic.c_str(), payload.c_str(),
+                                   static_cast<int>(payload.size())};
+    on_mqtt_app_message(nullptr, &message);
+}
+
+std::string answered;  // "TOPIC TEXT; " of each
+
+std::optional<std::string> answer(const std::string &topic, const std::string &text) {
+    if (topic.find("/req/") == topic.npos)
+        answered += topic + " " + text;
+    return "{}";
+}
+
 class Dispatcher : public Robot {
   protected:
-    static void receive(const std::string &payload) {
-        const mqtt_app_message message{1, "brisk/network/events", payload.c_str(),
-                                       static_cast<int>(payload.size())};
-        on_mqtt_app_message(nullptr, &message);
+    Dispatcher() {
+        tell_stories();
+        exchange_mqtt_app(mqtt_client_init(on_mqtt_app_message));
+        fake("sudo", "exit 0");
     }
+    // What the dispatcher made of the message, and provisioning a second later.
+    std::string heard(const std::string &payload, const std::string &topic, int state) {
+        static const std::regex line(
+            R"(\[(?:INFO|WARN|ERROR)\] \(src/mqtt_client:[^)]*\) (.*)|)"
+            R"(\[DBG\] \(src/mqtt_client:\d+\) ((?:\w+ing wifi device|non-docking).*)|)"
+            R"(.* (wifi = 7|wifi = 9)|.*: rx event (\w+) in state.*)");
+        answered.clear();
+        provisioning_enter_state(static_cast<provisioning_state>(state));
+        forget_log();
+        receive(payload, topic);
+        provisioning_timer_tick(now_++);
+        std::istringstream all(log_text());
+        std::string text;
+        for (std::string each; std::getline(all, each);)
+            if (std::regex_match(each, line))
+                text += std::regex_replace(each, line, "$1$2$3$4; ");
+        return text;
+    }
+    long now_ = 100;
+    const Bus bus_{answer};
 };
+
+TEST_F(Dispatcher, EveryMessageOnEveryKindOfTopic) {
+    for (const auto &[text, answer, on_transport, heard_anywhere, state] : kVocabulary) {
+        SCOPED_TRACE(text);
+        const bool is_event = std::string_view(answer) == "ack";
+        EXPECT_EQ(heard(text, "brisk/network/events", state), heard_anywhere);
+        EXPECT_EQ(answered, "");
+        const std::string both = std::string(on_transport) + heard_anywhere;
+        EXPECT_EQ(heard(text, "tarn/network/event/30/8", state), both);
+        EXPECT_EQ(answered, is_event ? "tarn/30/ack/network/8 " : "");
+        EXPECT_EQ(heard(text, "tarn/network/req/30/7", state), both);
+        EXPECT_THAT(answered,
+                    testing::StartsWith(is_event || *answer == '\0'
+                                            ? ""
+                                            : "tarn/30/resp/network/7 " + std::string(answer)));
+        EXPECT_EQ(answered.empty(), is_event || *answer == '\0');
+    }
+    EXPECT_EQ(get_nc_val(), 1);
+    EXPECT_EQ(kvs_get("robot.password"), "pw");
+}
+
+// In the order of the document: what goes in has the effect that is told there, and what is asked
+// gets the answer that is told there.
+TEST_F(Dispatcher, DocumentedMessages) {
+    const std::regex example(R"((in|out) (\S+)(?: -> (.*))?)");
+    std::istringstream lines(read_file("/mnt/messages.md"));
+    int sent = 0;
+    std::smatch found;
+    for (std::string line, payload; std::getline(lines, line);) {
+        if (!line.starts_with("```json ") || !std::getline(lines, payload))
+            continue;
+        line.erase(0, strlen("```json "));
+        ASSERT_TRUE(std::regex_match(line, found, example)) << line;
+        const std::string topic = found[2], effect = found[3];
+        if (found[1] == "in") {
+            answered.clear();
+            receive(payload, topic);
+            provisioning_timer_tick(now_++);
+            EXPECT_THAT(log_text(), testing::HasSubstr(effect)) << line;
+            forget_log();
+            sent++;
+        } else if (topic.starts_with("tarn/30/")) {
+            EXPECT_EQ(answered, topic + " " + payload);
+        }
+    }
+    EXPECT_GE(sent, 25);
+    receive(R"({"get":"discovery"})", "tarn/network/req/30/7");
+    EXPECT_THAT(answered,
+                testing::HasSubstr(R"("nc":5,"proto":"mqtt","cap":{"ota":2,"maps":3,"pose":1})"));
+}
 
 constexpr char kOne[] =
     "sudo provision --clmode static --clipaddr 10.0.0.2 --clnetmask 255.0.0.0 --clgw 10.0.0.1 "
@@ -103,40 +194,29 @@ TEST_F(Dispatcher, ProvisioningWaitsForTheTidelink) {
 }
 
 TEST_F(Dispatcher, MissionsForbidTheReboot) {
-    struct {
-        const char *status;
-        int in_progress;
-    } const cases[] = {
-        {R"({"cycle":"clean","phase":"run"})", 1},  {R"({"cycle":"none","phase":"run"})", 0},
-        {R"({"cycle":"dock","phase":"run"})", 1},   {R"({"cycle":"clean","phase":"charge"})", 0},
-        {R"({"cycle":"clean","phase":"stop"})", 1}, {R"({"cycle":"none"})", 1},
-    };
-    for (const auto &row : cases) {
-        receive(std::string(R"({"cleanMissionStatus":)") + row.status + "}");
-        EXPECT_EQ(gateway_pinger_get_mission_in_progress(), row.in_progress) << row.status;
+    for (const auto &[status, in_progress] : {std::pair(R"({"cycle":"clean","phase":"run"})", 1),
+                                              {R"({"cycle":"none","phase":"run"})", 0},
+                                              {R"({"cycle":"dock","phase":"run"})", 1},
+                                              {R"({"cycle":"clean","phase":"charge"})", 0},
+                                              {R"({"cycle":"clean","phase":"stop"})", 1},
+                                              {R"({"cycle":"none"})", 1}}) {
+        receive(std::string(R"({"cleanMissionStatus":)") + status + "}");
+        EXPECT_EQ(gateway_pinger_get_mission_in_progress(), in_progress) << status;
     }
-    EXPECT_TRUE(eventually([&] { return times_logged("aborting provisioning") == 2; }));
 }
 
 TEST_F(Dispatcher, NonsenseChangesNothing) {
-    std::string deep = R"({"wlcfg":)";
-    for (int i = 0; i < 5000; i++)
-        deep += "[";
+    const std::string deep(5000, '[');
     for (const std::string &payload :
-         {std::string("{\"event\":5}"), std::string("{\"command\":null}"), std::string("[1,2]"),
-          std::string("{\"uap\":true}"), std::string("{\"wifistat\":3}"),
-          std::string("{\"nc\":1.5}"), std::string("{\"cap\":7}"), std::string("\xff\xfe"),
-          std::string("{\"event\":\"\xff\"}"), std::string(65536, '{'), deep,
-          std::string("{\"nc\":99999999999}")})
+         {std::string(), std::string("no json"), std::string(R"({"event":5})"),
+          std::string(R"({"command":null})"), std::string("[1,2]"), std::string("\xff\xfe"),
+          std::string("{\"event\":\"\xff\"}"), std::string(65536, '{'), R"({"wlcfg":)" + deep,
+          std::string(R"({"nc":99999999999})")})
         receive(payload);
-    EXPECT_EQ(times_logged("head index"), 0);  // nothing was posted
-    EXPECT_TRUE(logged("on_mqtt_app_message: received uap json with unsupported value from app"));
-    EXPECT_TRUE(logged("robot cap is NULL"));
+    EXPECT_EQ(times_logged("head index"), 0) << "nothing was posted";
+    EXPECT_EQ(times_logged("json_loads() failed"), 5);
+    EXPECT_EQ(times_logged("brisk/network/events (null)"), 1);
     EXPECT_EQ(get_nc_val(), 0);
-    receive(R"({"nc":42})");
-    EXPECT_EQ(get_nc_val(), 42);
-    receive(R"({"wifistat":{"wifi":7}})");
-    EXPECT_EQ(wifi_state_get_wifi(), 7);
 }
 
 }  // namespace
