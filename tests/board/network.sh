@@ -6,6 +6,9 @@ pidfile=/var/run/udhcpc.wlan0.pid
 home() { nsenter -n -t "$home_pid" -- "$@"; }
 has_address() { ip -4 addr show dev "$1" | grep -q "inet $2 "; }
 
+has_gateway() { ip route show | grep -q "default via $1 "; }
+in_own_network() { [ "$(readlink "/proc/$1/ns/net")" != "$(readlink /proc/self/ns/net)" ]; }
+
 make_networks() {
     /full-ip link add wlan0 type veth peer name home0 netns "$home_pid"
     home /full-ip link set home0 up
@@ -53,7 +56,7 @@ renews_by_signal() {
     dhcp_server 10.9.0.254 8.8.4.4
     kill -16 "$(cat $pidfile)"
     until_true 10 grep -qx 'nameserver 8.8.4.4' /etc/resolv.conf
-    ip route show | grep "default via 10.9.0.254 "
+    until_true 5 has_gateway 10.9.0.254
     kill -0 "$(cat $pidfile)"
 }
 
@@ -106,6 +109,6 @@ comes_back_after_a_failure() {
 
 unshare -n sleep 600 &
 home_pid=$!
-sleep 0.2
+until_true 5 in_own_network $home_pid
 check make_networks ifup_gets_a_lease_and_does_not_wait_for_it renews_by_signal \
     no_arp_mode_keeps_the_address static_address_comes_and_goes comes_back_after_a_failure

@@ -11,8 +11,8 @@ refused() {
 
 refuses_bad_arguments() {
     provision --clmode dhcp --apssid Plover-AB12 --apchan 6 --aphwmode g --clregdomain US
-    for row in --clmode '--clmode pppoe' '--clmode dhcp --clmode dhcp' '--clipaddr 192.168.1.2' \
-        '--clmode dhcp --clipaddr 192.168.1.2' dhcp '--clmode --clregdomain' '--clregdomain $(id)' \
+    for row in --clmode '--clmode pppoe' '--clmode dhcp --clmode dhcp' '--clipaddr 192.168.1.2' dhcp \
+        '--clmode dhcp --clipaddr 192.168.1.2' '--clmode --clregdomain' '--clregdomain $(id)' \
         '--clregdomain US --clmode dhpc' '--apssid P --apchan 6' '--apssid P --apchan 14 --aphwmode g' \
         '--apssid 123456789012345678901234567890123 --apchan 6 --aphwmode g'; do
         # shellcheck disable=SC2086
@@ -73,95 +73,50 @@ versions_are_found() {
 # may ARGUMENT...: whether sudo would run it for the user that netwarden runs as.
 may() { sudo -n -l -U netwarden -- "$@"; }
 
+# each COMMAND...: with every command line of standard input behind it, "|" between two.
+each() {
+    local line
+    while read -r -d '|' line; do
+        eval "$* $line"
+    done
+}
+
 sudo_runs_the_lines_of_the_daemon_and_no_others() {
     echo 'netwarden:x:990:990::/:/bin/sh' >>/etc/passwd
     visudo -c -f /etc/sudoers.d/netwarden
-    while read -r line; do
-        eval "may $line"
-    done <<'LINES'
-ifup wlan0
-ifdown p2p0
-ifup mon0
-ifdown wlp2s0.1_a-b
-network_device_interfaces_control.sh --interface=monitor --action=del
-network_device_interfaces_control.sh --interface=softap --action=add
-network_dhcp_arp_control.sh enable
-network_dhcp_arp_control.sh disable
-provision
-provision --clmode dhcp
-provision --clmode static --clipaddr 10.1.2.3 --clnetmask 255.255.255.0 --clgw 10.1.2.1 --cldnsns1 10.1.2.1  --cldnsns2 "#"
-provision --clmode static --clipaddr 10.1.2.3 --clnetmask 255.255.255.0 --clgw 10.1.2.1 --cldnsns1 10.1.2.1  --cldnsns2 9.9.9.9
-provision --apssid Plover-A_-1 --apchan 6 --aphwmode g
-provision --apssid Plover- --apchan 11 --aphwmode g
-provision --clregdomain "#"
-provision --clregdomain US
-provision --clregdomain 00
-wpa_cli -iwlan0 reconfigure
-wpa_cli -iwlan0 select_network 0
-wpa_cli -iwlan0 status
-hostapd_cli -ip2p0 all_sta
-hostapd_cli -iwlan1 disassociate 02:00:00:00:0a:ff
-arping -Iwlan0 -c1 192.168.100.254 -w 2
-arping -Iwlan0 -c2 -f 10.0.0.1
-arping -q -Iwlan0 -c2 -f 10.0.0.1
-version
-webserver_control.sh stop
-/usr/bin/webserver_control.sh start
-/sbin/reboot
-/opt/halvik/bin/wifilogs.sh
+    each may <<'LINES'
+ifup wlan0 | ifdown p2p0 | ifup mon0 | ifdown wlp2s0.1_a-b | version | provision | /sbin/reboot |
+network_device_interfaces_control.sh --interface=monitor --action=del |
+network_device_interfaces_control.sh --interface=softap --action=add |
+network_dhcp_arp_control.sh enable | network_dhcp_arp_control.sh disable | provision --clmode dhcp |
+provision --clmode static --clipaddr 10.1.2.3 --clnetmask 255.255.255.0 --clgw 10.1.2.1 --cldnsns1 10.1.2.1  --cldnsns2 "#" |
+provision --clmode static --clipaddr 10.1.2.3 --clnetmask 255.255.255.0 --clgw 10.1.2.1 --cldnsns1 10.1.2.1  --cldnsns2 9.9.9.9 |
+provision --apssid Plover-A_-1 --apchan 6 --aphwmode g | provision --apssid Plover- --apchan 11 --aphwmode g |
+provision --clregdomain "#" | provision --clregdomain US | provision --clregdomain 00 |
+wpa_cli -iwlan0 reconfigure | wpa_cli -iwlan0 select_network 0 | wpa_cli -iwlan0 status |
+hostapd_cli -ip2p0 all_sta | hostapd_cli -iwlan1 disassociate 02:00:00:00:0a:ff |
+arping -Iwlan0 -c1 192.168.100.254 -w 2 | arping -Iwlan0 -c2 -f 10.0.0.1 | arping -q -Iwlan0 -c2 -f 10.0.0.1 |
+webserver_control.sh stop | /usr/bin/webserver_control.sh start | /opt/halvik/bin/wifilogs.sh |
 LINES
-    while read -r line; do
-        eval "exits 1 may $line"
-    done <<'LINES'
-ifup -i /tmp/interfaces wlan0
-ifup -a
-ifup -i
-ifup
-ifup wlan0 -i /tmp/interfaces
-ifup "wlan0 -i /tmp/interfaces"
-ifup wlan0 wlan1
-ifup ../wlan0
-ifup wlan0=/tmp/interfaces
-ifup "wlan?"
-ifup wlan0123456789ab
-ifdown -f wlan0
-ifdown $'wlan0\n'
-ifdown $'wlan0\n-i'
-/tmp/ifup wlan0
-wpa_cli
-wpa_cli -a /tmp/action
-wpa_cli -iwlan0 -a /tmp/action
-wpa_cli "-iwlan0 -a/tmp/action" status
-wpa_cli -P /tmp/pid -B
-wpa_cli -iwlan0 -P /tmp/pid -B
-wpa_cli -i/../../../tmp/fake status
-wpa_cli -p/tmp -iwlan0 status
-wpa_cli -iwlan0 status -a /tmp/action
-wpa_cli -iwlan0 set pkcs11_module_path /tmp/lib
-wpa_cli -iwlan0 select_network 1
-hostapd_cli -a /tmp/action
-hostapd_cli -ip2p0 all_sta -a /tmp/action
-hostapd_cli -iwlan1 disassociate 02:00:00:00:00:01 -a /tmp/action
-hostapd_cli -iwlan1 disassociate "02:00:00:00:00:01 x"
-arping -Iwlan0 -c1 192.168.100.254 -w 20
-arping -Iwlan0 -c9 192.168.100.254 -w 2
-arping -s 10.0.0.2 -Iwlan0 -c2 -f 10.0.0.1
-arping -Iwlan0 -c2 -f 10.0.0.1 10.0.0.2
-arping -Iwlan0 -c2 -f some.host
-provision --clmode
-provision --clmode dhcp --clregdomain US
-provision --clregdomain "$(printf 'US\nx')"
-provision --clregdomain /etc/shadow
-provision --apssid "Plover-A B" --apchan 6 --aphwmode g
-provision --apssid Plover-A --apchan 6 --aphwmode g --clmode dhcp
-provision --clmode static --clipaddr 10.1.2.3 --clnetmask 255.255.255.0 --clgw 10.1.2.1 --cldnsns1 "10.1.2.1 --x" --cldnsns2 "#"
-network_device_interfaces_control.sh --interface=softap --action=add --action=del
-network_dhcp_arp_control.sh enable x
-webserver_control.sh restart
-version -h
-reboot -f
-/opt/halvik/bin/../bin/wifilogs.sh x
-sh -c id
+    each exits 1 may <<'LINES'
+ifup -i /tmp/interfaces wlan0 | ifup -a | ifup -i | ifup | ifup wlan0 -i /tmp/interfaces | ifup wlan0 wlan1 |
+ifup "wlan0 -i /tmp/interfaces" | ifup ../wlan0 | ifup wlan0=/tmp/interfaces | ifup "wlan?" |
+ifup wlan0123456789ab | ifdown -f wlan0 | ifdown $'wlan0\n' | ifdown $'wlan0\n-i' | /tmp/ifup wlan0 |
+wpa_cli | wpa_cli -a /tmp/action | wpa_cli -iwlan0 -a /tmp/action | wpa_cli "-iwlan0 -a/tmp/action" status |
+wpa_cli -P /tmp/pid -B | wpa_cli -iwlan0 -P /tmp/pid -B | wpa_cli -i/../../../tmp/fake status |
+wpa_cli -p/tmp -iwlan0 status | wpa_cli -iwlan0 status -a /tmp/action | wpa_cli -iwlan0 select_network 1 |
+wpa_cli -iwlan0 set pkcs11_module_path /tmp/lib | hostapd_cli -a /tmp/action |
+hostapd_cli -ip2p0 all_sta -a /tmp/action | hostapd_cli -iwlan1 disassociate "02:00:00:00:00:01 x" |
+hostapd_cli -iwlan1 disassociate 02:00:00:00:00:01 -a /tmp/action |
+arping -Iwlan0 -c1 192.168.100.254 -w 20 | arping -Iwlan0 -c9 192.168.100.254 -w 2 |
+arping -s 10.0.0.2 -Iwlan0 -c2 -f 10.0.0.1 | arping -Iwlan0 -c2 -f 10.0.0.1 10.0.0.2 | arping -Iwlan0 -c2 -f some.host |
+provision --clmode | provision --clmode dhcp --clregdomain US | provision --clregdomain "$(printf 'US\nx')" |
+provision --clregdomain /etc/shadow | provision --apssid "Plover-A B" --apchan 6 --aphwmode g |
+provision --apssid Plover-A --apchan 6 --aphwmode g --clmode dhcp |
+provision --clmode static --clipaddr 10.1.2.3 --clnetmask 255.255.255.0 --clgw 10.1.2.1 --cldnsns1 "10.1.2.1 --x" --cldnsns2 "#" |
+network_device_interfaces_control.sh --interface=softap --action=add --action=del |
+network_dhcp_arp_control.sh enable x | webserver_control.sh restart | version -h | reboot -f |
+/opt/halvik/bin/../bin/wifilogs.sh x | sh -c id |
 LINES
 }
 
@@ -199,10 +154,10 @@ case $2 in
 ping) echo PONG ;;
 status) printf 'bssid=02:00:00:00:00:01\nssid=SecretHome\nkey_mgmt=WPA2-PSK\n' ;;
 scan_results) printf 'bssid / frequency / signal level / flags / ssid\n02:00:00:00:00:01\t2412\t-40\t[WPA2-PSK-CCMP][ESS]\tSecretHome\n' ;;
-*) exec sleep 100 ;;
+signal_poll) exec sleep 100 ;;
 esac
 WPA
-    stand_in iw <<<'exec sleep 100'
+    stand_in iw <<<'[ "$3" != link ] || exec sleep 100'
     timeout 50 /opt/halvik/bin/wifilogs.sh >/tmp/wifi.log
     exits 1 grep -n 'Secret\|53656372\|0000007\|6b657931\|7373\|sesame\|hunter\|12345678\|private' /tmp/wifi.log
     [ "$(grep -c ' network\[812\]: ' /tmp/wifi.log)" -eq 6 ]
