@@ -3,7 +3,7 @@
 
 #include <arpa/inet.h>
 
-#include <utility>
+#include <sstream>
 
 #include "pex_misc.h"
 #include "provisioning_state.h"
@@ -65,19 +65,16 @@ TEST_F(WifiState, IsSavedInProvisioningOrWhenAwaited) {
 }
 
 TEST_F(WifiState, ChangesAreNamedInTheLog) {
-    const char *const names[] = {"UNKNOWN",          "OFF",
-                                 "CONNECTED",        "ASSOC_TIMEOUT",
-                                 "AUTH_ERROR",       "DHCP_TIMEOUT",
-                                 "NETWORK_DOWN",     "ASSOC_REJECTED",
-                                 "REPORTED_BY_PEER", "CONNECTING",
-                                 "BAD_CONFIG",       "IFACE_ERROR",
-                                 "STATION_STOPPED",  "?"};
+    std::istringstream names(
+        "UNKNOWN OFF CONNECTED ASSOC_TIMEOUT AUTH_ERROR DHCP_TIMEOUT "
+        "NETWORK_DOWN ASSOC_REJECTED REPORTED_BY_PEER CONNECTING BAD_CONFIG "
+        "IFACE_ERROR STATION_STOPPED ?");
     wifi_state_set_wifi(-2);
-    std::string before = "?";
-    for (int32_t state = -1; const std::string name : names) {
+    int32_t state = -1;
+    for (std::string before = "?", name; names >> name; before = name) {
         wifi_state_set_wifi(state);
         EXPECT_TRUE(logged_as("INFO", "wifi = " + std::to_string(state++)));
-        EXPECT_TRUE(logged_as("DBG", "wifi state " + std::exchange(before, name) + " -> " + name));
+        EXPECT_TRUE(logged_as("DBG", "wifi state " + before + " -> " + name));
     }
 }
 
@@ -106,45 +103,35 @@ TEST_F(WifiState, AddressesAreThoseOfTheActiveInterface) {
         return pex_format("%08x %08x %08x %08x %08x %d", ntohl(info.addr), ntohl(info.mask),
                           ntohl(info.gw), ntohl(info.dns1), ntohl(info.dns2), info.sec);
     };
-    const std::string nothing = "00000000 ffffffff 00000000 00000000 00000000 7";
-    netinfo read;
+    const auto read = [&](const char *resolv_conf) {
+        write_file("/etc/resolv.conf", resolv_conf);
+        netinfo info;
+        return wifi_read_netinfo(&info) == 27 ? text_of(info) : "none";
+    };
     wifi_init_netinfo();
-    EXPECT_EQ(text_of(held()), nothing);
-    EXPECT_EQ(wifi_read_netinfo(&read) + wifi_read_netinfo(nullptr), -2);
+    EXPECT_EQ(read(""), "none");
+    EXPECT_EQ(text_of(held()), "00000000 ffffffff 00000000 00000000 00000000 7");
     give_address();
-    write_file("/etc/resolv.conf", "nameserver 1.2.3.4\nnameserver 5.6.7.8\n");
-    EXPECT_EQ(wifi_read_netinfo(&read), 27);
-    EXPECT_EQ(text_of(read), "c0000202 ffffff00 c0000201 01020304 05060708 7");
-    EXPECT_EQ(text_of(held()), text_of(read));
-    write_file("/etc/resolv.conf", "nameserver x\n");
-    EXPECT_EQ(wifi_read_netinfo(&read), 27);
-    EXPECT_EQ(text_of(read), "c0000202 ffffff00 c0000201 00000000 00000000 7");
+    EXPECT_EQ(read("nameserver x\n"), "c0000202 ffffff00 c0000201 00000000 00000000 7");
+    EXPECT_EQ(read("nameserver 1.2.3.4\nnameserver 5.6.7.8\n"),
+              "c0000202 ffffff00 c0000201 01020304 05060708 7");
     kvs_set("network.interface", "gw0");  // up, without an address
-    EXPECT_EQ(wifi_read_netinfo(&read), 27);
-    EXPECT_EQ(text_of(read), "00000000 00000000 00000000 00000000 00000000 0");
-    EXPECT_EQ(text_of(held()), "00000000 ffffff00 c0000201 00000000 00000000 7");
+    EXPECT_EQ(read(""), "00000000 00000000 00000000 00000000 00000000 0");
+    EXPECT_EQ(text_of(held()), "00000000 ffffff00 c0000201 01020304 05060708 7");
+    EXPECT_EQ(wifi_read_netinfo(nullptr), -1);
 }
 
-TEST_F(WifiState, SecurityIsTheFirstNameThatBeginsTheText) {
-    for (const auto &[text, sec] : {std::pair("NONE", 0),
-                                    {"WEP", 2},
-                                    {"WPA-PSK", 3},
-                                    {"WPA2-PSK", 4},
-                                    {"WPA2-PSK/IEEE 802.1X", 4},
-                                    {"WEP-104", 2},
-                                    {"SAE", 7},
-                                    {"WPA", 7},
-                                    {"", 7}}) {
+TEST_F(WifiState, SecurityAndAccessPointAreWhatIsUnderstood) {
+    std::istringstream names("NONE WEP WPA-PSK WPA2-PSK WPA2-PSK/IEEE WEP-104 SAE WPA");
+    std::istringstream values("0 2 3 4 4 2 7 7");
+    int value;
+    for (std::string name; names >> name && values >> value;) {
         wifi_init_netinfo();
-        wifictl_set_sec_type(text);
-        EXPECT_EQ(held().sec, sec) << text;
+        wifictl_set_sec_type(name.c_str());
+        EXPECT_EQ(held().sec, value) << name;
     }
-}
-
-TEST_F(WifiState, BssidTakesWhatItUnderstands) {
     EXPECT_EQ(bssid_after("aa:BB:0c"), "170.187.12.1.1.1.");
     EXPECT_EQ(bssid_after("2:3:4:5:6:7:8:9"), "2.3.4.5.6.7.");
-    wifi_netinfo_set_bssid(nullptr);
 }
 
 TEST_F(WifiState, PendingTextsAreCutAtTheirFields) {
@@ -157,6 +144,16 @@ TEST_F(WifiState, PendingTextsAreCutAtTheirFields) {
     EXPECT_EQ(wifictl_get_temp_ip_config(), line.substr(1));
     EXPECT_TRUE(logged("SSID " + ssid + " is too long -- truncated"));
     EXPECT_EQ(times_logged("ppp"), 0) << "the passphrase is in the log";
+    wifictl_set_ssid("");  // only a passphrase may be nothing
+    wifictl_set_pass(nullptr);
+    wifictl_set_ip_config("");
+    EXPECT_EQ(wifictl_get_temp_ssid() + std::string(wifictl_get_temp_pass()), ssid.substr(1));
+    EXPECT_EQ(wifictl_get_temp_ip_config(), line.substr(1));
+    const std::string station = "a b;$(id)'\n" + std::string(300, 'x');  // taken as it is
+    wifi_set_station_interface_name(station.c_str());
+    wifi_set_uap_interface_name("--ap@0:1");
+    EXPECT_EQ(wifi_get_sta_interface(), station);
+    EXPECT_STREQ(wifi_get_uap_interface(), "--ap@0:1");
 }
 
 TEST_F(WifiState, SavingKeepsTheKeyAndNotThePassphraseOfAWpaNetwork) {
@@ -182,14 +179,6 @@ TEST_F(WifiState, SavingKeepsTheKeyAndNotThePassphraseOfAWpaNetwork) {
     }
     EXPECT_EQ(kvs_get("network.ip_config") + kvs_get("network.addr_type"), "dhcp \n1");
     EXPECT_EQ(times_logged(pass) + times_logged(psk), 0) << log_text();
-}
-
-TEST_F(WifiState, InterfaceNamesAreTakenAsTheyAreGiven) {
-    const std::string station = "a b;$(id)'\n" + std::string(300, 'x');
-    wifi_set_station_interface_name(station.c_str());
-    wifi_set_uap_interface_name("--ap@0:1");
-    EXPECT_EQ(wifi_get_sta_interface(), station);
-    EXPECT_STREQ(wifi_get_uap_interface(), "--ap@0:1");
 }
 
 // The thread sanitizer's subject; a torn text would show without it, too.
