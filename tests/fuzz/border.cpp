@@ -3,29 +3,32 @@
 #include <fcntl.h>
 #include <openssl/evp.h>
 #include <signal.h>
-#include <stdlib.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iterator>
+#include <utility>
 
 #include "../support/bus.h"
+#include "../support/clock.h"
 #include "log.h"
 
 namespace {
 
 constexpr char kLog[] = "/tmp/log";
 
-std::string printed;
-std::string answer;
-std::vector<std::string> run;
-std::vector<border::message> messages;
-int signalled_process = 0;
+const target *targets = nullptr, *chosen = nullptr;
+std::string printed, answer;
+std::vector<std::string> run, messages;
+int signalled_process = 0, next_socket = -1;
 
 std::string next_output() {
     const size_t end = printed.find('\036');
@@ -34,12 +37,10 @@ std::string next_output() {
     return output;
 }
 
-std::optional<std::string> answer_request(const std::string &topic, const std::string &text) {
-    messages.push_back({topic, text});
-    return answer;
-}
-
 }  // namespace
+
+target::target(const char *its_name, void (*its_feed)(std::string_view text))
+    : name(its_name), feed(its_feed), next(std::exchange(targets, this)) {}
 
 void require(bool holds) {
     if (!holds)
@@ -52,27 +53,14 @@ std::string take_line(std::string_view &text) {
     text.remove_prefix(std::min(end + 1, text.size()));
     return line;
 }
-
+bool has(std::string_view text, std::string_view part) {
+    return text.find(part) != text.npos;
+}
 bool is_made_of(std::string_view text, std::string_view characters) {
     return text.find_first_not_of(characters) == text.npos;
 }
 
 namespace border {
-
-void open() {
-    write_file(kLog, "");
-    exchange_log_handle(log_open("fuzz", LOG_LEVEL_VERBOSE, kLog, 0, 0, 0, 1, 1));
-    static const Bus bus(answer_request);
-}
-
-void reset() {
-    run.clear();
-    messages.clear();
-    answer.clear();
-    printed.clear();
-    signalled_process = 0;
-    require(truncate(kLog, 0) == 0);
-}
 
 void tools_print(std::string_view text) {
     printed = text;
@@ -80,29 +68,61 @@ void tools_print(std::string_view text) {
 void processes_answer(std::string_view text) {
     answer = text;
 }
+void opens_socket(int descriptor) {
+    next_socket = descriptor;
+}
 const std::vector<std::string> &commands() {
     return run;
 }
-const std::vector<message> &sent() {
+const std::vector<std::string> &sent() {
     return messages;
 }
 int signalled() {
     return signalled_process;
 }
-std::string log_text() {
-    return read_file(kLog);
-}
-
 void write_file(const char *path, std::string_view content) {
     std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
 }
-
 std::string read_file(const char *path) {
     std::ifstream stream(path, std::ios::binary);
     return std::string(std::istreambuf_iterator<char>(stream), {});
 }
 
 }  // namespace border
+
+// The folder of the last argument, seeds or one of them, names the target. Files are written where
+// the daemon reads them: only in a robot of its own.
+extern "C" int LLVMFuzzerInitialize(int *argc, char ***argv) {
+    const std::string path = std::string((*argv)[*argc - 1]) + "/";
+    chosen = targets;
+    while (chosen != nullptr && !has(path, "/" + std::string(chosen->name) + "/"))
+        chosen = chosen->next;
+    if (chosen == nullptr || access("/run/fakes/dash", X_OK) != 0) {
+        fprintf(stderr, "run through tests/sandbox, with the folder of a target's seeds\n");
+        exit(2);
+    }
+    mkdir("/tmp/persist", 0755);
+    exchange_log_handle(log_open("fuzz", LOG_LEVEL_VERBOSE, kLog, 0, 0, 0, 1, 1));
+    make_pauses_last(0);
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+    static const Bus bus([](const std::string &topic, const std::string &text) {
+        messages.push_back(topic + " " + text);
+        return std::optional<std::string>(answer);
+    });
+    run.clear();
+    messages.clear();
+    answer.clear();
+    printed.clear();
+    signalled_process = 0;
+    require(truncate(kLog, 0) == 0);
+    // On the heap and no longer than it is: a read beyond it is seen.
+    const std::vector<char> text(data, data + size);
+    chosen->feed({text.data(), size});
+    return 0;
+}
 
 // --- in front of the libraries' ------------------------------------------------------------------
 
@@ -120,12 +140,14 @@ FILE *popen(const char *command, const char * /*mode*/) {
 int pclose(FILE *stream) {
     return fclose(stream);
 }
-unsigned sleep(unsigned /*seconds*/) {
-    return 0;
-}
 int kill(pid_t process, int /*signal*/) noexcept {
     signalled_process = process;
     return 0;
+}
+int socket(int family, int type, int protocol) noexcept {
+    if (next_socket >= 0)
+        return std::exchange(next_socket, -1);
+    return static_cast<int>(syscall(SYS_socket, family, type, protocol));
 }
 // The radio's NV file lies on a partition of its own.
 int open(const char *path, int flags, ...) {

@@ -13,8 +13,7 @@
 #include <iterator>
 #include <vector>
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
-extern "C" [[gnu::weak]] int LLVMFuzzerInitialize(int *argc, char ***argv);
+#include "border.h"
 
 namespace {
 
@@ -25,7 +24,6 @@ constexpr unsigned kLimitS = 30;
 [[noreturn]] void feed(const fs::path &seed) {
     alarm(kLimitS);
     std::ifstream stream(seed, std::ios::binary);
-    // On the heap and no longer than it is: a read beyond it is seen.
     const std::vector<uint8_t> data(std::istreambuf_iterator<char>(stream), {});
     LLVMFuzzerTestOneInput(data.data(), data.size());
     exit(0);
@@ -60,8 +58,7 @@ bool replay_all(const fs::path &folder) {
 }  // namespace
 
 int main(int argc, char **argv) {
-    if (LLVMFuzzerInitialize != nullptr)
-        LLVMFuzzerInitialize(&argc, &argv);
+    LLVMFuzzerInitialize(&argc, &argv);
     bool passed = argc > 1;
     for (int i = 1; i < argc; i++)
         passed = replay_all(argv[i]) && passed;
