@@ -6,6 +6,7 @@
 #include <sstream>
 
 #include "clock.h"
+#include "device_network_hop.h"
 #include "device_probe.h"
 #include "device_subnet_ping.h"
 #include "device_tracking.h"
@@ -20,9 +21,6 @@
 #include "wifi_state.h"
 
 namespace {
-
-std::mutex reports_lock;
-std::vector<std::string> reports;
 
 std::string nth_address(int i) {
     return "10.0." + std::to_string(i / 250) + "." + std::to_string(i % 250 + 1);
@@ -47,13 +45,10 @@ class DevicePinger : public Robot {
         init_device_list();
         if (if_nametoindex("wlan0") == 0)  // else run again, hastened
             give_address();
-        for (const char *tool : {"ifup", "ifdown", "network_device_interfaces_control.sh",
-                                 "network_dhcp_arp_control.sh"})
-            fake(tool, "exit 0");
-        // A device answers while its file is there, with what the file holds as its address.
-        fake("arping",
-             "for ip; do :; done; [ -e /tmp/home/$ip ] && "
-             "echo \"Unicast reply from $ip [$(cat /tmp/home/$ip)]  1.5ms\"");
+        // A device answers while its file is there, with what the file holds as its address. Else
+        // each tool succeeds.
+        fake("sudo", R"([ "$1" = arping ] || exit 0; for ip; do :; done; [ -e /tmp/home/$ip ] && )"
+                     R"(echo "Unicast reply from $ip [$(cat /tmp/home/$ip)]  1.5ms")");
     }
     static void use_subnet(const std::string &address) {
         ASSERT_EQ(system(("ip addr flush dev wlan0; ip addr add dev wlan0 " + address).c_str()), 0);
@@ -67,15 +62,25 @@ class DevicePinger : public Robot {
         pthread_create_detached_thread(nullptr, device_subnet_ping_main, nullptr, "dev_sweep");
         EXPECT_TRUE(logged("pinger disabled"));  // from here on the mode is the app's
     }
-    // Tracks, without a sweep, a home that is there before the first round looks at it.
-    void track(const std::function<void()> &add_devices) {
+    // Tracks a home that is there before the first round looks at it.
+    void track(const std::function<void()> &add_devices, bool sweeps = false) {
         wifi_state_set_wifi(WIFI_NETWORK_DOWN);
-        set_pinger_mode(PINGER_MODE_PINGER, 1);
+        forget_log();
+        if (sweeps)
+            start_device_discovery();
+        else
+            set_pinger_mode(PINGER_MODE_PINGER, 1);
         EXPECT_TRUE(logged("wifi is disconnected"));
         add_devices();
         forget_log();
         forget_commands();
         wifi_state_set_wifi(WIFI_CONNECTED);
+    }
+    // That many rounds from here on have ended.
+    void expect_rounds(int count) {
+        const int before = times_logged(" active devices");
+        EXPECT_TRUE(eventually([&] { return times_logged(" active devices") >= before + count; },
+                               std::chrono::seconds(30)));
     }
     void stop_tracking() {
         stop_device_discovery();
@@ -116,19 +121,38 @@ TEST_F(DevicePinger, SweepFindsAndReportsWhoAnswers) {
     write_file("/tmp/home/192.0.2.7", "a:b:c:d:e:f");
     write_file("/tmp/home/192.0.2.254", "02:00:00:00:00:fe");
     start_threads();
-    start_device_discovery();
-    add_entry_to_device_list("Lamp", 2, "192.0.2.7", nullptr, "light", nullptr, "\xff.local", "L1");
-    EXPECT_TRUE(logged(
-        R"(sending object {"wifiDevices":[{"mac_address":"0a:0b:0c:0d:0e:0f","type":"light",)"
-        R"("name":"Lamp","md":"L1"},{"mac_address":"02:00:00:00:00:fe"}]})"))
+    track(
+        [] {
+            add_entry_to_device_list("Lamp", 2, "192.0.2.7", nullptr, "light", "cd", "\xff.local",
+                                     "L1");
+            add_entry_to_device_list("No address", 2, "192.0.2.9", nullptr, "tv", nullptr, "h",
+                                     nullptr);
+        },
+        true);
+    EXPECT_TRUE(eventually([&] { return times_logged("discover threads done after ") > 0; },
+                           std::chrono::seconds(30)));
+    expect_rounds(3);
+    const std::string lamp = R"({"mac_address":"0a:0b:0c:0d:0e:0f","google_cd":"cd",)"
+                             R"("type":"light","name":"Lamp","md":"L1"})";
+    EXPECT_EQ(times_logged("sending object {\"wifiDevices\":[" + lamp +
+                           R"(,{"mac_address":"02:00:00:00:00:fe"}]})"),
+              1)
         << log_text();
-    EXPECT_TRUE(logged("discover threads done after "));
     EXPECT_EQ(times_logged("pinging 254 addresses"), 1);
     EXPECT_EQ(times_logged(" starting thread "), 32);
+    EXPECT_EQ(times_logged("range 192.0.2.1 , count 8"), 1);
     EXPECT_EQ(times_logged("range 192.0.2.249 , count 6"), 1);
     forget_log();
-    EXPECT_TRUE(eventually([&] { return times_logged("pinged 2 active devices") == 2; }));
+    expect_rounds(2);
     EXPECT_EQ(times_logged("wifiDevices"), 0) << "nothing changed";
+    EXPECT_GE(times_logged("need mac for 192.0.2.9"), 2);
+    const auto lines = commands();
+    const auto at = [&](const std::string &line) {
+        return std::find(lines.begin(), lines.end(), line) - lines.begin();
+    };
+    EXPECT_LT(at("sudo ifup mon0"), at("sudo network_dhcp_arp_control.sh enable"));
+    EXPECT_LT(at("sudo network_dhcp_arp_control.sh enable"),
+              at("sudo arping -q -Iwlan0 -c2 -f 192.0.2.1"));
     wifi_state_set_wifi(WIFI_NETWORK_DOWN);
     EXPECT_TRUE(logged("wifi is disconnected"));
     forget_commands();
@@ -138,6 +162,32 @@ TEST_F(DevicePinger, SweepFindsAndReportsWhoAnswers) {
                                                  "sudo network_device_interfaces_control.sh "
                                                  "--interface=monitor --action=del",
                                                  "sudo network_dhcp_arp_control.sh disable"));
+}
+
+TEST_F(DevicePinger, HopsAtTheSavedInterval) {
+    for (const auto &[saved, interval] : {std::pair("", "default bssid switch sleep 15"),
+                                          {"x", "default bssid switch sleep 15"},
+                                          {"2147483648", "default bssid switch sleep 15"},
+                                          {"-2147483649", "default bssid switch sleep 15"},
+                                          {"-2147483648", "val -2147483648"},
+                                          {"2147483647", "val 2147483647"}}) {
+        kvs_set("robot.disc_reconnect_sleep_sec", saved);
+        std::thread(device_pinger_main, nullptr).detach();
+        EXPECT_TRUE(logged(interval)) << saved;
+        forget_log();
+    }
+    std::thread(device_network_hop_main, nullptr).detach();
+    constexpr char kHop[] = "could not get current bssid, skipping bssid switch";
+    use_subnet("192.0.2.2/24");
+    set_pinger_mode(PINGER_MODE_DISCOVER, 1);
+    set_pinger_mode(PINGER_MODE_PINGER, 1);
+    expect_rounds(5);
+    EXPECT_EQ(times_logged(kHop), 0) << "not in a sweep";
+    set_pinger_mode(PINGER_MODE_DISCOVER, 0);
+    EXPECT_TRUE(logged(kHop)) << "the one whose interval has passed";
+    use_subnet("192.0.2.2/24");
+    wifi_init_netinfo();
+    EXPECT_TRUE(logged("no IP address"));
 }
 
 TEST_F(DevicePinger, SweepsOfAnySubnetEnd) {
@@ -172,7 +222,7 @@ TEST_F(DevicePinger, SwitchingOffAlwaysEmptiesTheList) {
             add_entry_to_device_list("n", i, ip.c_str(), nullptr, "tv", "cd", "host", "md");
         }
     });
-    for (useconds_t i = 0; i < 100; i++) {
+    for (useconds_t i = 0; i < 40; i++) {
         start_device_discovery();
         usleep(i % 10 * 5000);
         stop_device_discovery();
@@ -191,99 +241,74 @@ TEST_F(DevicePinger, SwitchingOffAlwaysEmptiesTheList) {
     EXPECT_TRUE(eventually([] { return is_device_list_empty() != 0; }));
 }
 
-// Homes of any size arrive whole at whoever listens on the robot's broker.
+// Homes of any size are told whole, in one message that the broker takes.
 TEST_F(DevicePinger, OneReportHoldsTheWholeHome) {
-    const Broker broker;
-    mqtt_app *const app = mqtt_client_init([](auto...) {});
-    exchange_mqtt_app(app);
-    std::thread daemon(mqtt_app_run, app);
-    mqtt_app *const reader = mqtt_app_create("reader");
-    constexpr const char *kTopics[] = {"robot/debug", nullptr};
-    const auto keep = [](mqtt_app *, const mqtt_app_message *message) {
-        const std::lock_guard guard(reports_lock);
-        reports.emplace_back(message->payload);
-    };
-    ASSERT_EQ(mqtt_app_init(reader, kTopics, keep), 0);
-    mqtt_app_set_message_limit(reader, kMqttAppLargestMessage);
-    static std::atomic<bool> listens{false};
-    mqtt_app_register_on_connect_cb(reader, [](mqtt_app *) { listens = true; });
-    std::thread thread(mqtt_app_run, reader);
-    ASSERT_TRUE(eventually([] { return listens.load(); }));
+    exchange_mqtt_app(mqtt_client_init([](auto...) {}));
+    log_handle *const log = log_open("robot", LOG_LEVEL_DBG, "/tmp/log", 0, 1, 0, 1, 1);
+    log_configure_trunc(log, 0);
+    exchange_log_handle(log);
     start_threads();
-    const auto report = [](size_t devices) {  // the newest that lists as many
-        const std::lock_guard guard(reports_lock);
-        for (auto text = reports.rbegin(); text != reports.rend(); ++text) {
-            size_t count = 0;
-            for (size_t at = 0; (at = text->find("\"mac_address\"", at)) != text->npos; at++)
-                count++;
-            if (count == devices && text->ends_with("]}"))
-                return *text;
-        }
-        return std::string();
-    };
     const std::string lean(180, 'm');
     const std::string fat(900, '\x01');  // six characters each in JSON
     const struct {
         int devices;
         std::string first;  // of what each eighth device tells
         bool is_shortened;
-    } homes[] = {{600, lean, false}, {4096, lean, false}, {4096, fat, true}};
+    } homes[] = {{600, lean, false}, {4096, fat, true}};
     for (const auto &home : homes) {
         track([&] {
             for (int i = 0; i < home.devices; i++)
                 add_device(i, nth_mac(i).c_str(), i % 8 == 0 ? home.first : lean);
+            write_file("/tmp/log", "");
         });
-        const auto newest = [&] { return report(static_cast<size_t>(home.devices)); };
-        ASSERT_TRUE(eventually([&] { return !newest().empty(); }, std::chrono::seconds(20)));
-        EXPECT_GT(newest().size(), 64u << 10);
-        EXPECT_LE(newest().size(), 1u << 20);
+        expect_rounds(2);
+        const std::string text = read_file("/tmp/log");
+        const size_t start = text.find("sent topic robot/debug, message ") + 32;
+        const std::string report = text.substr(start, text.find("]}", start) + 2 - start);
+        EXPECT_GT(report.size(), 64u << 10);
+        EXPECT_LE(report.size(), kMqttAppLargestMessage);
+        int devices = 0;
+        for (size_t at = 0; (at = report.find("\"mac_address\"", at)) != report.npos; at++)
+            devices++;
+        EXPECT_EQ(devices, home.devices);
         for (const int i : {1, home.devices - 1})
-            EXPECT_THAT(newest(), testing::HasSubstr(R"({"mac_address":")" + nth_mac(i) +
-                                                     R"(","md":")" + lean + "\"}"));
-        EXPECT_TRUE(eventually([&] { return times_logged("pinged ") > 1; }));  // a round later
+            EXPECT_THAT(report, testing::HasSubstr(R"({"mac_address":")" + nth_mac(i) +
+                                                   R"(","md":")" + lean + "\"}"));
         EXPECT_EQ(times_logged("512 of 4096 devices are reported by their address only"),
                   home.is_shortened);
-        EXPECT_EQ(times_logged("error code"), 0);
         stop_tracking();
-        const std::lock_guard guard(reports_lock);
-        reports.clear();
     }
-    for (mqtt_app *each : {reader, exchange_mqtt_app(nullptr)})
-        mqtt_app_exit(each);
-    thread.join();
-    daemon.join();
 }
 
 // A round asks who is silent first, so the question marks where it begins.
 TEST_F(DevicePinger, KeepAlivesOfALargeHomeTakeTurns) {
-    constexpr int kDevices = 200;
     start_threads();
-    track([] {
-        add_device(0, nullptr);
-        for (int i = 1; i <= kDevices; i++)
-            add_device(i, nth_mac(i).c_str());
-    });
-    EXPECT_TRUE(eventually([&] { return times_logged("pinged 201 active devices") > 15; },
-                           std::chrono::seconds(30)));
-    stop_tracking();
-    std::map<std::string, int> times;
-    for (int i = 1; i <= kDevices; i++)
-        times["sudo arping -q -Iwlan0 -c2 -f " + nth_address(i) + " &"] = 0;
-    const auto by_times = [](const auto &a, const auto &b) { return a.second < b.second; };
-    int at_once = 0;
-    int most_at_once = 0;
-    for (const std::string &line : commands())
-        if (line.ends_with("| grep reply")) {
-            const auto [rarest, most] = std::minmax_element(times.begin(), times.end(), by_times);
-            EXPECT_LE(most->second, rarest->second + 1) << rarest->first << " waits too long";
-            at_once = 0;
-        } else if (line.ends_with(" &")) {
-            most_at_once = std::max(most_at_once, ++at_once);
-            times[line]++;
-        }
-    EXPECT_LE(most_at_once, 64);
-    EXPECT_EQ(times.size(), kDevices);
-    EXPECT_GE(std::min_element(times.begin(), times.end(), by_times)->second, 2);
+    for (const auto &[devices, in_a_round] : {std::pair(64, 64), {65, 32}}) {
+        track([count = devices] {
+            add_device(0, nullptr);
+            for (int i = 1; i <= count; i++)
+                add_device(i, nth_mac(i).c_str());
+        });
+        expect_rounds(8);
+        const auto lines = commands();
+        stop_tracking();
+        std::map<std::string, int> times;
+        for (int i = 1; i <= devices; i++)
+            times["sudo arping -q -Iwlan0 -c2 -f " + nth_address(i) + " &"] = 0;
+        const auto by_times = [](const auto &a, const auto &b) { return a.second < b.second; };
+        int at_once = in_a_round;
+        for (const std::string &line : lines)
+            if (line.ends_with("| grep reply")) {
+                const auto [rarest, most] =
+                    std::minmax_element(times.begin(), times.end(), by_times);
+                EXPECT_LE(most->second, rarest->second + 1) << rarest->first << " waits too long";
+                EXPECT_EQ(std::exchange(at_once, 0), in_a_round);
+            } else if (line.ends_with(" &")) {
+                at_once++;
+                times[line]++;
+            }
+        EXPECT_EQ(times.size(), static_cast<size_t>(devices));
+    }
 }
 
 // How many were asked in each round, and whether they took turns.
@@ -309,8 +334,7 @@ TEST_F(DevicePinger, SilentDevicesDoNotHoldUpTheRound) {
             add_device(i, nullptr);
         add_device(kSilent, "a:b:c:d:e:f");
     });
-    EXPECT_TRUE(eventually([&] { return times_logged("pinged 13 active devices") > 5; },
-                           std::chrono::seconds(20)));
+    expect_rounds(6);
     const std::string log = log_text();
     for (const int asked : questions(log, kSilent))
         EXPECT_LE(asked, 5);
@@ -323,7 +347,9 @@ TEST_F(DevicePinger, SlowAnswersDoNotHoldUpTheRound) {
     if (!run_hastened(20))
         GTEST_SKIP() << "needs fast clocks";
     constexpr int kSlow = 40;
-    fake("arping", "/usr/bin/sleep 2; for ip; do :; done; echo \"reply [02:00:$ip]\"");
+    fake("sudo",
+         "[ $1 = arping ] || exit 0; /usr/bin/sleep 2; for ip; do :; done; echo \"reply "
+         "[02:00:$ip]\"");
     start_threads();
     track([] {
         for (int i = 0; i < kSlow; i++)
@@ -336,8 +362,9 @@ TEST_F(DevicePinger, SlowAnswersDoNotHoldUpTheRound) {
 }
 
 TEST_F(DevicePinger, StopAndLostLinkEndTheRound) {
-    fake("arping",
-         "while [ ! -e /tmp/go ]; do /usr/bin/sleep 0.01; done; echo 'reply [02:00:00:00:00:07]'");
+    fake("sudo",
+         "[ $1 = arping ] || exit 0; while [ ! -e /tmp/go ]; do /usr/bin/sleep 0.01; done; echo "
+         "'reply [02:00:00:00:00:07]'");
     start_threads();
     for (const bool is_stop : {true, false}) {
         unlink("/tmp/go");

@@ -96,7 +96,7 @@ std::string Robot::log_text() {
 }
 
 bool Robot::logged_as(const std::string &level, const std::string &text) {
-    return eventually([&] { return count_lines(level, text) > 0; }, std::chrono::seconds(10));
+    return eventually([&] { return count_lines(level, text) > 0; }, std::chrono::seconds(30));
 }
 
 int Robot::times_logged(const std::string &text) {

@@ -32,7 +32,8 @@ class Robot : public testing::Test {
     std::string log_text();
     int times_logged(const std::string &text);
     void forget_log();
-    // Waits up to ten seconds for a line that contains `text`, of that level ("ERROR", "DBG", ...).
+    // Waits up to half a minute for a line that contains `text`, of that level ("ERROR", "DBG",
+    // ...).
     bool logged(const std::string &text) { return logged_as("", text); }
     bool logged_as(const std::string &level, const std::string &text);
 
