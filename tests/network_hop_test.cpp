@@ -1,3 +1,6 @@
+#include <regex>
+
+#include "clock.h"
 #include "device_network_hop.h"
 #include "home_device_list.h"
 #include "monitor_main.h"
@@ -6,8 +9,31 @@
 
 namespace {
 
+Supplicant *supplicant = nullptr;
+int scan_ends_in = 0;  // pauses
+
+// The scan has ended before the pause that it ends in is over.
+void pause_in_scan(unsigned seconds) {
+    Robot::add_to_commands("sleep " + std::to_string(seconds));
+    if (--scan_ends_in != 0)
+        return;
+    supplicant->send_event("<3>CTRL-EVENT-SCAN-RESULTS ");
+    Robot::eventually([] { return wlan_monitor_ctrl_pending_scan() == 0; });
+}
+
 // A home whose access points are "bb:FREQUENCY"; the supplicant roams as it is told.
 class NetworkHop : public Robot {
+  public:
+    static std::string table_of(const std::vector<std::pair<int, int>> &access_points) {
+        std::string text = "bssid / frequency / signal level / flags / ssid\n";
+        for (const auto &[frequency, signal] : access_points) {
+            const std::string number = std::to_string(frequency);
+            text +=
+                "bb:" + number + "\t" + number + "\t" + std::to_string(signal) + "\t[E]\thome\n";
+        }
+        return text;
+    }
+
   protected:
     NetworkHop() {
         init_device_list();
@@ -23,6 +49,7 @@ class NetworkHop : public Robot {
     }
     std::string answer(const std::string &command) {
         const std::lock_guard guard(lock_);
+        add_to_commands(command);
         if (command.starts_with("ROAM bb:") && !refuses_)
             status_ = status_of(command.substr(8));
         return command == "STATUS" ? status_ : command == "SCAN_RESULTS" ? scan_ : "OK\n";
@@ -34,15 +61,6 @@ class NetworkHop : public Robot {
     }
     static std::string status_of(const std::string &frequency) {
         return "bssid=bb:" + frequency + "\nfreq=" + frequency + "\nwpa_state=COMPLETED\n";
-    }
-    static std::string table_of(const std::vector<std::pair<int, int>> &access_points) {
-        std::string text = "bssid / frequency / signal level / flags / ssid\n";
-        for (const auto &[frequency, signal] : access_points) {
-            const std::string number = std::to_string(frequency);
-            text +=
-                "bb:" + number + "\t" + number + "\t" + std::to_string(signal) + "\t[E]\thome\n";
-        }
-        return text;
     }
     // The roams that one hop asks for, whose log has this end.
     std::string hop(const std::string &end) {
@@ -94,7 +112,38 @@ TEST_F(NetworkHop, TakesTheBestOtherChannelsInTurn) {
     EXPECT_TRUE(eventually([&] { return times_logged(skipped) == 3; }));  // no request is lost
 }
 
-TEST_F(NetworkHop, ReadsWhatIsWholeInTheScanResults) {
+// What the supplicant is asked and the waits between, in their order.
+TEST_F(NetworkHop, ResultsAreReadWhenTheScanHasEnded) {
+    supplicant = &supplicant_;
+    make_pauses_call(pause_in_scan);
+    channel_info entries[1];
+    for (const int seconds : {1, 4, 9, 10}) {
+        set(scan_, table_of({{2412, -40}}));
+        scan_ends_in = seconds;
+        forget_commands();
+        EXPECT_EQ(get_channel_information(entries, 1), 1);
+        std::string expected = "SCAN\n";
+        for (int waited = 0; waited < std::min(seconds, 9); waited++)
+            expected += "sleep 1\n";
+        EXPECT_EQ(story(""), expected + "SCAN_RESULTS\n");
+    }
+    char *bssid = nullptr;
+    int32_t frequency = 7;
+    for (const auto &[status, expected] :
+         {std::pair(status_of("2412"), "STATUS\nsleep 1\nSTATUS\n"),
+          {std::string("wpa_state=SCANNING\n"),
+           "STATUS\nsleep 1\nSTATUS\nsleep 1\nSTATUS\nsleep 1\nSTATUS\nsleep 1\nSTATUS\nsleep "
+           "1\n"}}) {
+        set(status_, status);
+        forget_commands();
+        get_current_bssid(&bssid, &frequency);
+        EXPECT_EQ(story(""), expected);
+    }
+    EXPECT_STREQ(MallocText(bssid).get(), "bb:2412");
+    EXPECT_EQ(frequency, 2412);
+}
+
+TEST(ScanResults, AreReadWhereTheyAreWhole) {
     const std::string good = "bb:1\t2412\t-40\t[E]\thome\n", header = "header\n";
     const auto filled = [&](size_t size) {
         const std::string start = header + "bb:2\t5180\t-60\t[E]\t";
@@ -113,32 +162,40 @@ TEST_F(NetworkHop, ReadsWhatIsWholeInTheScanResults) {
         {filled(1022 - 14) + "\t[E]", "5180 -60 bb:2, 5500 -40 bb:4, "},
         {header + std::string(5000, 'b'), ""},
         // Without room only a stronger one gets in, and only on a frequency that is there.
-        {table_of({{2412, -50}, {5180, -60}, {2412, -50}, {5200, -1}, {5180, -59}}),
+        {NetworkHop::table_of({{2412, -50}, {5180, -60}, {2412, -50}, {5200, -1}, {5180, -59}}),
          "2412 -50 bb:2412, 5180 -59 bb:5180, "},
     };
     for (const auto &[results, expected] : cases) {
-        set(scan_, results);
         channel_info entries[2];
         std::string text;
-        for (int i = 0, count = get_channel_information(entries, 2); i < count; i++)
+        for (int i = 0, count = parse_scan_results(results.c_str(), entries, 2); i < count; i++)
             text += std::to_string(entries[i].freq) + " " + std::to_string(entries[i].rssi) + " " +
                     entries[i].bssid.get() + ", ";
         EXPECT_EQ(text, expected) << results.substr(0, 200);
     }
 }
 
-TEST_F(NetworkHop, UnreadableStatusGivesNoBssid) {
-    char *bssid = nullptr;
-    int32_t frequency = 7;
-    for (const char *status :
-         {"", "\n", "freq=2412\n", "freq=2412\nbssid=bb", "bssid=bb\n", "bssid=bb\nfreq=x"}) {
-        forget_log();
-        set(status_, std::string(*status != '\0' ? "wpa_state=COMPLETED\n" : "") + status);
-        EXPECT_EQ(get_current_bssid(&bssid, &frequency), 0) << status;
-        EXPECT_TRUE(logged_as("ERROR", "unexpected ")) << status;
+TEST(LinkStatus, UnreadableGivesNoBssid) {
+    const struct {
+        const char *status, *bssid;
+        int frequency;
+    } cases[]{
+        {"", nullptr, 7},
+        {"\n", nullptr, 7},
+        {"freq=2412\n", nullptr, 7},
+        {"freq=2412\nbssid=bb", nullptr, 7},
+        {"bssid=bb\n", nullptr, 7},
+        {"bssid=bb\nfreq=x", nullptr, 7},
+        {"bssid=\nfreq=0", "", 0},
+        {"freq=-5x\nbssid=b b\nbssid=cc\n", "b b", -5},
+    };
+    for (const auto &[status, bssid, frequency] : cases) {
+        channel_info link;
+        link.freq = 7;
+        EXPECT_EQ(parse_link_status(status, &link), bssid != nullptr) << status;
+        EXPECT_STREQ(link.bssid.get(), bssid) << status;
+        EXPECT_EQ(link.freq, frequency) << status;
     }
-    EXPECT_EQ(bssid, nullptr);
-    EXPECT_EQ(frequency, 7);
 }
 
 }  // namespace
