@@ -193,6 +193,20 @@ TEST_F(Dispatcher, ProvisioningWaitsForTheTidelink) {
     EXPECT_EQ(times_logged("head index"), 1);
 }
 
+TEST_F(Dispatcher, AsksAndTellsOtherProcesses) {
+    char response[8] = "";
+    EXPECT_EQ(network_send_tarn_req(12, "{}", response, sizeof response), 0);
+    EXPECT_STREQ(response, "{}");
+    answered.clear();
+    EXPECT_EQ(network_send_tarn_event(2, R"({"event":"x"})", 2), 0);
+    EXPECT_THAT(answered, testing::MatchesRegex(R"(tarn/2/event/network/[0-9]+ ..event.:.x..)"));
+    tarn_lib *const transport = exchange_network_tarn_handle(nullptr);
+    EXPECT_EQ(network_send_tarn_req(12, "{}", response, sizeof response), 1);
+    EXPECT_EQ(network_send_tarn_event(2, "{}", 2), 255);
+    EXPECT_EQ(times_logged("tarn_alloc_req_handle failed"), 2);
+    exchange_network_tarn_handle(transport);
+}
+
 TEST_F(Dispatcher, MissionsForbidTheReboot) {
     for (const auto &[status, in_progress] : {std::pair(R"({"cycle":"clean","phase":"run"})", 1),
                                               {R"({"cycle":"none","phase":"run"})", 0},

@@ -1,4 +1,6 @@
+#include <arpa/inet.h>
 #include <fcntl.h>
+#include <sys/socket.h>
 
 #include <cerrno>
 #include <cstdlib>
@@ -128,8 +130,9 @@ TEST_F(MqttApp, LargestMessageArrivesWhereItIsAskedFor) {
 }
 
 TEST_F(MqttApp, RefusesWhatIsNoBrokerTopicOrMessage) {
-    for (const std::string broker : {"localhost", ":1883", "localhost:65536", "localhost:18x",
-                                     "::1:1883", "a b:1883", "unix:relative"}) {
+    for (const std::string broker :
+         {"localhost", ":1883", "[::1:1883", "::1]:1883", "localhost:0", "localhost:65536",
+          "localhost:18x", "::1:1883", "a b:1883", "unix:relative"}) {
         setenv("MQTT_APP_BROKER", broker.c_str(), 1);
         app = mqtt_app_create("tester");
         EXPECT_LT(mqtt_app_init(app, topics, keep), 0) << broker;
@@ -146,6 +149,24 @@ TEST_F(MqttApp, RefusesWhatIsNoBrokerTopicOrMessage) {
     for (int i = 0; i < 4; i++)
         EXPECT_EQ(publish("large", std::string((1 << 20) - 5, 'x')), 0);
     EXPECT_EQ(publish("t", ""), ENOBUFS) << "topics take memory too";
+}
+
+// A second after the first attempt, two after the next.
+TEST_F(MqttApp, WaitsBetweenAttempts) {
+    const Fd listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const sockaddr_in address{AF_INET, htons(1883), {htonl(INADDR_LOOPBACK)}, {}};
+    ASSERT_EQ(bind(listener.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address),
+              0);
+    ASSERT_EQ(listen(listener.get(), 100), 0);
+    std::atomic<int> attempts{0};
+    std::jthread refuse([&] {
+        for (; Fd(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC)); attempts++) {
+        }
+    });
+    run();
+    EXPECT_TRUE(eventually([&] { return attempts >= 2; }, std::chrono::seconds(20)));
+    EXPECT_LE(attempts, 3);
+    shutdown(listener.get(), SHUT_RDWR);
 }
 
 TEST_F(MqttApp, LeavesNoDescriptorToStartedPrograms) {

@@ -14,6 +14,8 @@ class Tarn : public Robot {
 
     static int keep(void *self, const char *topic, const char *text) {
         auto *test = static_cast<Tarn *>(self);
+        if (test->on_send)
+            test->on_send(topic);
         const std::lock_guard guard(test->lock);
         test->sent.push_back(std::string(topic) + " " + text);
         return test->send_result;
@@ -44,6 +46,7 @@ class Tarn : public Robot {
         return tarn_get_req_handle_using_topic(lib, ("tarn/network/resp/" + who_and_id).c_str());
     }
 
+    std::function<void(const std::string &topic)> on_send;
     std::mutex lock;
     std::vector<std::string> sent;  // "topic text"
     std::atomic<int> send_result{0};
@@ -71,6 +74,55 @@ TEST_F(Tarn, ResponseOvertakenByTheTimeOut) {
     waiter.join();
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(990));
     EXPECT_EQ(tarn_complete_transfer(request, "too late"), -1);
+}
+
+TEST_F(Tarn, HandleServesOneTransferAfterTheOther) {
+    tarn_req *const request = tarn_alloc_req_handle(lib);
+    char response[64];
+    std::vector<std::string> ids;
+    on_send = [&](const std::string &topic) {
+        ids.push_back("10" + topic.substr(topic.rfind('/')));
+        EXPECT_EQ(tarn_transfer(request, 6, 10, "meanwhile", response, 64, 0), -1);
+        if (ids.size() == 1)
+            return;
+        EXPECT_EQ(find(ids.front()), nullptr) << "the former is forgotten";
+        EXPECT_EQ(tarn_complete_transfer(find(ids.back()), "response"), 0);
+    };
+    EXPECT_EQ(tarn_transfer(request, 6, 10, "first", response, 64, 0), -1);
+    EXPECT_EQ(tarn_transfer(request, 6, 10, "second", response, 64, 0), 0);
+    EXPECT_STREQ(response, "response");
+    tarn_free_req_handle(request);
+}
+
+TEST_F(Tarn, RefusesBadArguments) {
+    tarn_req *const request = tarn_alloc_req_handle(lib);
+    char response[8];
+    const struct {
+        tarn_req *request;
+        int source, destination;
+        const char *text;
+        char *response;
+        size_t size;
+    } cases[]{
+        {nullptr, 6, 10, "t", response, 8}, {request, 5, 10, "t", response, 8},
+        {request, 6, -1, "t", response, 8}, {request, 6, 10, nullptr, response, 8},
+        {request, 6, 10, "t", nullptr, 8},  {request, 6, 10, "t", response, 0},
+    };
+    for (const auto &row : cases)
+        EXPECT_EQ(tarn_transfer(row.request, row.source, row.destination, row.text, row.response,
+                                row.size, 3600),
+                  -1);
+    EXPECT_EQ(tarn_event_transfer(request, 5, 2, "t", 2), -1);
+    EXPECT_EQ(tarn_send_resp(lib, "tarn/network/req/10/7", nullptr), -1);
+    EXPECT_EQ(tarn_complete_transfer(nullptr, ""), -1);
+    EXPECT_EQ(tarn_lib_init(nullptr, nullptr, nullptr), nullptr);
+    EXPECT_EQ(take_sent(), "");
+    EXPECT_EQ(tarn_event_transfer(request, 6, 0, "t", 2), 0);
+    EXPECT_THAT(take_sent(), testing::MatchesRegex("tarn/btmanager/event/network/[0-9]+ t"));
+    send_result = 1;
+    EXPECT_EQ(tarn_event_transfer(request, 6, 12, "t", 2), -1);
+    EXPECT_THAT(take_sent(), testing::MatchesRegex("tarn/corehub/event/network/[0-9]+ t"));
+    tarn_free_req_handle(request);
 }
 
 // At the instant of the time-out, and all at once.
