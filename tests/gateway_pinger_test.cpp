@@ -91,6 +91,8 @@ TEST_F(GatewayWatchdog, EveryCycle) {
         {WIFI_NETWORK_DOWN, 0, count + "6; " + kWaiting},  // nobody tells when the next cleaning is
         {WIFI_CONNECTING, 0, "wifi is disconnected; no gateway to ping; "},
         {WIFI_NETWORK_DOWN, 0, count + "1; "},
+        {WIFI_NETWORK_DOWN, 0, count + "2; "},
+        {WIFI_NETWORK_DOWN, 0, count + "3; restarting network; reconnect"},
         {WIFI_CONNECTED, kAddress | kAnswers, kReady},
         {WIFI_NETWORK_DOWN, 0, count + "1; "},
         {WIFI_CONNECTED, kAddress, std::string(kReady) + kLost1},
