@@ -8,6 +8,7 @@
 #include "pex_misc.h"
 #include "provisioning_state.h"
 #include "robot.h"
+#include "supplicant_status.h"
 #include "wifi_netinfo.h"
 #include "wifi_settings.h"
 
@@ -179,6 +180,13 @@ TEST_F(WifiState, SavingKeepsTheKeyAndNotThePassphraseOfAWpaNetwork) {
     }
     EXPECT_EQ(kvs_get("network.ip_config") + kvs_get("network.addr_type"), "dhcp \n1");
     EXPECT_EQ(times_logged(pass) + times_logged(psk), 0) << log_text();
+    for (const auto &[script, text] :
+         {std::pair("echo key_mgmt=x", "x"), {"echo key_mgmt=", ""}, {"true", ""}}) {
+        fake("wpa_cli", script);
+        const MallocText protocol(get_key_mgmt_protocol());
+        EXPECT_EQ(std::string(protocol ? protocol.get() : ""), text) << script;
+    }
+    EXPECT_EQ(commands().back(), "wpa_cli status -iwlan0 | grep key_mgmt | sed s/\"^.*=\"//");
 }
 
 // The thread sanitizer's subject; a torn text would show without it, too.
