@@ -1,7 +1,8 @@
+#include "device_network_hop.h"
+
 #include <regex>
 
 #include "clock.h"
-#include "device_network_hop.h"
 #include "home_device_list.h"
 #include "monitor_main.h"
 #include "pthread_utils.h"

@@ -1,10 +1,11 @@
 // Interfaces, soft AP and DHCP: what the robot's scripts are told, and what happens when they fail.
+#include "wifi_control.h"
+
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/wait.h>
 
 #include "wifi_command.h"
-#include "wifi_control.h"
 #include "wifi_robot.h"
 #include "wifi_settings.h"
 #include "wifi_state.h"

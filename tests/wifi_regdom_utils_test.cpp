@@ -1,12 +1,13 @@
 // The regulatory domain, against a script that keeps what the shell passed it and a kernel that
 // says what the test wants.
+#include "wifi_regdom_utils.h"
+
 #include <fcntl.h>
 #include <sys/syscall.h>
 
 #include <cstdarg>
 #include <filesystem>
 
-#include "wifi_regdom_utils.h"
 #include "wifi_robot.h"
 
 // The radio's NV file lies on a partition of its own, which the tests have in /tmp.
