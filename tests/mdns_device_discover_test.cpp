@@ -4,6 +4,7 @@
 
 #include <unistd.h>
 
+#include <atomic>
 #include <thread>
 
 #include "clock.h"
@@ -22,9 +23,20 @@ std::string record(const std::string &name, const std::string &txt,
            "\n";
 }
 
+std::atomic<int> pauses{0};  // the browser makes one before each look whether to browse
+
 class Browser : public Robot {
   protected:
-    Browser() { make_pauses_last(3'000); }
+    Browser() {
+        make_pauses_call([](unsigned) {
+            pauses++;
+            usleep(10'000);
+        });
+    }
+    // Until the browser has come round to its next pause but one, with what it did before told.
+    static bool looked_again() {
+        return eventually([seen = pauses.load()] { return pauses >= seen + 2; });
+    }
     // What the list holds when all rounds of browsing that prints `lines` are over.
     std::vector<device_texts> browse(const std::string &lines) {
         write_file("/tmp/lines", lines);
@@ -32,7 +44,7 @@ class Browser : public Robot {
         std::thread(mdns_discovery_main, nullptr).detach();
         start_device_discovery();
         EXPECT_TRUE(eventually([&] { return read_file("/tmp/rounds") == "x\nx\nx\n"; }));
-        usleep(50'000);
+        EXPECT_TRUE(looked_again());
         return copy_device_list();
     }
 };
@@ -93,7 +105,7 @@ TEST_F(Browser, BrowsesWhileTrackingIsOn) {
     start_device_discovery();
     stop_device_discovery();
     std::thread(mdns_discovery_main, nullptr).detach();
-    usleep(100'000);
+    EXPECT_TRUE(looked_again());
     EXPECT_THAT(commands(), testing::Not(testing::Contains(HasSubstr("avahi"))));
     fake("avahi-browse", "exit 127");
     start_device_discovery();

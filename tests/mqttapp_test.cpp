@@ -205,7 +205,10 @@ TEST_F(MqttApp, EndsInEveryState) {
     thread.join();
     broker.freeze();  // connected, never let in
     run();
-    usleep(100'000);
+    const auto connected = [] {  // from the far end's port 1883, established
+        return read_file("/proc/net/tcp").find("0100007F:075B 01") != std::string::npos;
+    };
+    EXPECT_TRUE(eventually(connected));
 }
 
 // The daemon's own use: what it subscribes to, and a message without a text goes no further.
