@@ -44,7 +44,7 @@ step "$(census_size) addresses listed; netwarden holds $(daemon_status VmRSS) kB
 step "a device changes its address"
 ip -n device5 addr del "$(device_address 5)/24" dev eth0
 ip -n device5 addr add 192.168.77.62/24 dev eth0
-sleep 4
+expect "it announces its new address" 60 eval 'avahi-browse -artlp | grep -q "^=;wlan0;IPv4;.*;192\.168\.77\.62;"'
 tracking_ends
 ip -n device8 link set eth0 down   # its forty addresses have done their part
 tracking_begins
