@@ -36,11 +36,14 @@ uptime_s() { cut -d' ' -f1 /proc/uptime; }
 # since TIME: seconds since it was TIME by uptime_s.
 since() { awk -v began="$1" '{ printf "%.1f\n", $1 - began }' /proc/uptime; }
 
+# alive: the daemon, if it was started, has not ended.
+alive() { [[ ! -e $LAB/daemon.exit ]] || fail "netwarden ended with status $(<$LAB/daemon.exit)"; }
+
 # wait_until SECONDS COMMAND...: waits until COMMAND succeeds; returns 1 when it did not in time.
 wait_until() {
     local end=$((SECONDS + $1)); shift
     until "$@" >/dev/null 2>&1; do
-        [[ ! -e $LAB/daemon.exit ]] || fail "netwarden ended with status $(<$LAB/daemon.exit)"
+        alive
         ((SECONDS < end)) || return 1
         sleep 0.2
     done
