@@ -24,20 +24,14 @@ network_conf() {
         "ssid=$(hex "$HOME_SSID")" "psk=\"$HOME_KEY\"" scan_ssid=1 '}' >/etc/wpa_supplicant.conf
 }
 
-# start_daemon [ARGUMENT...]: netwarden, with the clock of the last fast_clock.
+# start_daemon [ARGUMENT...]: netwarden.
 start_daemon() {
     rm -f $LAB/daemon.exit $LAB/daemon.pid
     uptime_s >$LAB/started
-    local clock=()
-    if [[ -e $LAB/clock ]]; then
-        clock=(LD_PRELOAD="$(echo /usr/lib/*/faketime/libfaketimeMT.so.1)" FAKETIME_ONLY_CMDS=netwarden
-            FAKETIME_TIMESTAMP_FILE="$LAB/clock" FAKETIME_NO_CACHE=1)
-        echo "$EPOCHREALTIME 0 $(sed 's/.*x//' $LAB/clock)" >$LAB/clock.state
-    fi
     (
         trap - ERR
         set +e
-        env "${clock[@]}" /usr/bin/netwarden "$@" &
+        /usr/bin/netwarden "$@" &
         echo $! >$LAB/daemon.pid
         wait $!
         echo $? >$LAB/daemon.exit
@@ -56,23 +50,6 @@ stop_daemon() {
     while [[ ! -e $LAB/daemon.exit ]]; do sleep 0.1; done
     rm $LAB/daemon.exit $LAB/daemon.pid
 }
-
-# fast_clock N: netwarden's clocks and sleeps run N times as fast, those of the programs it runs do not. Once
-# before start_daemon; then at any time: the daemon's time goes on from where it is.
-fast_clock() {
-    local now=$EPOCHREALTIME start offset rate
-    [[ ! -e $LAB/daemon.pid || -e $LAB/clock.state ]] || fail "fast_clock must be called once before start_daemon"
-    if [[ -e $LAB/clock.state ]]; then
-        read -r start offset rate <$LAB/clock.state
-        offset=$(awk "BEGIN { printf \"%.3f\", $offset + ($now - $start) * ($rate - $1) }")
-        echo "$start $offset $1" >$LAB/clock.state
-    fi
-    printf '%+.3f x%s\n' "${offset:-0}" "$1" >$LAB/clock.new
-    mv $LAB/clock.new $LAB/clock
-}
-
-# needs_fast_clocks: libfaketime hastens sleeps everywhere, but not the 64-bit clocks of 32-bit programs.
-needs_fast_clocks() { [[ $(getconf LONG_BIT) == 64 ]] || skip "no fast clocks on a 32-bit processor"; }
 
 # new_robot_up [ARGUMENT OF start_peers...]: a robot without settings, with its other processes.
 new_robot_up() {

@@ -1,16 +1,12 @@
 # The owner walks away: after twenty minutes the robot gives up, keeps a Wi-Fi log, and is home again as before.
-# limit: 240 s
-needs_fast_clocks
-fast_clock 1
+# limit: 1500 s
 robot_at_home
 provisioning_begins
 has_no_address
 
-step "20 minutes pass, forty times as fast"
+step "20 minutes pass"
 mark
-fast_clock 40
-expect_log 'PROVISIONING TIMEOUT' 60
-fast_clock 1
+expect_log 'PROVISIONING TIMEOUT' 1260
 expect_message robot/debug '^\{"command":"provfail"\}$' 20
 expect_log 'provisioning stopped in state 1' 30
 captured() { base64 -d /tmp/syslog-prov-fail-wifilog.gz.base64 | zcat | grep -q wpa_supplicant; }
