@@ -43,6 +43,9 @@ int wifi_get_wifistat(wifistat *out);
 void wifi_state_set_wifi(int32_t state);
 int32_t wifi_state_get_wifi();
 
+// "CONNECTED" for WIFI_CONNECTED; "?" for what is no state.
+const char *wifi_state_name(int32_t state);
+
 // The saved last provisioning status, or -1.
 int wifi_state_get_last_prov_status();
 

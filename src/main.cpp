@@ -30,6 +30,7 @@
 #include "provisioning_sm.h"
 #include "provisioning_state.h"
 #include "pthread_utils.h"
+#include "service_manager.h"
 #include "supplicant_config.h"
 #include "tarn/robot_processes.h"
 #include "tarn/tarn.h"
@@ -238,9 +239,10 @@ bool wifi_is_there() {
 }
 
 void wait_for_the_interface() {
-    do
+    do {
+        service_manager_alive("waiting for the station interface");
         sleep(kInterfaceWaitS);
-    while (!wifi_is_there());
+    } while (!wifi_is_there());
 }
 
 void bring_wifi_into_a_known_state() {
@@ -300,6 +302,7 @@ void publish_status() {
 
 void start(const options &given) {
     open_log();
+    service_manager_ready();  // nobody's boot waits for a network
     wait_for_the_robot();
     connect_libraries();
     if (given.wipe)
@@ -349,6 +352,14 @@ void publish_what_changed(NetinfoText &previous, NetinfoText &current) {
     publish_status();
 }
 
+// A pass that hangs, in a script of the board say, is noticed by the service manager.
+void tell_service_manager() {
+    std::array<char, 64> words;
+    snprintf(words.data(), words.size(), "Wi-Fi %s%s", wifi_state_name(wifi_state_get_wifi()),
+             is_robot_provisioning() == 0 ? "" : ", provisioning");
+    service_manager_alive(words.data());
+}
+
 [[noreturn]] void supervise() {
     NetinfoText previous{};
     NetinfoText current{};
@@ -361,6 +372,7 @@ void publish_what_changed(NetinfoText &previous, NetinfoText &current) {
         wifi_network_status_update();
         if (is_robot_provisioning() == 0)
             publish_what_changed(previous, current);
+        tell_service_manager();
         if (!undisturbed_sleep(1))
             continue;
         const long after = monotonic_seconds();

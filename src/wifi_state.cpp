@@ -49,12 +49,6 @@ constexpr std::array kStateNames{
 };
 static_assert(kStateNames.size() == WIFI_STATION_STOPPED - WIFI_UNKNOWN + 1);
 
-const char *name_of(int32_t state) {
-    return state >= WIFI_UNKNOWN && state <= WIFI_STATION_STOPPED
-               ? kStateNames[static_cast<size_t>(state - WIFI_UNKNOWN)]
-               : "?";
-}
-
 void save_prov_status(int32_t state) {
     const MallocText text(pex_get_string_from_int(state));
     if (!text) {
@@ -104,7 +98,13 @@ void wifi_state_set_wifi(int32_t state) {
     }
     LOGI("wifi = %d", state);
     if (old != state)
-        LOGD("wifi state %s -> %s", name_of(old), name_of(state));
+        LOGD("wifi state %s -> %s", wifi_state_name(old), wifi_state_name(state));
+}
+
+const char *wifi_state_name(int32_t state) {
+    return state >= WIFI_UNKNOWN && state <= WIFI_STATION_STOPPED
+               ? kStateNames[static_cast<size_t>(state - WIFI_UNKNOWN)]
+               : "?";
 }
 
 int32_t wifi_state_get_wifi() {
