@@ -14,15 +14,9 @@ has_message() { messages_since_mark | grep -qE -- "$(of_topic "$1" "$2")"; }
 # of_topic TOPIC PATTERN: such a message as a line of $LAB_MESSAGES.
 of_topic() { if [[ $2 == ^* ]]; then echo "^[^ ]+ ($1) (${2#^})"; else echo "^[^ ]+ ($1) .*($2)"; fi; }
 
-# comes SECONDS MARK FILE PATTERN: whether a line of FILE behind MARK matches within that time. Follows the file instead of
-# looking again and again: a wait of hours costs the machine nothing.
-comes() {
-    timeout "$1" bash -c 'tail -n "+$(($(<"$1") + 1))" -f "$2" | grep -qE -m1 -- "$3"' - "$2" "$3" "$4" || { alive; return 1; }
-}
-
 # expect_log PATTERN SECONDS: a line of the robot's system log.
 expect_log() {
-    has_log "$1" || comes "$2" $LAB/mark.log "$LAB_LOG" "$1" || fail "no log line /$1/ within $2 s; the last were:
+    has_log "$1" || comes "$2" "$(<$LAB/mark.log)" "$LAB_LOG" "$1" || fail "no log line /$1/ within $2 s; the last were:
 $(log_since_mark | tail -8)"
 }
 
@@ -44,7 +38,8 @@ refute_log() {
 
 # expect_message TOPIC PATTERN SECONDS: a message on this topic, which is a pattern too.
 expect_message() {
-    has_message "$1" "$2" || comes "$3" $LAB/mark.messages "$LAB_MESSAGES" "$(of_topic "$1" "$2")" || fail "no message /$2/ on $1 within $3 s; the last were:
+    has_message "$1" "$2" || comes "$3" "$(<$LAB/mark.messages)" "$LAB_MESSAGES" "$(of_topic "$1" "$2")" ||
+        fail "no message /$2/ on $1 within $3 s; the last were:
 $(messages_since_mark | tail -8)"
 }
 

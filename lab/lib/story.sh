@@ -49,6 +49,12 @@ wait_until() {
     done
 }
 
+# comes SECONDS N FILE PATTERN: whether a line of FILE behind its first N matches within that time. Follows the file instead of
+# looking again and again: a wait of hours costs the machine nothing.
+comes() {
+    timeout "$1" bash -c 'tail -n "+$(($1 + 1))" -f "$2" | grep -qE -m1 -- "$3"' - "$2" "$3" "$4" || { alive; return 1; }
+}
+
 # expect TEXT SECONDS COMMAND...: fails with TEXT when COMMAND does not succeed in time.
 expect() {
     local text=$1 seconds=$2; shift 2
@@ -72,7 +78,7 @@ background() {
 }
 
 # expect_from NAME PATTERN SECONDS: a line that the helper of that name writes.
-expect_from() { expect "/$2/ from $1" "$3" grep -qE -- "$2" "$LAB_RESULTS/$1.log"; }
+expect_from() { comes "$3" 0 "$LAB_RESULTS/$1.log" "$2" || fail "/$2/ from $1: not within $3 s"; }
 
 # end NAME [SIGNAL]: ends it and waits until it is gone.
 end() {
