@@ -1,9 +1,10 @@
+// The pinger round by round: each begins when the test says, and is told as one story.
 #include "device_pinger.h"
 
-#include <net/if.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
 
-#include <map>
-#include <sstream>
+#include <regex>
 
 #include "clock.h"
 #include "device_network_hop.h"
@@ -18,371 +19,370 @@
 #include "pthread_utils.h"
 #include "robot.h"
 #include "wifi_netinfo.h"
+#include "wifi_settings.h"
 #include "wifi_state.h"
+
+static constexpr char kSeconds[] = "/tmp/seconds";  // as long as many have passed
+
+// The daemon's threads live in the time that a test gives them.
+extern "C" int clock_gettime(clockid_t clock, timespec *now) noexcept {
+    struct stat passed = {};
+    if (clock != CLOCK_MONOTONIC || gettid() == getpid())
+        return static_cast<int>(syscall(SYS_clock_gettime, clock, now));
+    *now = {1000 + (stat(kSeconds, &passed) == 0 ? passed.st_size : 0), 0};
+    return 0;
+}
 
 namespace {
 
-std::string nth_address(int i) {
-    return "10.0." + std::to_string(i / 250) + "." + std::to_string(i % 250 + 1);
+constexpr char kSource[] = "src/device_pinger";
+constexpr char kOn[] =
+    "sudo network_device_interfaces_control.sh --interface=softap --action=del\n"
+    "sudo network_device_interfaces_control.sh --interface=monitor --action=add\n"
+    "sudo ifdown mon0\nsudo ifup mon0\nsudo network_dhcp_arp_control.sh enable\n";
+constexpr char kOff[] =
+    "sudo ifdown mon0\nsudo network_device_interfaces_control.sh --interface=monitor --action=del\n"
+    "sudo network_dhcp_arp_control.sh disable\nclearing device list\n";
+
+std::string address(int host) {
+    return "192.0.2." + std::to_string(host);
+}
+// Keep-alives of these, one after the other.
+std::string alive(int host, int last = 0) {
+    const std::string line = "sudo arping -q -Iwlan0 -c2 -f " + address(host) + " &\n";
+    return host < last ? line + alive(host + 1, last) : line;
+}
+std::string question(int host) {
+    return "sudo arping -Iwlan0 -c2 -f " + address(host) + " | grep reply\n";
+}
+std::string no_reply(int host) {
+    return question(host) + "no reply from " + address(host) + "\n";
+}
+std::string report(const std::string &devices) {
+    return "robot/debug {\"wifiDevices\":[" + devices + "]}\n";
 }
 
-void add_device(int i, const char *mac, const std::string &text = "") {
-    const char *const md = text.empty() ? nullptr : text.c_str();
-    add_entry_to_device_list(nullptr, 0, nth_address(i).c_str(), mac, nullptr, nullptr, nullptr,
-                             md);
+struct device {
+    const char *name = nullptr, *mac = nullptr, *type = nullptr, *cd = nullptr, *host = nullptr,
+               *md = nullptr;
+};
+void add(int host, const device &given = {}) {
+    add_entry_to_device_list(given.name, 2, host != 0 ? address(host).c_str() : nullptr, given.mac,
+                             given.type, given.cd, given.host, given.md);
 }
 
-std::string nth_mac(int i) {
-    char mac[24];
-    snprintf(mac, sizeof mac, "02:00:00:00:%02x:%02x", i / 256, i % 256);
-    return mac;
+Semaphore round_allowed{0}, round_ended{0};
+
+void pause_between_rounds(unsigned seconds) {
+    if (seconds != 3) {
+        usleep(1000);
+        return;
+    }
+    round_ended.release();
+    round_allowed.acquire();
 }
 
 class DevicePinger : public Robot {
   protected:
     DevicePinger() {
-        make_pauses_last(10'000);
+        make_pauses_call(pause_between_rounds);
         init_device_list();
-        if (if_nametoindex("wlan0") == 0)  // else run again, hastened
-            give_address();
-        // A device answers while its file is there, with what the file holds as its address. Else
-        // each tool succeeds.
+        give_address();
+        use_subnet("192.0.2.2/24");
+        // A device answers while its file is there, with what the file holds as its address. Each
+        // other tool succeeds.
         fake("sudo", R"([ "$1" = arping ] || exit 0; for ip; do :; done; [ -e /tmp/home/$ip ] && )"
                      R"(echo "Unicast reply from $ip [$(cat /tmp/home/$ip)]  1.5ms")");
     }
-    static void use_subnet(const std::string &address) {
-        ASSERT_EQ(system(("ip addr flush dev wlan0; ip addr add dev wlan0 " + address).c_str()), 0);
+    static void answer(int host, const std::string &mac) {
+        write_file("/tmp/home/" + address(host), mac);
+    }
+    static void use_subnet(const std::string &subnet) {
+        ASSERT_EQ(system(("ip addr flush dev wlan0; ip addr add dev wlan0 " + subnet).c_str()), 0);
         netinfo info;
         ASSERT_EQ(wifi_read_netinfo(&info), 27);
         wifi_state_set_wifi(WIFI_CONNECTED);
     }
-    void start_threads() {
-        use_subnet("192.0.2.2/24");
-        pthread_create_detached_thread(nullptr, device_pinger_main, nullptr, "dev_pinger");
-        pthread_create_detached_thread(nullptr, device_subnet_ping_main, nullptr, "dev_sweep");
-        EXPECT_TRUE(logged("pinger disabled"));  // from here on the mode is the app's
-    }
-    // Tracks a home that is there before the first round looks at it.
-    void track(const std::function<void()> &add_devices, bool sweeps = false) {
-        wifi_state_set_wifi(WIFI_NETWORK_DOWN);
-        forget_log();
-        if (sweeps)
-            start_device_discovery();
-        else
-            set_pinger_mode(PINGER_MODE_PINGER, 1);
-        EXPECT_TRUE(logged("wifi is disconnected"));
-        add_devices();
-        forget_log();
+    // A pinger that has come to its first pause.
+    static void start() {
+        exchange_mqtt_app(mqtt_client_init([](auto...) {}));
+        tell_stories();
         forget_commands();
-        wifi_state_set_wifi(WIFI_CONNECTED);
+        pthread_create_detached_thread(nullptr, device_pinger_main, nullptr, "dev_pinger");
+        round_ended.acquire();
     }
-    // That many rounds from here on have ended.
-    void expect_rounds(int count) {
-        const int before = times_logged(" active devices");
-        EXPECT_TRUE(eventually([&] { return times_logged(" active devices") >= before + count; },
-                               std::chrono::seconds(30)));
+    static std::string round(const std::function<void()> &meanwhile = [] {}) {
+        forget_commands();
+        round_allowed.release();
+        meanwhile();
+        round_ended.acquire();
+        return story(kSource);
     }
-    void stop_tracking() {
-        stop_device_discovery();
-        EXPECT_TRUE(eventually([] { return is_device_list_empty() != 0; }));
+    // Who is asked for his address in the next round.
+    static std::string asked() {
+        static const std::regex kQuestion(R"( 192\.0\.2\.(\d+) \| grep reply\n)");
+        const std::string told = round();
+        std::string hosts;
+        for (std::sregex_iterator each(told.begin(), told.end(), kQuestion), end; each != end;
+             each++)
+            hosts += each->str(1) + " ";
+        return hosts;
     }
 };
 
 TEST_F(DevicePinger, OnlyAnAddressReachesTheShell) {
-    write_file("/tmp/home/192.0.2.7", std::string(40, 'a'));
+    const std::string kBad = "no valid ip address to ping\n", longest(83, 'i');
     const struct {
         const char *ip;
-        int want_mac, wait, result;
-        std::string command;
+        bool wants_mac, waits, is_answered;
+        std::string story, interface = "wlan0";
     } cases[] = {
-        {"192.0.2.7", 1, 0, 1, "sudo arping -Iwlan0 -c2 -f 192.0.2.7 | grep reply"},
-        {"192.0.2.8", 1, 0, 0, "sudo arping -Iwlan0 -c2 -f 192.0.2.8 | grep reply"},
-        {"192.0.2.7", 0, 0, 0, "sudo arping -q -Iwlan0 -c2 -f 192.0.2.7 &"},
-        {"192.0.2.7", 0, 1, 1, "sudo arping -q -Iwlan0 -c2 -f 192.0.2.7"},
-        {"192.0.2.8", 0, 1, 0, "sudo arping -q -Iwlan0 -c2 -f 192.0.2.8"},
-        {nullptr, 0, 1, 0, ""},
-        {"192.0.2", 0, 0, 0, ""},
-        {"192.0.2.7;reboot", 0, 1, 0, ""},
-        {"fe80::1", 1, 0, 0, ""},
+        {"192.0.2.7", true, false, true, question(7)},
+        {"192.0.2.8", true, false, false, no_reply(8)},
+        {"192.0.2.7", false, false, false, alive(7)},
+        {"192.0.2.7", false, true, true, "sudo arping -q -Iwlan0 -c2 -f 192.0.2.7\n"},
+        {"192.0.2.8", false, true, false, "sudo arping -q -Iwlan0 -c2 -f 192.0.2.8\n"},
+        {nullptr, false, true, false, kBad},
+        {"192.0.2", false, false, false, kBad},
+        {"192.0.2.7;reboot", false, true, false, kBad},
+        {"fe80::1", true, false, false, kBad},
+        {"192.0.2.7", true, false, false, "no valid interface for pinging\n", ""},
+        {"192.0.2.7", true, false, false, "broken ping packet 192.0.2.7\n", longest + "i"},
+        {"192.0.2.7", true, false, true,  // a command of 127 characters
+         std::regex_replace(question(7), std::regex("wlan0"), longest), longest},
     };
+    answer(7, std::string(40, 'a'));
+    tell_stories();
     char mac[kProbeMacSize + 1] = "";
     mac[kProbeMacSize] = '!';
     for (const auto &row : cases) {
         forget_commands();
+        wifi_set_station_interface_name(row.interface.c_str());
         ping_request request{.ip = row.ip, .mac = mac};
-        EXPECT_EQ(ping_device(&request, row.want_mac, row.wait), row.result) << row.command;
-        EXPECT_EQ(commands().empty() ? "" : commands()[0], row.command);
+        EXPECT_EQ(ping_device(&request, row.wants_mac, row.waits), row.is_answered) << row.story;
+        EXPECT_EQ(story(kSource), row.story);
     }
     EXPECT_EQ(std::string(mac) + mac[kProbeMacSize], std::string(31, 'a') + "!");
-    EXPECT_TRUE(eventually([&] { return times_logged("no valid ip address to ping") == 4; }));
+    ping_request nowhere{.ip = "192.0.2.7"};
+    EXPECT_EQ(ping_device(&nowhere, 1, 1), 1);
+    EXPECT_THAT(story(kSource), testing::HasSubstr("NULL mac_address in entry\n"));
 }
 
-TEST_F(DevicePinger, SweepFindsAndReportsWhoAnswers) {
-    write_file("/tmp/home/192.0.2.7", "a:b:c:d:e:f");
-    write_file("/tmp/home/192.0.2.254", "02:00:00:00:00:fe");
-    start_threads();
-    track(
-        [] {
-            add_entry_to_device_list("Lamp", 2, "192.0.2.7", nullptr, "light", "cd", "\xff.local",
-                                     "L1");
-            add_entry_to_device_list("No address", 2, "192.0.2.9", nullptr, "tv", nullptr, "h",
-                                     nullptr);
-        },
-        true);
-    EXPECT_TRUE(eventually([&] { return times_logged("discover threads done after ") > 0; },
-                           std::chrono::seconds(30)));
-    expect_rounds(3);
+TEST_F(DevicePinger, TellsTheHomeWhenItChanges) {
     const std::string lamp = R"({"mac_address":"0a:0b:0c:0d:0e:0f","google_cd":"cd",)"
-                             R"("type":"light","name":"Lamp","md":"L1"})";
-    EXPECT_EQ(times_logged("sending object {\"wifiDevices\":[" + lamp +
-                           R"(,{"mac_address":"02:00:00:00:00:fe"}]})"),
-              1)
-        << log_text();
-    EXPECT_EQ(times_logged("pinging 254 addresses"), 1);
-    EXPECT_EQ(times_logged(" starting thread "), 32);
-    EXPECT_EQ(times_logged("range 192.0.2.1 , count 8"), 1);
-    EXPECT_EQ(times_logged("range 192.0.2.249 , count 6"), 1);
-    forget_log();
-    expect_rounds(3);  // of which the first may have begun before
-    EXPECT_EQ(times_logged("wifiDevices"), 0) << "nothing changed";
-    EXPECT_GE(times_logged("need mac for 192.0.2.9"), 2);
-    const auto lines = commands();
-    const auto at = [&](const std::string &line) {
-        return std::find(lines.begin(), lines.end(), line) - lines.begin();
+                             R"("type":"light","name":"Lamp")";
+    const std::string speaker = R"({"mac_address":"02:00:00:00:00:09","hostname":"speaker.local"})";
+    const std::string placeless = R"({"mac_address":"02:00:00:00:00:08"})";
+    const std::pair<std::function<void()>, std::string> rounds[] = {
+        {[] {}, ""},
+        {[] { add(1); }, "clearing device list\n"},
+        {[] { start_device_discovery(), wifi_state_set_wifi(WIFI_NETWORK_DOWN); }, ""},
+        {[] { wifi_state_set_wifi(WIFI_CONNECTED), wifi_init_netinfo(); }, ""},
+        {[] { use_subnet("192.0.2.2/24"); }, kOn + report("")},
+        {[] { add(9, {.host = "speaker.local"}); }, no_reply(9) + report("")},
+        {[] { answer(9, "2:0:0:0:0:9"); }, question(9) + report(speaker)},
+        {[] {
+             answer(7, "a:b:c:d:e:f");
+             add(7, {.name = "Lamp", .type = "light", .cd = "cd", .host = "\xff.local"});
+             add(0, {.mac = "02:00:00:00:00:08"});
+         },
+         alive(9) + question(7) + report(speaker + "," + lamp + "}," + placeless)},
+        {[] {}, alive(9) + alive(7)},  // nothing is new
+        {[] { add(7, {.name = "Lamp", .md = "L1"}); },
+         alive(9) + alive(7) + report(speaker + "," + lamp + R"(,"md":"L1"},)" + placeless)},
+        // Off and on again before the pinger looks: emptied, and a new tracking.
+        {[] { stop_device_discovery(), start_device_discovery(); }, std::string(kOff) + kOn},
+        {[] { add(9, {.host = "speaker.local"}); }, question(9) + report(speaker)},
+        {[] { wifi_state_set_wifi(WIFI_NETWORK_DOWN), stop_device_discovery(); }, kOff},
     };
-    EXPECT_LT(at("sudo ifup mon0"), at("sudo network_dhcp_arp_control.sh enable"));
-    EXPECT_LT(at("sudo network_dhcp_arp_control.sh enable"),
-              at("sudo arping -q -Iwlan0 -c2 -f 192.0.2.1"));
-    wifi_state_set_wifi(WIFI_NETWORK_DOWN);
-    EXPECT_TRUE(logged("wifi is disconnected"));
-    forget_commands();
-    stop_device_discovery();
-    EXPECT_TRUE(logged("clearing device list"));
-    EXPECT_THAT(commands(), testing::ElementsAre("sudo ifdown mon0",
-                                                 "sudo network_device_interfaces_control.sh "
-                                                 "--interface=monitor --action=del",
-                                                 "sudo network_dhcp_arp_control.sh disable"));
+    start();
+    EXPECT_EQ(story(kSource), "sudo network_dhcp_arp_control.sh disable\n");
+    for (const auto &[change, expected] : rounds) {
+        change();
+        EXPECT_EQ(round(), expected) << "round " << &change - &rounds[0].first;
+    }
 }
 
 TEST_F(DevicePinger, HopsAtTheSavedInterval) {
+    constexpr char kHop[] = "could not get current bssid, skipping bssid switch";
     for (const auto &[saved, interval] : {std::pair("", "default bssid switch sleep 15"),
                                           {"x", "default bssid switch sleep 15"},
                                           {"2147483648", "default bssid switch sleep 15"},
                                           {"-2147483649", "default bssid switch sleep 15"},
                                           {"-2147483648", "val -2147483648"},
                                           {"2147483647", "val 2147483647"}}) {
+        make_pauses_call([](unsigned) { pause(); });
         kvs_set("robot.disc_reconnect_sleep_sec", saved);
         std::thread(device_pinger_main, nullptr).detach();
         EXPECT_TRUE(logged(interval)) << saved;
         forget_log();
     }
+    make_pauses_call(pause_between_rounds);
+    kvs_set("robot.disc_reconnect_sleep_sec", "10");
+    start();
+    exchange_log_handle(nullptr);
     std::thread(device_network_hop_main, nullptr).detach();
-    constexpr char kHop[] = "could not get current bssid, skipping bssid switch";
-    use_subnet("192.0.2.2/24");
-    set_pinger_mode(PINGER_MODE_DISCOVER, 1);
     set_pinger_mode(PINGER_MODE_PINGER, 1);
-    expect_rounds(5);
-    EXPECT_EQ(times_logged(kHop), 0) << "not in a sweep";
-    set_pinger_mode(PINGER_MODE_DISCOVER, 0);
-    EXPECT_TRUE(logged(kHop)) << "the one whose interval has passed";
-    use_subnet("192.0.2.2/24");
-    wifi_init_netinfo();
-    EXPECT_TRUE(logged("no IP address"));
+    round();
+    const struct {
+        size_t seconds;  // since the start
+        int discover, pinger, hops;
+    } rounds[] = {{10, 1, 1, 0}, {30, 1, 0, 0}, {30, 0, 1, 1}, {39, 0, 1, 1}, {40, 0, 1, 2}};
+    for (const auto &[seconds, discover, pinger, hops] : rounds) {
+        write_file(kSeconds, std::string(seconds, 's'));
+        set_pinger_mode(PINGER_MODE_DISCOVER, discover);
+        set_pinger_mode(PINGER_MODE_PINGER, pinger);
+        round();
+        EXPECT_TRUE(eventually([&, due = hops] { return times_logged(kHop) >= due; }));
+        EXPECT_EQ(times_logged(kHop), hops) << seconds;
+    }
 }
 
-TEST_F(DevicePinger, SweepsOfAnySubnetEnd) {
-    start_threads();
-    for (const auto &[address, hosts] : {std::pair("192.0.2.2/30", 2),
-                                         {"192.0.2.2/31", 0},
-                                         {"192.0.2.2/32", 0},
-                                         {"10.0.0.1/8", 4096}}) {
+TEST_F(DevicePinger, SweepsAreBoundedAndEnd) {
+    const struct {
+        std::string subnet;
+        int addresses, probes, workers;
+        std::string last;
+        bool is_wanted = true;
+    } sweeps[] = {
+        {"192.0.2.2/24", 254, 254, 32, "range 192.0.2.249 , count 6"},
+        {"192.0.2.2/30", 2, 2, 1, "range 192.0.2.1 , count 2"},
+        {"192.0.2.2/31", 0, 0, 0, "pinging 0 addresses"},
+        {"192.0.2.2/32", 0, 0, 0, "pinging 0 addresses"},
+        {"10.0.0.1/20", 4094, 4094, 512, "range 10.0.15.249 , count 6"},
+        {"10.0.0.1/19", 4096, 4096, 512, "only the first 4096"},
+        {"10.0.0.1/8", 4096, 0, 64, "stopping pinger early", false},
+    };
+    wifi_set_station_interface_name("");  // a probe then ends at once
+    std::thread(device_subnet_ping_main, nullptr).detach();
+    for (const auto &row : sweeps) {
         forget_log();
-        use_subnet(address);
-        start_device_discovery();
-        EXPECT_TRUE(logged("pinging " + std::to_string(hosts) + " addresses")) << address;
-        EXPECT_EQ(times_logged("pinging only the first 4096"), hosts == 4096) << address;
-        if (hosts == 4096) {
-            EXPECT_TRUE(logged("NOT done"));
-            stop_device_discovery();
-        }
-        EXPECT_TRUE(logged("discover threads done after ")) << address;
-        EXPECT_LE(times_logged(" starting thread "), 64);
-        stop_device_discovery();
-        EXPECT_TRUE(logged("pinger disabled"));
+        use_subnet(row.subnet);
+        set_pinger_mode(PINGER_MODE_CLEAR, 0);
+        set_pinger_mode(PINGER_MODE_DISCOVER, 1);
+        const uint32_t session = device_tracking::current_session().number;
+        device_subnet_ping_request(row.is_wanted ? session : session - 1);
+        EXPECT_TRUE(logged("discover threads done after 0l seconds")) << row.subnet;
+        EXPECT_EQ(times_logged("pinging " + std::to_string(row.addresses) + " addresses"), 1);
+        EXPECT_EQ(times_logged("no valid interface for pinging"), row.probes) << row.subnet;
+        EXPECT_EQ(times_logged(" starting thread "), row.workers) << row.subnet;
+        EXPECT_GE(times_logged(row.last), 1) << row.subnet;
+        pinger_mode mode;
+        EXPECT_EQ(get_pinger_mode(&mode)->discover, row.is_wanted ? 0 : 1) << row.subnet;
     }
 }
 
-// Sweep, pinger, browser and the app's switch against each other.
-TEST_F(DevicePinger, SwitchingOffAlwaysEmptiesTheList) {
-    write_file("/tmp/home/192.0.2.9", "02:00:00:00:00:01");
-    start_threads();
-    std::jthread browser([](const std::stop_token &stop) {
-        for (unsigned i = 0; !stop.stop_requested(); i++, usleep(2000)) {
-            const std::string ip = "192.0.2." + std::to_string(100 + i % 200);
-            add_entry_to_device_list("n", i, ip.c_str(), nullptr, "tv", "cd", "host", "md");
-        }
-    });
-    for (useconds_t i = 0; i < 40; i++) {
-        start_device_discovery();
-        usleep(i % 10 * 5000);
-        stop_device_discovery();
-    }
+TEST_F(DevicePinger, SweepFindsAndReportsWhoAnswers) {
+    answer(3, "02:00:00:00:00:03");
+    answer(6, "02:00:00:00:00:06");
+    use_subnet("192.0.2.2/29");
+    start();
     start_device_discovery();
-    EXPECT_TRUE(logged("added entry for 192.0.2.9"));
-    forget_log();
-    stop_device_discovery();  // and on again before the pinger looks: emptied, and swept anew
-    start_device_discovery();
-    EXPECT_TRUE(logged("clearing device list"));
-    EXPECT_TRUE(logged("pinging 254 addresses"));
-    EXPECT_TRUE(logged("added entry for 192.0.2.9"));
-    stop_device_discovery();
-    browser.request_stop();
-    browser.join();
-    EXPECT_TRUE(eventually([] { return is_device_list_empty() != 0; }));
+    round();
+    add(3);
+    std::thread(device_subnet_ping_main, nullptr).detach();
+    pinger_mode mode;
+    EXPECT_TRUE(eventually([&] { return get_pinger_mode(&mode)->discover == 0; }));
+    std::string sweep;
+    for (int host = 1; host <= 6; host++)
+        sweep += "sudo arping -q -Iwlan0 -c2 -f " + address(host) + "\n";
+    EXPECT_EQ(story(kSource), sweep);
+    EXPECT_EQ(round(), question(3) + question(6) +
+                           report(R"({"mac_address":"02:00:00:00:00:03"},)"
+                                  R"({"mac_address":"02:00:00:00:00:06"})"));
 }
 
 // Homes of any size are told whole, in one message that the broker takes.
 TEST_F(DevicePinger, OneReportHoldsTheWholeHome) {
-    exchange_mqtt_app(mqtt_client_init([](auto...) {}));
-    log_handle *const log = log_open("robot", LOG_LEVEL_DBG, "/tmp/log", 0, 1, 0, 1, 1);
-    log_configure_trunc(log, 0);
-    exchange_log_handle(log);
-    start_threads();
-    const std::string lean(180, 'm');
-    const std::string fat(900, '\x01');  // six characters each in JSON
-    const struct {
-        int devices;
-        std::string first;  // of what each eighth device tells
-        bool is_shortened;
-    } homes[] = {{600, lean, false}, {4096, fat, true}};
-    for (const auto &home : homes) {
-        track([&] {
-            for (int i = 0; i < home.devices; i++)
-                add_device(i, nth_mac(i).c_str(), i % 8 == 0 ? home.first : lean);
-            write_file("/tmp/log", "");
-        });
-        expect_rounds(2);
-        const std::string text = read_file("/tmp/log");
-        const size_t start = text.find("sent topic robot/debug, message ") + 32;
-        const std::string report = text.substr(start, text.find("]}", start) + 2 - start);
-        EXPECT_GT(report.size(), 64u << 10);
-        EXPECT_LE(report.size(), kMqttAppLargestMessage);
-        int devices = 0;
-        for (size_t at = 0; (at = report.find("\"mac_address\"", at)) != report.npos; at++)
-            devices++;
-        EXPECT_EQ(devices, home.devices);
-        for (const int i : {1, home.devices - 1})
-            EXPECT_THAT(report, testing::HasSubstr(R"({"mac_address":")" + nth_mac(i) +
-                                                   R"(","md":")" + lean + "\"}"));
-        EXPECT_EQ(times_logged("512 of 4096 devices are reported by their address only"),
-                  home.is_shortened);
-        stop_tracking();
-    }
-}
-
-// A round asks who is silent first, so the question marks where it begins.
-TEST_F(DevicePinger, KeepAlivesOfALargeHomeTakeTurns) {
-    start_threads();
-    for (const auto &[devices, in_a_round] : {std::pair(64, 64), {65, 32}}) {
-        track([count = devices] {
-            add_device(0, nullptr);
-            for (int i = 1; i <= count; i++)
-                add_device(i, nth_mac(i).c_str());
-        });
-        expect_rounds(8);
-        const auto lines = commands();
-        stop_tracking();
-        std::map<std::string, int> times;
-        for (int i = 1; i <= devices; i++)
-            times["sudo arping -q -Iwlan0 -c2 -f " + nth_address(i) + " &"] = 0;
-        const auto by_times = [](const auto &a, const auto &b) { return a.second < b.second; };
-        int at_once = in_a_round;
-        for (const std::string &line : lines)
-            if (line.ends_with("| grep reply")) {
-                const auto [rarest, most] =
-                    std::minmax_element(times.begin(), times.end(), by_times);
-                EXPECT_LE(most->second, rarest->second + 1) << rarest->first << " waits too long";
-                EXPECT_EQ(std::exchange(at_once, 0), in_a_round);
-            } else if (line.ends_with(" &")) {
-                at_once++;
-                times[line]++;
-            }
-        EXPECT_EQ(times.size(), static_cast<size_t>(devices));
-    }
-}
-
-// How many were asked in each round, and whether they took turns.
-std::vector<int> questions(const std::string &log, int devices) {
-    std::vector<int> rounds{0};
-    std::istringstream lines(log);
-    int asked = 0;
-    for (std::string line; std::getline(lines, line);)
-        if (line.find("pinged ") != line.npos) {
-            rounds.push_back(0);
-        } else if (line.find("need mac for ") != line.npos) {
-            EXPECT_TRUE(line.ends_with(" " + nth_address(asked++ % devices))) << line;
-            rounds.back()++;
+    constexpr size_t kRoom =
+        kMqttAppLargestMessage - std::string_view(R"({"wifiDevices":[]})").size();
+    // Lengths of the models that devices announce, and of those that are told. What else is told of
+    // each are 43 characters and a comma.
+    const std::pair<std::vector<size_t>, std::vector<size_t>> homes[] = {
+        {{10, kRoom - 98}, {10, kRoom - 98}},
+        {{10, kRoom - 97}, {10, 0}},
+        {{kRoom / 3 - 44, kRoom / 3 - 43, kRoom}, {kRoom / 3 - 44, 0, 0}},
+    };
+    start();
+    log_configure_trunc(get_log_handle(), 0);
+    set_pinger_mode(PINGER_MODE_PINGER, 1);
+    for (const auto &[announced, told] : homes) {
+        clear_device_list();
+        std::string expected;
+        for (size_t i = 0; i < told.size(); i++) {
+            const std::string mac = "02:00:00:00:00:0" + std::to_string(i);
+            add(0, {.mac = mac.c_str(), .md = std::string(announced[i], 'm').c_str()});
+            expected += (i > 0 ? "," : "") + (R"({"mac_address":")" + mac) +
+                        (told[i] > 0 ? R"(","md":")" + std::string(told[i], 'm') : "") + "\"}";
         }
-    return rounds;
+        round_allowed.release();
+        round_ended.acquire();
+        const std::string log = read_file("/run/fakes/commands");
+        EXPECT_NE(log.find("robot/debug, message {\"wifiDevices\":[" + expected + "]}"), log.npos);
+        forget_commands();
+    }
 }
 
-TEST_F(DevicePinger, SilentDevicesDoNotHoldUpTheRound) {
-    constexpr int kSilent = 12;
-    start_threads();
-    track([] {
-        for (int i = 0; i < kSilent; i++)
-            add_device(i, nullptr);
-        add_device(kSilent, "a:b:c:d:e:f");
-    });
-    expect_rounds(6);
-    const std::string log = log_text();
-    for (const int asked : questions(log, kSilent))
-        EXPECT_LE(asked, 5);
-    EXPECT_EQ(times_logged("sending object"), 1);
-    EXPECT_LE(questions(log.substr(0, log.find("sending object")), kSilent)[0], 5);
+TEST_F(DevicePinger, KeepAlivesOfALargeHomeTakeTurns) {
+    const auto add_known = [](int host) {
+        add(host, {.mac = ("02:00:00:00:00:" + std::to_string(host)).c_str()});
+        clear_device_list_updated();
+    };
+    start();
+    set_pinger_mode(PINGER_MODE_PINGER, 1);
+    EXPECT_EQ(round(), kOn);
+    add(0, {.mac = "1:1:1:1:1:1"});  // nobody knows where
+    for (int host = 1; host <= 64; host++)
+        add_known(host);
+    EXPECT_EQ(round(), alive(1, 64));
+    add_known(65);
+    EXPECT_EQ(round(), alive(1, 32));
+    EXPECT_EQ(round(), alive(33, 64));
+    EXPECT_EQ(round(), alive(1, 31) + alive(65));
 }
 
-// Somebody can answer for thousands.
-TEST_F(DevicePinger, SlowAnswersDoNotHoldUpTheRound) {
-    if (!run_hastened(20))
-        GTEST_SKIP() << "needs fast clocks";
-    constexpr int kSlow = 40;
-    fake("sudo",
-         "[ $1 = arping ] || exit 0; /usr/bin/sleep 2; for ip; do :; done; echo \"reply "
-         "[02:00:$ip]\"");
-    start_threads();
-    track([] {
-        for (int i = 0; i < kSlow; i++)
-            add_device(i, nullptr);
-    });
-    EXPECT_TRUE(eventually([&] { return times_logged("sending object") > 1; },
-                           std::chrono::seconds(30 * 20)));
-    for (const int asked : questions(log_text(), kSlow))
-        EXPECT_LE(asked, 15) << "two seconds each";
+TEST_F(DevicePinger, QuestionsDoNotHoldUpTheRound) {
+    answer(13, "a:b:c:d:e:f");
+    start();
+    set_pinger_mode(PINGER_MODE_PINGER, 1);
+    for (int host = 1; host <= 13; host++)
+        add(host);
+    for (const char *hosts : {"1 2 3 4 5 ", "6 7 8 9 10 ", "11 12 13 1 2 3 ", "4 5 6 7 8 "})
+        EXPECT_EQ(asked(), hosts) << "five silent ones";
+    // Somebody can answer for thousands, two seconds each.
+    fake("sudo", std::string("[ $1$2 = arping-Iwlan0 ] || exit 0; printf .. >>") + kSeconds +
+                     "; for ip; do :; done; echo \"reply [02:00:$ip]\"");
+    for (int host = 21; host <= 40; host++)
+        add(host);
+    for (const char *hosts : {"9 10 11 12 21 22 23 24 25 26 27 28 29 30 31 ",
+                              "32 33 34 35 36 37 38 39 40 1 2 3 4 5 6 ", "7 8 ", ""})
+        EXPECT_EQ(asked(), hosts);
 }
 
 TEST_F(DevicePinger, StopAndLostLinkEndTheRound) {
     fake("sudo",
-         "[ $1 = arping ] || exit 0; while [ ! -e /tmp/go ]; do /usr/bin/sleep 0.01; done; echo "
-         "'reply [02:00:00:00:00:07]'");
-    start_threads();
+         "[ $1 = arping ] || exit 0; while [ ! -e /tmp/go ]; do /usr/bin/sleep 0.01; done; "
+         "echo 'reply [02:00:00:00:00:07]'");
+    start();
     for (const bool is_stop : {true, false}) {
         unlink("/tmp/go");
-        track([] {
-            for (int i = 0; i < 3; i++)
-                add_device(i, nullptr);
+        wifi_state_set_wifi(WIFI_CONNECTED);
+        set_pinger_mode(PINGER_MODE_PINGER, 1);
+        for (int host = 1; host <= 3; host++)
+            add(host);
+        const std::string told = round([&] {
+            const std::string line = question(1).substr(0, question(1).size() - 1);
+            EXPECT_TRUE(eventually([&] { return std::ranges::count(commands(), line) > 0; }));
+            if (is_stop)
+                stop_device_discovery();
+            else
+                wifi_state_set_wifi(WIFI_NETWORK_DOWN);
+            write_file("/tmp/go", "");
         });
-        EXPECT_TRUE(logged("need mac for 10.0.0.1"));
-        if (is_stop)
-            stop_device_discovery();
-        else
-            wifi_state_set_wifi(WIFI_NETWORK_DOWN);
-        write_file("/tmp/go", "");
-        EXPECT_TRUE(logged(is_stop ? "pinger disabled" : "wifi is disconnected")) << log_text();
-        EXPECT_EQ(times_logged("need mac for"), 1);
-        EXPECT_EQ(times_logged("pinged 1 active devices"), 1);
-        EXPECT_EQ(times_logged("sending object"), is_stop ? 0 : 1);
-        stop_tracking();
+        const std::string news = "wifi = 5\n" + report(R"({"mac_address":"02:00:00:00:00:07"})");
+        EXPECT_EQ(told, kOn + question(1) + (is_stop ? "" : news));
+        stop_device_discovery();
+        EXPECT_EQ(round(), kOff);
     }
 }
 
