@@ -1,38 +1,21 @@
-// The status messages as a listener on the robot's broker sees them.
+// The status messages, as the broker and the Bluetooth manager get them.
 #include "network_utils.h"
 
+#include "bus.h"
 #include "mqtt_client.h"
-#include "mqttapp/mqtt_app.h"
 #include "process_handles.h"
 #include "robot.h"
-#include "tarn/tarn.h"
 #include "wifi_netinfo.h"
+#include "wifi_settings.h"
 #include "wifi_state.h"
 
 namespace {
 
-using testing::ElementsAre;
+enum : uint8_t { kStatic = 0, kDhcp = 1 };
 
-std::mutex lock;
-std::vector<std::string> seen;  // "topic payload"
-
-// One connection listens to everything, delivers responses, and plays the Bluetooth manager.
-void on_message(mqtt_app *app, const mqtt_app_message *message) {
-    constexpr std::string_view kRequest = "tarn/btmanager/req/network/";
-    std::string topic = message->topic;
-    if (topic.starts_with("tarn/network/")) {
-        if (tarn_req *request =
-                tarn_get_req_handle_using_topic(get_network_tarn_handle(), message->topic))
-            tarn_complete_transfer(request, message->payload);
-        return;
-    }
-    const bool is_request = topic.starts_with(kRequest);
-    if (is_request) {
-        topic.replace(0, kRequest.size(), "tarn/network/resp/btmanager/");
-        mqtt_app_publish(app, topic.c_str(), 2, "ok");
-    }
-    const std::lock_guard guard(lock);
-    seen.push_back((is_request ? "btmanager " : topic + " ") + message->payload);
+std::optional<std::string> answer(const std::string &topic, const std::string &text) {
+    Robot::add_to_commands(topic.substr(0, topic.rfind('/')) + " " + text);
+    return "ok";
 }
 
 class StatusMessages : public Robot {
@@ -40,74 +23,99 @@ class StatusMessages : public Robot {
     StatusMessages() {
         wifi_init_netinfo();
         wifi_init_wifistat();
+        exchange_mqtt_app(mqtt_client_init([](auto...) {}));
+        tell_stories();
     }
-    ~StatusMessages() override {
-        mqtt_app_exit(exchange_mqtt_app(nullptr));
-        tarn_lib_exit(exchange_network_tarn_handle(nullptr));
-        if (loop_.joinable())
-            loop_.join();
-    }
-    void listen() {
-        const char *const topics[] = {"#", nullptr};
-        exchange_mqtt_app(mqtt_app_create("listener"));
-        ASSERT_EQ(mqtt_app_init(get_mqtt_app(), topics, on_message), 0);
-        exchange_network_tarn_handle(network_tarn_init());
-        loop_ = std::thread(mqtt_app_run, get_mqtt_app());
-    }
-    // What was published since the last call, once `count` messages came.
-    static std::vector<std::string> published(size_t count) {
-        eventually([&] {
-            const std::lock_guard guard(lock);
-            return seen.size() >= count;
-        });
-        const std::lock_guard guard(lock);
-        return std::exchange(seen, {});
-    }
-
-  private:
-    std::thread loop_;
 };
 
 TEST_F(StatusMessages, ReachTheirTopicsToTheLetter) {
-    const Broker broker;
-    listen();
-    wifi_state_set_uap(1);
-    EXPECT_EQ(wifi_send_netinfo(0), 1);
-    EXPECT_EQ(wifi_send_wifistat(1), 1);
-    send_command_to_robot("provstart");
-    EXPECT_EQ(wifi_send_signal_levels(0), 43);
-    EXPECT_THAT(
-        published(6),
-        ElementsAre(R"(network/events {"netinfo":{"dhcp":true,"addr":"0.0.0.0",)"
-                    R"("mask":"255.255.255.255","gw":"0.0.0.0","dns1":"0.0.0.0","dns2":"0.0.0.0",)"
-                    R"("bssid":"00:00:00:00:00:00","sec":7}})",
-                    R"(network/events {"wifistat":{"wifi":-1,"uap":true}})",
-                    R"(brisk/robot/events {"wifistat":{"wifi":-1,"uap":true}})",
-                    R"(btmanager {"wifistat":{"wifi":-1,"uap":true}})",
-                    R"(robot/debug {"command":"provstart"})",
-                    R"(network/events {"signal":{"rssi":-90,"snr":0,"noise":-90}})"));
+    const Bus bus(answer);
+    const std::string kEvents = "network/events ", kManager = "tarn/btmanager/req/network ";
+    const std::string none = R"({"netinfo":{"dhcp":true,"addr":"0.0.0.0","mask":"255.255.255.255",)"
+                             R"("gw":"0.0.0.0","dns1":"0.0.0.0","dns2":"0.0.0.0",)"
+                             R"("bssid":"00:00:00:00:00:00","sec":7}})";
+    const std::string home =
+        R"({"netinfo":{"dhcp":false,"addr":"192.0.2.2","mask":"255.255.255.0",)"
+        R"("gw":"192.0.2.1","dns1":"1.1.1.1","dns2":"8.8.8.8",)"
+        R"("bssid":"02:ab:00:00:03:f0","sec":4}})";
+    const std::string off = R"({"wifistat":{"wifi":-1,"uap":false}})";
+    const std::string on = R"({"wifistat":{"wifi":-1,"uap":true}})";
+    const std::string soft_ap = kEvents + on + "\nbrisk/robot/events " + on + "\n";
+    std::array<char, kStatusTextSize> text{"as it was"};
+    const auto make_fresh = [&] { return make_wifi_netinfo_json(text.data(), 1); };
+    EXPECT_EQ(make_fresh(), 0) << "there is no interface";
+    EXPECT_STREQ(text.data(), "as it was");
+    const struct {
+        std::function<int()> send;
+        size_t result;
+        std::string story;
+    } messages[] = {
+        {[] { return wifi_send_netinfo(0); }, 1, kEvents + none + "\n"},
+        {[] { return wifi_send_wifistat(0); }, 1,
+         kEvents + off + "\nbrisk/robot/events " + off + "\n"},
+        {[] { return wifi_state_set_uap(1), 0; }, 0, "network.interface wlan1\n"},
+        {[] { return wifi_send_wifistat(1); }, 1, soft_ap + kManager + on + "\n"},
+        {[] {
+             give_address();
+             write_file("/etc/resolv.conf", "nameserver 1.1.1.1\nnameserver 8.8.8.8\n");
+             char bssid[] = "02:AB:00:00:03:F0";
+             wifi_netinfo_set_bssid(bssid);
+             wifictl_set_sec_type("WPA2-PSK");
+             wifi_set_addr_type(kStatic);
+             return 0;
+         },
+         0, ""},
+        {make_fresh, home.size(), ""},
+        {[&] { return home.compare(text.data()); }, 0, ""},
+        {[] { return wifi_send_netinfo(1); }, 1, kEvents + home + "\n" + kManager + home + "\n"},
+        {[] { return exchange_network_tarn_handle(nullptr), wifi_send_wifistat(1); }, 1,
+         soft_ap + "network_send_tarn_req() failed\n"},
+        {[] { return send_command_to_robot("provstart"), 0; }, 0,
+         "robot/debug {\"command\":\"provstart\"}\n"},
+        {[] { return wifi_send_signal_levels(0); }, 43,
+         kEvents + "{\"signal\":{\"rssi\":-90,\"snr\":0,\"noise\":-90}}\n"},
+    };
+    for (const auto &each : messages) {
+        forget_commands();
+        EXPECT_EQ(static_cast<size_t>(each.send()), each.result) << each.story;
+        EXPECT_EQ(story("src/network_utils"), each.story);
+    }
 }
 
 TEST_F(StatusMessages, WlcfgIsSentWholeOrNotAtAll) {
-    const Broker broker;
-    listen();
-    const std::string head = R"(network/events {"wlcfg":{"sec":7,"ssid":")";
-    const std::string longest(255 - strlen(R"({"wlcfg":{"sec":7,"ssid":""}})"), 'a');
-    const std::pair<std::string, std::string> rows[] = {
-        {longest, longest + "\"}}"},
-        {"a\"b\\c\x01\u00e9", "a\\\"b\\\\c\\u0001\u00e9\"}}"},  // by another process
+    const std::string addresses = R"(,"addr":"0.0.0.0","mask":"255.255.255.255","gw":"0.0.0.0",)"
+                                  R"("dns1":"0.0.0.0","dns2":"0.0.0.0")";
+    const std::string kHead = R"({"wlcfg":{"sec":7,"ssid":)";
+    const std::string longest(255 - kHead.size() - 4, 'a');
+    const std::string longest_static(longest.size() - addresses.size(), 'a');
+    const struct {
+        std::string ssid;
+        uint8_t type;
+        std::string rest;  // none: not sent
+        std::string complaint;
+    } rows[] = {
+        {"486f6d65\n", kDhcp, R"("486f6d65"}})", ""},
+        {"486f6d65", kStatic, "\"486f6d65\"" + addresses + "}}", ""},
+        {longest, kDhcp, "\"" + longest + "\"}}", ""},
+        {longest + "a", kDhcp, "", "message truncated, wlcfg not sent\n"},
+        {longest_static, kStatic, "\"" + longest_static + "\"" + addresses + "}}", ""},
+        {longest_static + "a", kStatic, "", "message truncated, wlcfg not sent\n"},
+        {std::string(100'000, 'a'), kStatic, "", "message truncated, wlcfg not sent\n"},
+        // Texts of other processes.
+        {"a\"b\\c\x01\u00e9", kDhcp, "\"a\\\"b\\\\c\\u0001\u00e9\"}}", ""},
+        {"\xff\xfe", kDhcp, "", "cannot load ssid\n"},
+        {"", kDhcp, "", "cannot load ssid\n"},
     };
-    for (const auto &[ssid, text] : rows) {
-        kvs_set("network.ssid", ssid + "\n");
-        EXPECT_EQ(wifi_send_wlcfg_json(), static_cast<int8_t>(head.size() - 15 + text.size()));
-        EXPECT_THAT(published(1), ElementsAre(head + text));
+    for (const auto &row : rows) {
+        kvs_set("network.ssid", row.ssid);
+        wifi_set_addr_type(row.type);
+        forget_commands();
+        const size_t length = row.rest.empty() ? 0 : kHead.size() + row.rest.size();
+        EXPECT_EQ(wifi_send_wlcfg_json(), static_cast<int8_t>(length)) << row.ssid.substr(0, 300);
+        const std::string sent =
+            row.rest.empty() ? "" : "network/events " + kHead + row.rest + "\n";
+        EXPECT_EQ(story("src/network_utils"), sent + row.complaint);
     }
-    for (const auto &ssid : {longest + "a", std::string(100'000, 'a'), std::string("\xff\xfe")}) {
-        kvs_set("network.ssid", ssid);
-        EXPECT_EQ(wifi_send_wlcfg_json(), 0);
-    }
-    send_command_to_robot("done");
-    EXPECT_THAT(published(1), ElementsAre(R"(robot/debug {"command":"done"})"));
 }
 
 }  // namespace

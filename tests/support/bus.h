@@ -1,5 +1,5 @@
 // The robot's other processes, played within the test's own: each request of the daemon is answered
-// before it waits for the response. (network_utils_test and main_test have a real broker.)
+// before it waits for the response. (main_test has a real broker.)
 #pragma once
 
 #include <optional>
