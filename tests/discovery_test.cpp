@@ -1,111 +1,168 @@
-// Probes on the loopback interface, answered by the real thread.
+// The robot's description, and the thread that answers probes with it on the loopback interface.
 #include "discovery.h"
 
 #include <arpa/inet.h>
 #include <poll.h>
 #include <sys/socket.h>
 
-#include <array>
-#include <filesystem>
-
-#include "pthread_utils.h"
+#include "bus.h"
+#include "process_handles.h"
+#include "provisioning_state.h"
 #include "robot.h"
 
 namespace {
 
+std::string capabilities;  // what the robot's core answers
+
+std::optional<std::string> answer(const std::string &topic, const std::string &text) {
+    EXPECT_TRUE(topic.starts_with("tarn/corehub/req/network/")) << topic;
+    EXPECT_EQ(text, R"({"get":"cap"})");
+    return capabilities;
+}
+
+sockaddr_in probed() {
+    return {AF_INET, htons(5678), {htonl(INADDR_LOOPBACK)}, {}};
+}
+
 class Discovery : public Robot {
   protected:
-    void SetUp() override {
-        ASSERT_EQ(system("ip link set lo up"), 0);
+    Discovery() {
+        EXPECT_EQ(system("ip link set lo up; ip link add wlan0 address 02:00:00:00:00:ab type veth "
+                         "peer name gw0; ip addr add 192.168.77.20/24 dev wlan0"),
+                  0);
         kvs_set("product.robotid", R"(0123456789ABCDEF\"456789ABCDEF\"TOOLONG)");
         kvs_set("product.sku", R"(R98\"\"TOOLONG)");
-        kvs_set("robot.trained", "true");
-        fake("version", R"(printf '%s\n' 'Product Version: 4.5.3-\"142\"')");
-        ASSERT_EQ(pthread_create_detached_thread(nullptr, discovery_main, nullptr, "discovery"), 0);
-        ASSERT_TRUE(eventually([] { return !probe("halvikmcs", 300).empty(); }));
+        fake("version", "printf 'Product Version: 4.5.3'; yes 9 | head -300 | tr -d '\\n'");
     }
-
+    static std::string describe(size_t size = 1024) {
+        std::string text(size + 1, '#');
+        const int length = get_discovery_json(text.data(), static_cast<int>(size));
+        EXPECT_EQ(text[size], '#');
+        return text.substr(0, static_cast<size_t>(std::max(length, 0)));
+    }
     static void send(const Fd &app, const std::string &text) {
-        sockaddr_in robot{};
-        robot.sin_family = AF_INET;
-        robot.sin_port = htons(5678);
-        robot.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        sendto(app.get(), text.data(), text.size(), 0, reinterpret_cast<sockaddr *>(&robot),
+        const sockaddr_in robot = probed();
+        sendto(app.get(), text.data(), text.size(), 0, reinterpret_cast<const sockaddr *>(&robot),
                sizeof robot);
     }
-
-    static std::string probe(const std::string &text, int patience_ms = 5000) {
-        const Fd app(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-        send(app, text);
+    // Empty when nothing comes in that time.
+    static std::string reply_to(const Fd &app, int patience_ms) {
+        char reply[2048];
         pollfd ready{app.get(), POLLIN, 0};
-        std::array<char, 2048> reply;
-        if (poll(&ready, 1, patience_ms) <= 0)
-            return "";
-        const ssize_t length = recv(app.get(), reply.data(), reply.size(), 0);
-        return std::string(reply.data(), length > 0 ? static_cast<size_t>(length) : 0);
+        const bool came = poll(&ready, 1, patience_ms) > 0;
+        const ssize_t length = came ? recv(app.get(), reply, sizeof reply, 0) : 0;
+        return {reply, static_cast<size_t>(std::max<ssize_t>(length, 0))};
     }
+    static std::string probe(int patience_ms = 30'000) {
+        const Fd app(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+        send(app, "halvikmcs");
+        return reply_to(app, patience_ms);
+    }
+
+    const Bus core_{answer};
 };
 
+TEST_F(Discovery, DescriptionFollowsTheRobotAndItsBound) {
+    const std::string kNowhere = R"("ip":"0.0.0.0","mac":"00:00:00:00:00:00")";
+    const std::string kLast = R"("ip":"0.0.0.0","mac":"02:00:00:00:00:AB")";
+    const std::pair<std::function<void()>, std::string> changes[] = {
+        {[] { kvs_set("network.interface", "wlan7"); }, kNowhere},
+        {[] { kvs_set("network.interface", "wlan0"); },
+         R"("ip":"192.168.77.20","mac":"02:00:00:00:00:AB")"},
+        {[] { kvs_set("network.interface", "wlan7"); }, kLast},
+        {[] { kvs_set("network.interface", ""); }, kLast},
+        {[] { kvs_set("network.interface", "sixteen_letters_"); }, kNowhere},
+        {[] { kvs_set("network.interface", ""); }, kNowhere},
+        {[] { store_robot_cap("7"); }, R"("cap":7})"},
+        {[] { store_robot_cap(R"({"maps":3})"); }, R"("cap":{"maps":3}})"},
+        {[] { store_robot_cap(nullptr); }, R"("cap":{"maps":3}})"},
+        {[] { store_robot_trained_state(0); }, R"(,"trained":false})"},
+        // Texts stand in it as they are stored.
+        {[] { kvs_set("robot.trained", R"([false, "half"])"); }, R"(,"trained":[false, "half"]})"},
+        {[] { store_robot_trained_state(7); }, R"(,"trained":true})"},
+        {[] { kvs_set("robot.name", R"(Ros\u0069e\n","room":"hall)"); },
+         R"("robotname":"Ros\u0069e\n","room":"hall",)"},
+    };
+    close(discovery_init());
+    const std::string text = describe();
+    EXPECT_EQ(text, R"({"ver":"3","hostname":"Plover-0123456789ABCDEF\"456789ABCDEF\"",)"
+                    R"("robotname":"robot","robotid":"0123456789ABCDEF\"456789ABCDEF\"",)" +
+                        kNowhere + R"(,"sw":"4.5.3)" + std::string(251, '9') +
+                        R"(","sku":"R98\"\"","nc":0,"proto":"mqtt","cap":{}})");
+    EXPECT_EQ(kvs_get("robot.name"), "robot");
+    EXPECT_EQ(describe(text.size() + 1), text);
+    EXPECT_EQ(describe(text.size()), "");
+    EXPECT_EQ(get_discovery_json(nullptr, 9) + get_discovery_json(kvs_path("").data(), -1), -2);
+    for (const auto &[change, expected] : changes) {
+        change();
+        EXPECT_THAT(describe(), testing::HasSubstr(expected));
+    }
+    forget_log();
+    store_robot_trained_state(1);
+    EXPECT_EQ(times_logged("setting robot.trained"), 0) << "it is known";
+    for (const auto &[status, lps] :
+         {std::pair("", ",\"lps\":0"), {"7x", ",\"lps\":7"}, {"x", ""}}) {
+        kvs_set("network.last_prov_status", status);
+        const MallocText extended(add_lps_malloc(R"({"ver": "3"})"));
+        EXPECT_EQ(extended ? extended.get() : "",
+                  *lps != '\0' ? R"({"ver":"3")" + std::string(lps) + "}" : "");
+    }
+    EXPECT_EQ(add_lps_malloc("no JSON"), nullptr);
+}
+
+TEST_F(Discovery, StartsWithWhatTheCoreAnswers) {
+    std::vector<Fd> sockets;  // more than one can be bound, as after a restart
+    for (const auto &[answered, cap, complaint] :
+         {std::tuple(R"({"cap": {"maps": 3}})", R"("cap":{"maps":3})", ""),
+          {"x", R"("cap":{})", "json_loads failed"},
+          {R"({"map":3})", R"("cap":{})", "json_object_get failed"}}) {
+        capabilities = answered;
+        sockets.emplace_back(discovery_init());
+        EXPECT_TRUE(sockets.back()) << answered;
+        EXPECT_THAT(describe(), testing::HasSubstr(cap));
+        EXPECT_TRUE(logged(complaint)) << complaint;
+    }
+    tarn_lib *const transport = exchange_network_tarn_handle(nullptr);
+    sockets.clear();
+    const Fd other(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    const sockaddr_in taken = probed();
+    EXPECT_EQ(bind(other.get(), reinterpret_cast<const sockaddr *>(&taken), sizeof taken), 0);
+    EXPECT_EQ(discovery_main(nullptr), nullptr);
+    for (const char *text : {"falied to get cap from corehub", "bind failed with error Address",
+                             "Discovery init failed."})
+        EXPECT_EQ(times_logged(text), 1) << text;
+    exchange_network_tarn_handle(transport);
+}
+
 TEST_F(Discovery, OnlyTheExactProbeIsAnswered) {
+    std::thread(discovery_main, nullptr).detach();
+    std::string description;
+    ASSERT_TRUE(eventually([&] { return !(description = probe(100)).empty(); }));
+    EXPECT_EQ(description, describe());
+    // Answered in turn: who has no answer when a later probe has its own will have none.
+    const Fd stranger(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     for (const std::string &text :
          {std::string(), std::string("halvikmc"), std::string("halvikmcS"),
           std::string("halvikmcs\n"), std::string("\r\nforge\x1b\x7f"), std::string(65507, 'h')})
-        EXPECT_EQ(probe(text, 200), "") << text.size();
-    EXPECT_TRUE(logged("bad discovery packet from 127.0.0.1 - len=65507 rxbuf=hhhhhhhhh"));
-    EXPECT_TRUE(logged("bad discovery packet from 127.0.0.1 - len=9 rxbuf=??forge??"));
-    EXPECT_EQ(
-        probe("halvikmcs"),
-        R"({"ver":"3","hostname":"Plover-0123456789ABCDEF\"456789ABCDEF\"","robotname":"robot",)"
-        R"("robotid":"0123456789ABCDEF\"456789ABCDEF\"","ip":"0.0.0.0",)"
-        R"("mac":"00:00:00:00:00:00","sw":"4.5.3-\"142\"","sku":"R98\"\"","nc":0,)"
-        R"("proto":"mqtt","cap":{},"trained":true})");
-    EXPECT_EQ(kvs_get("robot.name"), "robot");
-}
-
-TEST_F(Discovery, SavedTextsStandInItAsTheyAreStored) {
-    kvs_set("robot.name", R"(Ros\u0069e\n","room":"hall)");
-    kvs_set("robot.trained", R"([false, "half of it", "since yesterday"])");
-    const std::string description = probe("halvikmcs");
-    EXPECT_THAT(description, testing::HasSubstr(R"("robotname":"Ros\u0069e\n","room":"hall",)"));
-    EXPECT_THAT(description,
-                testing::EndsWith(R"("trained":[false, "half of it", "since yesterday"]})"));
-    for (const char *key : {"robot.name", "robot.trained"}) {
-        forget_log();
-        kvs_set(key, R"(a "b")");
-        EXPECT_EQ(probe("halvikmcs", 500), "") << key;
-        EXPECT_TRUE(logged_as("ERROR", "json_loadb failed: ")) << key;
-        kvs_set(key, "7");
+        send(stranger, text);
+    EXPECT_EQ(probe(), description);
+    EXPECT_EQ(reply_to(stranger, 0), "");
+    EXPECT_EQ(times_logged("bad discovery packet from 127.0.0.1 - len=65507 rxbuf=hhhhhhhhh"), 1);
+    EXPECT_EQ(times_logged("bad discovery packet from 127.0.0.1 - len=9 rxbuf=??forge??"), 1);
+    for (const auto &[name, complaint] :
+         {std::pair(std::string("a \"b\""), "json_loadb failed: "),
+          {std::string(1000, 'x'), "discovery packet truncated!!"}}) {
+        kvs_set("robot.name", name);
+        send(stranger, "halvikmcs");
+        EXPECT_TRUE(logged_as("ERROR", complaint));
+        kvs_set("robot.name", "robot");
+        EXPECT_EQ(probe(), description);
+        EXPECT_EQ(reply_to(stranger, 0), "") << complaint;
     }
-    EXPECT_THAT(probe("halvikmcs"), testing::EndsWith(R"("trained":7})"));
-}
-
-TEST_F(Discovery, SurvivesAFlood) {
-    const std::string garbage(65507, 'x');
-    for (int sender = 0; sender < 50; sender++) {
-        const Fd app(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-        for (int i = 0; i < 20; i++)
-            send(app, i % 2 == 0 ? "halvikmcs" : garbage);
-    }
-    forget_log();
-    EXPECT_TRUE(eventually([] { return !probe("halvikmcs", 500).empty(); }));
-    const auto descriptors =
-        std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
-    EXPECT_LT(descriptors, 20);
-}
-
-TEST_F(Discovery, DescriptionFollowsTheCapabilitiesAndItsBound) {
-    store_robot_cap("7");
-    EXPECT_NE(probe("halvikmcs").find(R"("cap":7,)"), std::string::npos);
-    store_robot_cap(R"({"maps":3})");
-    store_robot_cap(nullptr);  // the former stays
-    EXPECT_TRUE(logged_as("ERROR", "robot cap is NULL"));
-    EXPECT_NE(probe("halvikmcs").find(R"("cap":{"maps":3})"), std::string::npos);
-    store_robot_cap((R"({"x":")" + std::string(1000, 'x') + "\"}").c_str());
-    EXPECT_EQ(probe("halvikmcs", 500), "");
-    EXPECT_TRUE(logged("discovery packet truncated!!"));
+    EXPECT_GE(times_logged("disc_advertised is: " + description), 3);
     kvs_set("network.last_prov_status", "3");
-    const MallocText extended(add_lps_malloc(R"({"ver": "3"})"));
-    EXPECT_STREQ(extended.get(), R"({"ver":"3","lps":3})");
+    provisioning_enter_state(WAITING_FOR_WACTIVATE);
+    EXPECT_THAT(probe(), testing::EndsWith(R"("lps":3})"));
 }
 
 }  // namespace
