@@ -1,10 +1,10 @@
 #include "device_network_hop.h"
 
-#include <regex>
-
 #include "clock.h"
 #include "home_device_list.h"
 #include "monitor_main.h"
+#include "mqtt_client.h"
+#include "process_handles.h"
 #include "pthread_utils.h"
 #include "supplicant.h"
 
@@ -84,27 +84,29 @@ class NetworkHop : public Robot {
 };
 
 TEST_F(NetworkHop, TakesTheBestOtherChannelsInTurn) {
-    const char *const kDone = "switch successful";
-    set(scan_, table_of({{2412, -40}, {2437, -60}, {5180, -50}, {2412, -70}, {5500, -90}}));
+    const std::string kDone = "switch successful", kNone = "failed to get bssid to switch to";
+    const struct {
+        std::vector<std::pair<int, int>> access_points;
+        std::vector<const char *> roams;
+        std::string end;
+    } homes[] = {
+        {{{2412, -40}, {2437, -60}, {5180, -50}, {2412, -70}, {5500, -90}},
+         {"5180", "2437", "2412", "5180"},
+         kDone},
+        // 5180 is gone and its slot filled anew; the others keep theirs.
+        {{{5500, -90}, {2437, -40}, {2412, -60}}, {"2437", "2412", "5500", "2437"}, kDone},
+        {{{5180, -70}, {5200, -50}, {5220, -50}, {5240, -60}}, {"5200"}, kDone},
+        {{{5180, -70}, {5200, -50}, {5220, -50}, {5240, -60}}, {"5220"}, "Did not switch bssid"},
+        {{{5200, -60}, {5200, -50}}, {""}, kNone},
+        {{}, {""}, kNone},  // what is not seen any more is no target
+    };
     pthread_create_detached_thread(nullptr, device_network_hop_main, nullptr, "dev_network_hop");
-    for (const char *expected : {"5180", "2437", "2412", "5180"})
-        EXPECT_EQ(hop(kDone), expected);
-    EXPECT_TRUE(
-        logged("sending object {\"wifiScanResults\":[{\"bssid\":\"bb:2412\",\"rssi\":-40,"
-               "\"freq\":2412},{\"bssid\":\"bb:2437\","));
-    // 5180 is gone and its slot filled anew; the others keep theirs.
-    set(scan_, table_of({{5500, -90}, {2437, -40}, {2412, -60}}));
-    for (const char *expected : {"2437", "2412", "5500", "2437"})
-        EXPECT_EQ(hop(kDone), expected);
-    set(scan_, table_of({{5180, -70}, {5200, -50}, {5220, -50}, {5240, -60}}));
-    EXPECT_EQ(hop(kDone), "5200");  // then 5220 before 5240
-    refuses_ = true;
-    EXPECT_EQ(hop("Did not switch bssid"), "5220");
-    EXPECT_TRUE(logged("    did not use 5180 (bb:5180): -70"));
-    set(scan_, table_of({{5200, -60}, {5200, -50}}));
-    EXPECT_EQ(hop("failed to get bssid to switch to"), "");
-    set(scan_, "");  // what is not seen any more is no target
-    EXPECT_EQ(hop("failed to get bssid to switch to"), "");
+    for (const auto &[access_points, roams, end] : homes) {
+        set(scan_, table_of(access_points));
+        refuses_ = end.starts_with("Did not");
+        for (const char *expected : roams)
+            EXPECT_EQ(hop(end), expected);
+    }
     set(status_, "wpa_state=SCANNING\n");
     forget_log();
     for (int i = 0; i < 3; i++)
@@ -113,35 +115,37 @@ TEST_F(NetworkHop, TakesTheBestOtherChannelsInTurn) {
     EXPECT_TRUE(eventually([&] { return times_logged(skipped) == 3; }));  // no request is lost
 }
 
-// What the supplicant is asked and the waits between, in their order.
-TEST_F(NetworkHop, ResultsAreReadWhenTheScanHasEnded) {
+TEST_F(NetworkHop, TellsWhatItSawAndDidInOrder) {
+    exchange_mqtt_app(mqtt_client_init([](auto...) {}));
     supplicant = &supplicant_;
     make_pauses_call(pause_in_scan);
-    channel_info entries[1];
+    tell_stories();
+    const std::string status = "STATUS\nsleep 1\nSTATUS\n";
+    set(scan_, table_of({{2412, -40}}));
     for (const int seconds : {1, 4, 9, 10}) {
-        set(scan_, table_of({{2412, -40}}));
         scan_ends_in = seconds;
         forget_commands();
-        EXPECT_EQ(get_channel_information(entries, 1), 1);
+        update_known_channel_info();
         std::string expected = "SCAN\n";
         for (int waited = 0; waited < std::min(seconds, 9); waited++)
             expected += "sleep 1\n";
-        EXPECT_EQ(story(""), expected + "SCAN_RESULTS\n");
+        EXPECT_EQ(story("src/device_pinger"),
+                  expected +
+                      "SCAN_RESULTS\nrobot/debug {\"wifiScanResults\":[{\"bssid\":"
+                      "\"bb:2412\",\"rssi\":-40,\"freq\":2412}]}\n");
     }
     char *bssid = nullptr;
     int32_t frequency = 7;
-    for (const auto &[status, expected] :
-         {std::pair(status_of("2412"), "STATUS\nsleep 1\nSTATUS\n"),
-          {std::string("wpa_state=SCANNING\n"),
-           "STATUS\nsleep 1\nSTATUS\nsleep 1\nSTATUS\nsleep 1\nSTATUS\nsleep 1\nSTATUS\nsleep "
-           "1\n"}}) {
-        set(status_, status);
-        forget_commands();
-        get_current_bssid(&bssid, &frequency);
-        EXPECT_EQ(story(""), expected);
-    }
+    EXPECT_EQ(get_current_bssid(&bssid, &frequency), 1);
+    EXPECT_EQ(story("src/device_pinger"), status);
     EXPECT_STREQ(MallocText(bssid).get(), "bb:2412");
     EXPECT_EQ(frequency, 2412);
+    set(status_, "wpa_state=SCANNING\n");
+    EXPECT_EQ(get_current_bssid(&bssid, &frequency), 0);
+    EXPECT_EQ(story("src/device_pinger"), status +
+                                              "sleep 1\nSTATUS\nsleep 1\nSTATUS\nsleep 1\n"
+                                              "STATUS\nsleep 1\n"
+                                              "not connected, cannot get bssid\n");
 }
 
 TEST(ScanResults, AreReadWhereTheyAreWhole) {
@@ -174,13 +178,12 @@ TEST(ScanResults, AreReadWhereTheyAreWhole) {
                     entries[i].bssid.get() + ", ";
         EXPECT_EQ(text, expected) << results.substr(0, 200);
     }
+    const device_texts seen = copy_device_list().at(0);
+    EXPECT_EQ(seen.mac.value_or("") + seen.type.value_or(""), "bb:01access-point");
 }
 
 TEST(LinkStatus, UnreadableGivesNoBssid) {
-    const struct {
-        const char *status, *bssid;
-        int frequency;
-    } cases[]{
+    const std::tuple<const char *, const char *, int> cases[]{
         {"", nullptr, 7},
         {"\n", nullptr, 7},
         {"freq=2412\n", nullptr, 7},

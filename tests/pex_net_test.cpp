@@ -6,6 +6,7 @@
 #include <linux/rtnetlink.h>
 #include <linux/wireless.h>
 #include <sys/ioctl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 
@@ -73,50 +74,54 @@ TEST_F(PexNet, AddressesOfAnInterface) {
 
 TEST_F(PexNet, DefaultGatewayOfTheMainTable) {
     const std::string many =
-        "for i in $(seq 200); do echo route add 10.1.$i.0/24 via 192.168.7.2; done | ip -b -";
-    const std::pair<std::string, const char *> cases[] = {
-        {"true", "0.0.0.0"},
-        {"ip route add 10.9.8.0/24 via 192.168.7.2; ip route add default via 192.168.7.1",
-         "192.168.7.1"},
-        {"ip route add 172.16.0.0/12 via 192.168.7.2", "0.0.0.0"},
-        {"ip route add 10.0.0.0/8 via 192.168.7.3", "192.168.7.3"},  // its text ends in 0.0.0.0
-        {"ip route add default dev wlan0", "0.0.0.0"},
-        {"ip route add default via 192.168.7.1; ip route add 10.7.0.0/16 dev wlan0 table 7",
-         "0.0.0.0"},  // the other table comes first and ends the search
-        {many, "0.0.0.0"},
-        {many + "; ip route add default via 192.168.7.1", "192.168.7.1"},
-    };
-    for (const auto &[routes, gateway] : cases) {
+        "for i in $(seq 99); do echo route add 10.1.$i.0/24 via 192.168.7.2; done | ip -b -; ";
+    const std::string by = "ip route add default via 192.168.7.1; ";
+    for (const auto &[routes, gateway] :
+         {std::pair(std::string("true"), "0.0.0.0"),
+          {"ip route add 10.9.8.0/24 via 192.168.7.2; " + by, "192.168.7.1"},
+          {"ip route add 172.16.0.0/12 via 192.168.7.2", "0.0.0.0"},
+          {"ip route add 10.0.0.0/8 via 192.168.7.3", "192.168.7.3"},  // its text ends in 0.0.0.0
+          {"ip route add default dev wlan0", "0.0.0.0"},
+          // The other table comes first and ends the search.
+          {by + "ip route add 10.7.0.0/16 dev wlan0 table 7", "0.0.0.0"},
+          {many, "0.0.0.0"},
+          {many + by, "192.168.7.1"}}) {
         run("ip link add wlan0 type veth peer name gw0; ip link set gw0 up; ip link set wlan0 up; "
             "ip addr add 192.168.7.20/24 dev wlan0; " +
             routes);
-        EXPECT_EQ(dotted(pex_net_get_gatewayip(nullptr, 0)), gateway) << routes;
+        char text[INET_ADDRSTRLEN] = "0.0.0.0";
+        EXPECT_EQ(dotted(pex_net_get_gatewayip(text, sizeof text)), gateway) << routes;
+        EXPECT_STREQ(text, gateway);
         run("ip link del wlan0; ip route flush table 7 2>/dev/null; true");
     }
     EXPECT_TRUE(logged_as("ERROR", "route does not belong to main routing table"));
 }
 
 TEST_F(PexNet, NameServersOfTheResolver) {
-    const auto servers_of = [](const char *file) {
-        write_file("/etc/resolv.conf", file);
-        uint32_t servers[3] = {0, 0, 7};
-        const int result = pex_net_get_nameservers(servers, 2);
-        EXPECT_EQ(servers[2], 7U) << file;
-        return std::to_string(result) + " " + dotted(servers[0]) + " " + dotted(servers[1]);
+    const std::string first = "nameserver 1.1.1.1\n", two = "0 1.1.1.1 2.2.2.2";
+    const std::pair<std::string, std::string> files[] = {
+        {first + "nameserver 2.2.2.2\nnameserver 3.3.3.3\n", two},
+        {first + "nameserver 2.2.2.2\nnameserver x", two},  // beyond what was asked for
+        {"domain a\n\nnameserver   1.1.1.1 # ours\nnameserver 2.2.2.2", two},
+        {"nameserver 1.1.1.1\r\nnameserver\t2.2.2.2\n", "-1 1.1.1.1 0.0.0.0"},
+        {first + "nameserver fe80::1\n", "-1 1.1.1.1 0.0.0.0"},
+        {first + "nameserver \n", "-1 1.1.1.1 0.0.0.0"},
+        {"# a nameserver\n" + first, "-1 0.0.0.0 0.0.0.0"},
+        {"", "0 0.0.0.0 0.0.0.0"},
     };
-    for (const char *file : {"nameserver 1.1.1.1\nnameserver 2.2.2.2\nnameserver 3.3.3.3\n",
-                             "domain a\n\nnameserver   1.1.1.1 # ours\nnameserver 2.2.2.2"})
-        EXPECT_EQ(servers_of(file), "0 1.1.1.1 2.2.2.2") << file;
-    for (const char *bad : {"nameserver\t2.2.2.2\n", "nameserver fe80::1\n", "nameserver \n"})
-        EXPECT_EQ(servers_of((std::string("nameserver 1.1.1.1\r\n") + bad).c_str()),
-                  "-1 1.1.1.1 0.0.0.0")
-            << bad;
-    EXPECT_EQ(servers_of("# a nameserver\nnameserver 1.1.1.1\n"), "-1 0.0.0.0 0.0.0.0");
-    EXPECT_EQ(servers_of(""), "0 0.0.0.0 0.0.0.0");
-    uint32_t server = 0;
-    EXPECT_EQ(pex_net_get_nameservers(nullptr, 1) + pex_net_get_nameservers(&server, 0), -2);
+    uint32_t servers[3];
+    for (const auto &[file, expected] : files) {
+        write_file("/etc/resolv.conf", file);
+        std::ranges::copy(std::array{0, 0, 7}, servers);
+        const int result = pex_net_get_nameservers(servers, 2);
+        EXPECT_EQ(std::to_string(result) + " " + dotted(servers[0]) + " " + dotted(servers[1]),
+                  expected)
+            << file;
+        EXPECT_EQ(servers[2], 7U) << file;
+    }
+    EXPECT_EQ(pex_net_get_nameservers(nullptr, 1) + pex_net_get_nameservers(servers, 0), -2);
     unlink("/etc/resolv.conf");
-    EXPECT_EQ(pex_net_get_nameservers(&server, 1), -1);
+    EXPECT_EQ(pex_net_get_nameservers(servers, 1), -1);
 }
 
 TEST_F(PexNet, ReplyIsReadToItsEndAndNoFurther) {
@@ -124,30 +129,29 @@ TEST_F(PexNet, ReplyIsReadToItsEndAndNoFurther) {
     const std::string done = message(NLMSG_DONE, kMore, 20);
     const std::string route = message(RTM_NEWROUTE, kMore, 60);
     const std::string long_route = message(RTM_NEWROUTE, kMore, 1500);
-    const struct {
-        std::vector<std::string> datagrams;
-        int result;
-    } cases[] = {
+    const std::pair<std::vector<std::string>, int> replies[] = {
         {{route, route, done}, 120},
         {{route + route + done}, 140},  // done later in the same datagram
         {{done}, 0},
+        {{message(RTM_NEWROUTE, 0, 60), route}, 60},
         {{route, "", route}, 60},
         {{long_route, message(RTM_NEWROUTE, kMore, 540), route}, -1},  // no room is left
         {{long_route, message(RTM_NEWROUTE, kMore, 500) + route}, 2048},
         {{route, message(NLMSG_ERROR, 0, 36)}, -1},
         {{route, std::string(15, '\0')}, -1},
+        {{message(RTM_NEWROUTE, 0, 16)}, 16},
         {{message(RTM_NEWROUTE, kMore, 60, 15)}, -1},
         {{message(RTM_NEWROUTE, kMore, 60, 61)}, -1},
     };
-    for (const auto &row : cases) {
+    for (const auto &[datagrams, result] : replies) {
         int ends[2];
         ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends), 0);
         const Fd ours(ends[0]), kernel(ends[1]);
-        for (const auto &datagram : row.datagrams)
+        for (const auto &datagram : datagrams)
             send(kernel.get(), datagram.data(), datagram.size(), 0);
         alignas(nlmsghdr) char buffer[2049];
         buffer[2048] = '#';
-        EXPECT_EQ(pex_net_read_nl_sock(ours.get(), buffer, 1, 7), row.result) << &row - cases;
+        EXPECT_EQ(pex_net_read_nl_sock(ours.get(), buffer, 1, 7), result);
         EXPECT_EQ(buffer[2048], '#');
     }
     EXPECT_TRUE(logged_as("ERROR", "Error length mismatch read_len 60, len 61, min_len 16 "));
@@ -164,26 +168,23 @@ TEST_F(PexNet, RouteIsParsedToItsLastWholeAttribute) {
                              attribute(RTA_PREFSRC, address) + other +
                              attribute(RTA_GATEWAY, address) + attribute(RTA_OIF, {"\1\0\0\0", 4});
     // What one changed byte leaves of the route: lengths, types, family and table.
-    const std::tuple<size_t, char, const char *> changes[] = {
-        {0, 76, "10.0.0.1 10.0.0.1 10.0.0.1 lo"},
-        {0, 75, "10.0.0.1 10.0.0.1 10.0.0.1 "},
-        {36, 7, "10.0.0.1 0.0.0.0 10.0.0.1 lo"},
-        {36, 3, "10.0.0.1 0.0.0.0 0.0.0.0 "},
-        {60, 17, "10.0.0.1 10.0.0.1 0.0.0.0 "},
-        {0, 28, "0.0.0.0 0.0.0.0 0.0.0.0 "},
-        {0, 27, ""},
-        {16, AF_INET6, ""},
-        {20, 7, ""}};
-    for (const auto &[place, byte, route] : changes) {
+    for (const auto &[place, byte, expected] : {std::tuple(0u, 76, "10.0.0.1 10.0.0.1 10.0.0.1 lo"),
+                                                {0u, 75, "10.0.0.1 10.0.0.1 10.0.0.1 "},
+                                                {36u, 7, "10.0.0.1 0.0.0.0 10.0.0.1 lo"},
+                                                {36u, 3, "10.0.0.1 0.0.0.0 0.0.0.0 "},
+                                                {60u, 17, "10.0.0.1 10.0.0.1 0.0.0.0 "},
+                                                {0u, 28, "0.0.0.0 0.0.0.0 0.0.0.0 "},
+                                                {0u, 27, ""},
+                                                {16u, AF_INET6, ""},
+                                                {20u, 7, ""}}) {
         alignas(nlmsghdr) std::array<char, 76> bytes{};
         good.copy(bytes.data(), bytes.size());
-        bytes[place] = byte;
+        bytes[place] = static_cast<char>(byte);
         pex_net_route read{};
-        const auto *const header = reinterpret_cast<const nlmsghdr *>(bytes.data());
-        const bool is_route = pex_net_parse_routes(header, &read) == 0;
+        const int result = pex_net_parse_routes(reinterpret_cast<nlmsghdr *>(bytes.data()), &read);
         const std::string text = dotted(read.dst.s_addr) + " " + dotted(read.src.s_addr) + " " +
                                  dotted(read.gateway.s_addr) + " " + read.ifname;
-        EXPECT_EQ(is_route ? text : "", route) << place;
+        EXPECT_EQ(result == 0 ? text : "", expected) << place;
     }
 }
 
@@ -198,7 +199,6 @@ TEST_F(PexNet, SignalComesFromTheToolOnceStatisticsFail) {
     fake("iw", "echo Connected to 02:00:00:00:00:01; echo '\tsignal: -52 dBm'");
     statistics_errno = EOPNOTSUPP;
     EXPECT_EQ(levels(1), "-128 -38 -90");
-    EXPECT_TRUE(logged_as("DBG", "ioctl() is currently unsupported. Using iw command instead"));
     statistics_errno = 0;  // for good
     fake("cat", "echo ' wlan0: 0000   60.  -50.  -95.  0 0 0 0 0 0'");
     EXPECT_EQ(levels(1), "-52 43 -95");
@@ -206,23 +206,35 @@ TEST_F(PexNet, SignalComesFromTheToolOnceStatisticsFail) {
     EXPECT_EQ(levels(1), "-128 -33 -95");
     int8_t level = 0;
     statistics_errno = EINVAL;
-    EXPECT_EQ(pex_net_get_signal_levels_from_ioctl(&level), -1);
+    EXPECT_EQ(pex_net_get_signal_levels_from_ioctl(&level) +
+                  pex_net_get_signal_levels_from_ioctl(nullptr),
+              -2);
     EXPECT_EQ(level, -128);
+    EXPECT_TRUE(logged_as("DBG", "ioctl() is currently unsupported. Using iw command instead"));
     EXPECT_TRUE(logged_as("ERROR", "ioctl() failed with errno 0 - Success"));
-    EXPECT_EQ(pex_net_get_signal_levels_from_ioctl(nullptr), -1);
+}
+
+TEST_F(PexNet, QueriesFailWithoutDescriptors) {
+    const rlimit none{3, 3};
+    int8_t level = 0;
+    setrlimit(RLIMIT_NOFILE, &none);
+    EXPECT_EQ(pex_net_get_signal_levels_from_ioctl(&level), -1);
+    EXPECT_EQ(pex_net_get_gatewayip(nullptr, 0), 0U);
+    EXPECT_EQ(pex_net_get_noise(&level) + pex_net_get_bss_noise(&level), -2);
 }
 
 TEST_F(PexNet, NoiseOfTheAccessPoint) {
-    const auto noise_of = [](const std::string &bssid, const std::string &bss) {
-        fake("wpa_cli", "case \"$*\" in 'status wlan0') echo ssid=a; echo bssid=" + bssid +
-                            ";; 'bss 02:00:00:00:00:0f') echo " + bss + ";; esac");
+    for (const auto &[bssid, bss, expected] :
+         {std::tuple("02:00:00:00:00:0f", "level=-40; echo noise=-89", "0 -89"),
+          {"02:00:00:00:00:0f", "level=-40", "-1 -90"},
+          {"'0;reboot'", "noise=-89", "-1 -90"},
+          {"", "noise=-89", "-1 -90"}}) {
+        fake("wpa_cli", std::string("case \"$*\" in 'status wlan0') echo ssid=a; echo bssid=") +
+                            bssid + ";; 'bss 02:00:00:00:00:0f') echo " + bss + ";; esac");
         int8_t noise = 0;
         const int result = pex_net_get_bss_noise(&noise);
-        return std::to_string(result) + " " + std::to_string(noise);
-    };
-    EXPECT_EQ(noise_of("02:00:00:00:00:0f", "level=-40; echo noise=-89"), "0 -89");
-    EXPECT_EQ(noise_of("02:00:00:00:00:0f", "level=-40"), "-1 -90");
-    EXPECT_EQ(noise_of("'0;reboot'", "noise=-89") + noise_of("", "noise=-89"), "-1 -90-1 -90");
+        EXPECT_EQ(std::to_string(result) + " " + std::to_string(noise), expected) << bssid << bss;
+    }
     EXPECT_TRUE(logged("Failed to capture noise from wpa_cli bss 02:00:00:00:00:0f | grep noise"));
     EXPECT_EQ(times_logged("Failed to capture bssid from wpa_cli status wlan0 | grep bssid"), 2);
     EXPECT_EQ(pex_net_get_bss_noise(nullptr), -1);
