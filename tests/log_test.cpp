@@ -46,34 +46,29 @@ class Log : public testing::Test {
 
 // Both paths name level, source and errno, each with its own punctuation.
 TEST_F(Log, LevelsHaveNamesAndPrioritiesOnBothPaths) {
-    const struct {
-        int truncate;
-        uint32_t level;
-        int error;
-        std::string line;
-    } rows[] = {
-        {1, 0, ENOENT, "<31>robot: [VERBOSE] (src/x:12) hello"},
-        {1, 1, ENOENT, "<31>robot: [DBG] (src/x:12) hello"},
-        {1, 2, ENOENT, "<29>robot: [INFO] (src/x:12) hello"},
-        {1, 3, ENOENT, "<28>robot: [WARN] (src/x:12 errno:No such file or directory) hello"},
-        {1, 4, 0, "<27>robot: [ERROR] (src/x:12) hello"},
-        {1, 5, ENOENT, "<26>robot: [<BAD LOG LEVEL>] (src/x:12) hello"},
-        {0, 0, ENOENT, "<31>robot: [VERBOSE] (src/x:12-) hello"},
-        {0, 1, ENOENT, "<31>robot: [DBG] (src/x:12-) hello"},
-        {0, 2, ENOENT, "<29>robot: [INFO] (src/x:12-) hello"},
-        {0, 3, 0, "<28>robot: [WARN] (src/x:12 errno-None) hello"},
-        {0, 4, ENOENT, "<27>robot: [ERROR] (src/x:12 errno-No such file or directory) hello"},
-        {0, 5, ENOENT, "<26>robot: hello"},
+    constexpr int kCut = 1, kWhole = 0;  // truncation
+    const std::tuple<int, uint32_t, int, std::string> rows[] = {
+        {kCut, 0, ENOENT, "<31>robot: [VERBOSE] (src/x:12) hello"},
+        {kCut, 1, ENOENT, "<31>robot: [DBG] (src/x:12) hello"},
+        {kCut, 2, ENOENT, "<29>robot: [INFO] (src/x:12) hello"},
+        {kCut, 3, ENOENT, "<28>robot: [WARN] (src/x:12 errno:No such file or directory) hello"},
+        {kCut, 4, 0, "<27>robot: [ERROR] (src/x:12) hello"},
+        {kCut, 5, ENOENT, "<26>robot: [<BAD LOG LEVEL>] (src/x:12) hello"},
+        {kWhole, 0, ENOENT, "<31>robot: [VERBOSE] (src/x:12-) hello"},
+        {kWhole, 1, ENOENT, "<31>robot: [DBG] (src/x:12-) hello"},
+        {kWhole, 2, ENOENT, "<29>robot: [INFO] (src/x:12-) hello"},
+        {kWhole, 3, 0, "<28>robot: [WARN] (src/x:12 errno-None) hello"},
+        {kWhole, 4, ENOENT, "<27>robot: [ERROR] (src/x:12 errno-No such file or directory) hello"},
+        {kWhole, 5, ENOENT, "<26>robot: hello"},
     };
     log_handle *const log = log_open_default("robot");
     EXPECT_EQ(sent(log, 1, 0, "%s"), "");
-    for (const auto &row : rows) {
-        EXPECT_EQ(log_configure_trunc(log, row.truncate) + log_set_level(log, row.level), 0);
-        EXPECT_EQ(sent(log, row.level, row.error, "%s"), row.line);
-        EXPECT_EQ(row.level > 0 ? sent(log, row.level - 1, 0, "%s") : "", "") << row.line;
-        EXPECT_EQ(row.truncate == 0 ? sent(nullptr, row.level, row.error, "%s") : row.line,
-                  row.line)
-            << "nobody's log has no level";
+    for (const auto &[truncate, level, error, line] : rows) {
+        EXPECT_EQ(log_configure_trunc(log, truncate) + log_set_level(log, level), 0);
+        EXPECT_EQ(sent(log, level, error, "%s"), line);
+        EXPECT_EQ(level > 0 ? sent(log, level - 1, 0, "%s") : "", "") << line;
+        log_handle *const nobodys = truncate == kWhole ? nullptr : log;  // has no level
+        EXPECT_EQ(sent(nobodys, level, error, "%s"), line);
     }
     uint32_t level = 0;
     for (const char *word : {"verbose", "dbg", "info", "warn", "err"}) {
@@ -81,9 +76,8 @@ TEST_F(Log, LevelsHaveNamesAndPrioritiesOnBothPaths) {
         EXPECT_EQ(level > 0 ? sent(log, level - 1, 0, "%s") : "", "") << word;
         EXPECT_NE(sent(log, level++, 0, "%s"), "") << word;
     }
-    for (const char *word : {"error", "debug", "DBG", "Info", "", "verbos", "verbosee"})
-        EXPECT_EQ(log_is_valid_level_str(word) + log_set_level_using_str(log, word), -1) << word;
-    EXPECT_EQ(log_is_valid_level_str(nullptr) + log_set_level_using_str(log, nullptr), -1);
+    for (const char *word : {"error", "DBG", "", "verbos", static_cast<const char *>(nullptr)})
+        EXPECT_EQ(log_is_valid_level_str(word) + log_set_level_using_str(log, word), -1);
     EXPECT_EQ(sent(log, LOG_LEVEL_WARN, 0, "%s"), "") << "the level did not stay";
     log_close(log);
 }
@@ -133,29 +127,21 @@ TEST_F(Log, WritesWhereItWasToldOrRefuses) {
 
 // A thread that kept the handle over log_close must not touch freed memory.
 TEST_F(Log, ClosingUnderThreadsThatLogIsSafe) {
+    const auto open = [] { return log_open("robot", 2, "/dev/null", 0, 0, 0, 1, 1); };
     syslog_.reset();
-    std::vector<log_handle *> others(40);  // the list of open ones is as long as it needs to be
-    for (auto &other : others)
-        other = log_open("robot", 2, "/dev/null", 0, 0, 0, 1, 1);
-    log_handle *log = log_open("robot", 2, "/dev/null", 0, 0, 0, 1, 1);
+    log_handle *const other = open(), *const log = open();
     std::atomic<int> calls{0};
-    std::vector<std::jthread> threads;
-    for (int i = 0; i < 4; i++)
-        threads.emplace_back([&](const std::stop_token &stop) {
-            for (; !stop.stop_requested(); calls++) {
-                log_format(log, LOG_LEVEL_ERROR, "s", 1, "busy");
-                log_configure_trunc(log, 0);
-                log_set_level_using_str(log, "err");
-            }
-        });
+    const auto use = [&](const std::stop_token &stop) {
+        for (; !stop.stop_requested(); calls++)
+            log_format(log, LOG_LEVEL_ERROR, "s", log_configure_trunc(log, 0), "busy");
+    };
+    const std::jthread threads[] = {std::jthread(use), std::jthread(use)};
     EXPECT_TRUE(Robot::eventually([&] { return calls > 100; }));
     log_close(log);
     EXPECT_EQ(log_configure_trunc(log, 1) + log_set_level(log, LOG_LEVEL_INFO), -2);
     EXPECT_EQ(log_set_level_using_str(log, "info"), -1);
-    for (log_handle *other : others) {
-        EXPECT_EQ(log_set_level(other, 2), 0);
-        log_close(other);
-    }
+    EXPECT_EQ(log_set_level(other, 2), 0);
+    log_close(other);
 }
 
 }  // namespace

@@ -4,7 +4,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
-#include <sstream>
+#include <regex>
 
 #include "robot.h"
 
@@ -67,14 +67,10 @@ TEST_F(LogCapture, PrintsEachJsonMemberOnOneLine) {
                                  0, nullptr));
     print_json_kv_pairs(object.get(), "TITLE");
     print_json_kv_pairs(nullptr, nullptr);
-    std::istringstream lines(log_text());
-    std::string printed;
-    for (std::string line; std::getline(lines, line);)
-        printed += line.substr(0, 6) + line.substr(line.find(") ") + 1) + "|";
-    EXPECT_EQ(printed,
-              "[INFO] ### TITLE START ###|[INFO] b? : -1|[INFO] t : true|[INFO] u : false|"
-              "[INFO] c : d?e\u00e4|[INFO] f : [\"\\n\"]|[INFO] ### TITLE END ###|"
-              "[INFO] ### START ###|[INFO] ### END ###|");
+    EXPECT_EQ(std::regex_replace(log_text(), std::regex(R"(\(src/pex_log_utils:\d+-\) )"), ""),
+              "[INFO] ### TITLE START ###\n[INFO] b? : -1\n[INFO] t : true\n[INFO] u : false\n"
+              "[INFO] c : d?e\u00e4\n[INFO] f : [\"\\n\"]\n[INFO] ### TITLE END ###\n"
+              "[INFO] ### START ###\n[INFO] ### END ###\n");
 }
 
 TEST_F(LogCapture, TheNameIsToldWhenThereIsOneToTell) {
@@ -82,7 +78,6 @@ TEST_F(LogCapture, TheNameIsToldWhenThereIsOneToTell) {
     EXPECT_EQ(capture(fits.c_str()), "/tmp/syslog-" + fits + ".gz.base64");
     EXPECT_EQ(read_file("/tmp/syslog-" + fits + ".gz.base64"), "<none>");
     EXPECT_EQ(capture((fits + "x").c_str()), "<null>");
-    EXPECT_TRUE(logged("snprintf failed: ret: 256"));
     have_script("echo log");
     for (const auto &[code, path] : {std::pair("10", kPath), {"9", "<null>"}, {"11", "<null>"}}) {
         fake("base64", std::string("exit ") + code);
