@@ -84,35 +84,31 @@ class NetworkHop : public Robot {
 };
 
 TEST_F(NetworkHop, TakesTheBestOtherChannelsInTurn) {
-    const std::string kDone = "switch successful", kNone = "failed to get bssid to switch to";
-    const struct {
-        std::vector<std::pair<int, int>> access_points;
-        std::vector<const char *> roams;
-        std::string end;
-    } homes[] = {
-        {{{2412, -40}, {2437, -60}, {5180, -50}, {2412, -70}, {5500, -90}},
-         {"5180", "2437", "2412", "5180"},
-         kDone},
-        // 5180 is gone and its slot filled anew; the others keep theirs.
-        {{{5500, -90}, {2437, -40}, {2412, -60}}, {"2437", "2412", "5500", "2437"}, kDone},
-        {{{5180, -70}, {5200, -50}, {5220, -50}, {5240, -60}}, {"5200"}, kDone},
-        {{{5180, -70}, {5200, -50}, {5220, -50}, {5240, -60}}, {"5220"}, "Did not switch bssid"},
-        {{{5200, -60}, {5200, -50}}, {""}, kNone},
-        {{}, {""}, kNone},  // what is not seen any more is no target
-    };
-    pthread_create_detached_thread(nullptr, device_network_hop_main, nullptr, "dev_network_hop");
-    for (const auto &[access_points, roams, end] : homes) {
-        set(scan_, table_of(access_points));
-        refuses_ = end.starts_with("Did not");
-        for (const char *expected : roams)
+    using Seen = std::vector<std::pair<int, int>>;
+    const auto hops = [&](const Seen &seen, const Texts &roams, const std::string &end) {
+        set(scan_, table_of(seen));
+        for (const std::string &expected : roams)
             EXPECT_EQ(hop(end), expected);
-    }
+    };
+    const char *const kDone = "switch successful", *const kNone =
+                                                       "failed to get bssid to switch to";
+    const char *const kSkipped = "could not get current bssid, skipping bssid switch";
+    const Seen four{{5180, -70}, {5200, -50}, {5220, -50}, {5240, -60}};
+    pthread_create_detached_thread(nullptr, device_network_hop_main, nullptr, "dev_network_hop");
+    hops({{2412, -40}, {2437, -60}, {5180, -50}, {2412, -70}, {5500, -90}},
+         {"5180", "2437", "2412", "5180"}, kDone);
+    // 5180 is gone and its slot filled anew; the others keep theirs.
+    hops({{5500, -90}, {2437, -40}, {2412, -60}}, {"2437", "2412", "5500", "2437"}, kDone);
+    hops(four, {"5200"}, kDone);
+    refuses_ = true;
+    hops(four, {"5220"}, "Did not switch bssid");
+    hops({{5200, -60}, {5200, -50}}, {""}, kNone);
+    hops({}, {""}, kNone);  // what is not seen any more is no target
     set(status_, "wpa_state=SCANNING\n");
     forget_log();
     for (int i = 0; i < 3; i++)
         device_network_hop_request();
-    const char *const skipped = "could not get current bssid, skipping bssid switch";
-    EXPECT_TRUE(eventually([&] { return times_logged(skipped) == 3; }));  // no request is lost
+    EXPECT_TRUE(eventually([&] { return times_logged(kSkipped) == 3; }));  // no request is lost
 }
 
 TEST_F(NetworkHop, TellsWhatItSawAndDidInOrder) {
@@ -120,32 +116,30 @@ TEST_F(NetworkHop, TellsWhatItSawAndDidInOrder) {
     supplicant = &supplicant_;
     make_pauses_call(pause_in_scan);
     tell_stories();
-    const std::string status = "STATUS\nsleep 1\nSTATUS\n";
     set(scan_, table_of({{2412, -40}}));
-    for (const int seconds : {1, 4, 9, 10}) {
+    for (const auto &[seconds, waits] :
+         {std::pair(1, "sleep 1\n"),
+          {2, "sleep 1\nsleep 1\n"},
+          {10,
+           "sleep 1\nsleep 1\nsleep 1\nsleep 1\nsleep 1\nsleep 1\nsleep 1\nsleep 1\nsleep 1\n"}}) {
         scan_ends_in = seconds;
         forget_commands();
         update_known_channel_info();
-        std::string expected = "SCAN\n";
-        for (int waited = 0; waited < std::min(seconds, 9); waited++)
-            expected += "sleep 1\n";
         EXPECT_EQ(story("src/device_pinger"),
-                  expected +
-                      "SCAN_RESULTS\nrobot/debug {\"wifiScanResults\":[{\"bssid\":"
-                      "\"bb:2412\",\"rssi\":-40,\"freq\":2412}]}\n");
+                  "SCAN\n" + std::string(waits) +
+                      "SCAN_RESULTS\nrobot/debug {\"wifiScanResults\":[{\"bssid\":\"bb:2412\","
+                      "\"rssi\":-40,\"freq\":2412}]}\n");
     }
     char *bssid = nullptr;
     int32_t frequency = 7;
     EXPECT_EQ(get_current_bssid(&bssid, &frequency), 1);
-    EXPECT_EQ(story("src/device_pinger"), status);
-    EXPECT_STREQ(MallocText(bssid).get(), "bb:2412");
-    EXPECT_EQ(frequency, 2412);
+    EXPECT_EQ(story("src/device_pinger"), "STATUS\nsleep 1\nSTATUS\n");
+    EXPECT_EQ(MallocText(bssid).get() + std::to_string(frequency), "bb:24122412");
     set(status_, "wpa_state=SCANNING\n");
     EXPECT_EQ(get_current_bssid(&bssid, &frequency), 0);
-    EXPECT_EQ(story("src/device_pinger"), status +
-                                              "sleep 1\nSTATUS\nsleep 1\nSTATUS\nsleep 1\n"
-                                              "STATUS\nsleep 1\n"
-                                              "not connected, cannot get bssid\n");
+    EXPECT_EQ(story("src/device_pinger"),
+              "STATUS\nsleep 1\nSTATUS\nsleep 1\nSTATUS\nsleep 1\nSTATUS\nsleep 1\nSTATUS\n"
+              "sleep 1\nnot connected, cannot get bssid\n");
 }
 
 TEST(ScanResults, AreReadWhereTheyAreWhole) {
@@ -184,14 +178,9 @@ TEST(ScanResults, AreReadWhereTheyAreWhole) {
 
 TEST(LinkStatus, UnreadableGivesNoBssid) {
     const std::tuple<const char *, const char *, int> cases[]{
-        {"", nullptr, 7},
-        {"\n", nullptr, 7},
-        {"freq=2412\n", nullptr, 7},
-        {"freq=2412\nbssid=bb", nullptr, 7},
-        {"bssid=bb\n", nullptr, 7},
-        {"bssid=bb\nfreq=x", nullptr, 7},
-        {"bssid=\nfreq=0", "", 0},
-        {"freq=-5x\nbssid=b b\nbssid=cc\n", "b b", -5},
+        {"", nullptr, 7},           {"freq=2412\nbssid=bb", nullptr, 7},
+        {"bssid=bb\n", nullptr, 7}, {"bssid=bb\nfreq=x", nullptr, 7},
+        {"bssid=\nfreq=0", "", 0},  {"freq=-5x\nbssid=b b\nbssid=cc\n", "b b", -5},
     };
     for (const auto &[status, bssid, frequency] : cases) {
         channel_info link;

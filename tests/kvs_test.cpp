@@ -35,15 +35,14 @@ class Kvs : public Robot {
 };
 
 TEST_F(Kvs, ValuesReadWithoutTheirLineEnds) {
-    const std::pair<std::string, std::string> values[] = {
-        {"hello\r\n\n", "hello"},
-        {"a\nb\n", "a\nb"},
-        {"\r\n", ""},
-        {{"a\0b\n", 4}, "a"},
-        {"", "<null>"},
-        {std::string(99999, 'x'), std::string(99999, 'x')},
-    };
-    for (const auto &[stored, expected] : values) {
+    const std::string large(99999, 'x');
+    for (const auto &[stored, expected] :
+         {std::pair<std::string, std::string>("hello\r\n\n", "hello"),
+          {"a\nb\n", "a\nb"},
+          {"\r\n", ""},
+          {std::string("a\0b\n", 4), "a"},
+          {"", "<null>"},
+          {large, large}}) {
         kvs_set(kKey, stored);
         EXPECT_EQ(value(), expected);
         EXPECT_EQ(pex_kvs_get_key_data_size(kKey), stored.size());
@@ -51,26 +50,23 @@ TEST_F(Kvs, ValuesReadWithoutTheirLineEnds) {
     // Keys are the callers' business: one may lead out of the store.
     EXPECT_EQ(pex_kvs_set_key_str("../beside", "x"), 0);
     EXPECT_EQ(read_file(std::string(kStore) + "/../beside"), "x");
-    for (const char *bad : {"", ".", "below/key"})
-        EXPECT_EQ(pex_kvs_set_key_str(bad, "x") + pex_kvs_key_exists(bad), -2) << bad;
+    EXPECT_EQ(pex_kvs_set_key_str("below/key", "x") + pex_kvs_key_exists("."), -2);
 }
 
 TEST_F(Kvs, BufferBoundsAreKept) {
-    kvs_set(kKey, "hello");
-    for (size_t given : {0, 5, 6, 7}) {
+    const auto read = [](size_t length) {
         char buffer[] = "########";
-        size_t length = given;
-        EXPECT_EQ(pex_kvs_get_key(kKey, buffer, &length), given > 5 ? 0 : -1) << given;
-        EXPECT_EQ(length, 6U) << given;  // the buffer that is needed
-        EXPECT_EQ(std::string(buffer, 8), given > 5 ? std::string("hello\0##", 8) : "########");
-    }
+        const int result = pex_kvs_get_key(kKey, buffer, &length);
+        return std::to_string(result) + " " + std::to_string(length) + std::string(buffer, 8);
+    };
+    kvs_set(kKey, "hello");
+    for (const size_t given : {0, 5})
+        EXPECT_EQ(read(given), "-1 6########") << "the buffer that is needed";
+    EXPECT_EQ(read(6), std::string("0 6hello\0##", 11));
     // A file that grows after the look at its size, as one of the kernel's plays it.
     kvs_set(kKey, "");
     ASSERT_EQ(mount("/proc/version", path_.c_str(), nullptr, MS_BIND, nullptr), 0);
-    char buffer[] = "########";
-    size_t length = 4;
-    EXPECT_EQ(pex_kvs_get_key_str(kKey, buffer, &length), 0);
-    EXPECT_EQ(std::string(buffer, 8), std::string("Lin\0####", 8));
+    EXPECT_EQ(read(4), std::string("0 4Lin\0####", 11));
 }
 
 // Other processes write into the store's directory: what is no regular file there leads nobody to
@@ -135,17 +131,17 @@ TEST_F(Kvs, SecretsAreNotLogged) {
 
 TEST_F(Kvs, KeysAreWipedOrReset) {
     const auto left = [] {
-        return kvs_get("product.sku") + kvs_get("product") + kvs_get(".hidden");
+        return kvs_get("network.ssid") + kvs_get("product.sku") + kvs_get("product") +
+               kvs_get(".hidden");
     };
     const auto four = [](const char *) { return 4; };
     for (const char *key : {"product.sku", "network.ssid", "product", ".hidden"})
         kvs_set(key, "x");
     EXPECT_EQ(pex_kvs_factory_reset(), 0);
-    EXPECT_TRUE(logged_as("INFO", "KVS key network.ssid is deleted."));
-    EXPECT_EQ(left(), "x<none>x");
+    EXPECT_EQ(left(), "<none>x<none>x");
     EXPECT_EQ(pex_kvs_foreach_key(four), 4);
     EXPECT_EQ(pex_kvs_wipe_all_keys(), -1) << "always";
-    EXPECT_EQ(left(), "<none><none>x");
+    EXPECT_EQ(left(), "<none><none><none>x");
     EXPECT_EQ(pex_kvs_foreach_key(four) + pex_kvs_foreach_key(nullptr), -1);
     ASSERT_EQ(rename(kStore, "/opt/gone"), 0);
     EXPECT_EQ(pex_kvs_factory_reset() + pex_kvs_del_key(kKey), -2);
