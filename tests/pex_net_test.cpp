@@ -224,15 +224,17 @@ TEST_F(PexNet, QueriesFailWithoutDescriptors) {
 }
 
 TEST_F(PexNet, NoiseOfTheAccessPoint) {
-    for (const auto &[bssid, bss, expected] :
-         {std::tuple("02:00:00:00:00:0f", "level=-40; echo noise=-89", "0 -89"),
-          {"02:00:00:00:00:0f", "level=-40", "-1 -90"},
-          {"'0;reboot'", "noise=-89", "-1 -90"}}) {
-        fake("wpa_cli", std::string("case \"$*\" in 'status wlan0') echo ssid=a; echo bssid=") +
-                            bssid + ";; 'bss 02:00:00:00:00:0f') echo " + bss + ";; esac");
-        int8_t noise = 0;
-        const int result = pex_net_get_bss_noise(&noise);
-        EXPECT_EQ(std::to_string(result) + " " + std::to_string(noise), expected) << bssid << bss;
+    fake("wpa_cli",
+         "case \"$*\" in 'status wlan0') echo a; echo bssid=$(cat /tmp/bssid) ;; "
+         "'bss 02:00:00:00:00:0f') echo level=-40; cat /tmp/noise ;; esac");
+    for (const auto &[bssid, line, noise] : {std::tuple("02:00:00:00:00:0f", "noise=-89\n", -89),
+                                             {"02:00:00:00:00:0f", "", -90},
+                                             {"0;reboot", "noise=-89\n", -90}}) {
+        write_file("/tmp/bssid", bssid);
+        write_file("/tmp/noise", line);
+        int8_t read = 0;
+        EXPECT_EQ(pex_net_get_bss_noise(&read), noise == -89 ? 0 : -1) << bssid << line;
+        EXPECT_EQ(read, noise);
     }
     EXPECT_EQ(pex_net_get_bss_noise(nullptr), -1);
 }
