@@ -33,6 +33,7 @@ extern "C" int clock_gettime(clockid_t clock, timespec *now) noexcept {
 
 namespace {
 
+constexpr std::chrono::seconds kPatience{30};
 constexpr char kSource[] = "src/device_pinger";
 constexpr char kOn[] =
     "sudo network_device_interfaces_control.sh --interface=softap --action=del\n"
@@ -226,7 +227,7 @@ TEST_F(DevicePinger, HopsAtTheSavedInterval) {
         set_pinger_mode(PINGER_MODE_DISCOVER, discover);
         set_pinger_mode(PINGER_MODE_PINGER, pinger);
         round();
-        EXPECT_TRUE(eventually([&, due = hops] { return times_logged(kHop) >= due; }));
+        EXPECT_TRUE(eventually([&, due = hops] { return times_logged(kHop) >= due; }, kPatience));
         EXPECT_EQ(times_logged(kHop), hops) << seconds;
     }
 }
@@ -268,7 +269,7 @@ TEST_F(DevicePinger, SweepFindsAndReportsWhoAnswers) {
     add(3);
     std::thread(device_subnet_ping_main, nullptr).detach();
     pinger_mode mode;
-    EXPECT_TRUE(eventually([&] { return get_pinger_mode(&mode)->discover == 0; }));
+    EXPECT_TRUE(eventually([&] { return get_pinger_mode(&mode)->discover == 0; }, kPatience));
     EXPECT_EQ(story(kSource), waiting(1, 6));
     EXPECT_EQ(round(), question(3) + question(6) +
                            report(R"({"mac_address":"02:00:00:00:00:03"},)"
@@ -361,9 +362,11 @@ TEST_F(DevicePinger, StopAndLostLinkEndTheRound) {
         add(1);
         add(2);
         const std::string told = round([end = end] {
-            EXPECT_TRUE(eventually([] {
-                return read_file("/run/fakes/commands").find("grep reply") != std::string::npos;
-            }));
+            EXPECT_TRUE(eventually(
+                [] {
+                    return read_file("/run/fakes/commands").find("grep reply") != std::string::npos;
+                },
+                kPatience));
             end();
             write_file("/tmp/go", "");
         });

@@ -29,6 +29,7 @@ TEST_F(LogCapture, NamesNoNetworkAndNoDevice) {
     write_file("/tmp/victim", "precious");
     ASSERT_EQ(symlink("/tmp/victim", kPath), 0);
     EXPECT_EQ(capture("tag"), kPath);
+    EXPECT_EQ(times_logged("[ERROR]"), 0);
     EXPECT_TRUE(logged("\nMODULE : common CMD (/opt/halvik/bin/wifilogs.sh | sed -E"));
     EXPECT_EQ(read_file("/tmp/victim"), "precious");
     ASSERT_EQ(system((std::string("base64 -d ") + kPath + " | gunzip >/tmp/plain").c_str()), 0);
