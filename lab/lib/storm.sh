@@ -130,8 +130,8 @@ storm_heals() {
     asked_again
     sleep 70   # whatever the last fault has set off ends, and the watchdog looks three times
     is_home || fail "at home, and lost again"
-    newest 'network/events .*"addr":"'"$(robot_address)"'".*"bssid":"'"$(home_bssid)"'"' || fail "its netinfo is not the system's"
-    newest 'network/events .*"wlcfg":.*"ssid":"'"$(hex "$HOME_SSID")"'"' || fail "its wlcfg is not the home's"
+    newest netinfo "\"addr\":\"$(robot_address)\".*\"bssid\":\"$(home_bssid)\"" || fail "its netinfo is not the system's"
+    newest wlcfg "\"ssid\":\"$(hex "$HOME_SSID")\"" || fail "its wlcfg is not the home's"
     saved_network | diff $LAB/saved.before - || fail "the saved network has changed"
     expect "no file more in /tmp" 60 nothing_more_in_tmp
     expect "$threads threads, not $(daemon_count task)" 60 eval '(($(daemon_count task) == threads))'
@@ -145,12 +145,9 @@ storm_heals() {
     [[ $restarts != *ifup* ]] || fail "an interface was brought up twice: two restarts at once"
     [[ ! -e $LAB/reboot-in-mission ]] || fail "rebooted in a mission"
 }
-is_home() { newest '"wifistat":{"wifi":1,' && has_leased_address && gateway_answers; }
-# newest PATTERN: whether the newest message of that kind, up to its first colon, is like that.
-newest() {
-    local kind=${1#*\"}
-    grep -aE " network/events \{\"${kind%%\"*}\"" "$LAB_MESSAGES" | tail -1 | grep -qE -- "${1#network/events .\*}"
-}
+is_home() { newest wifistat '"wifi":1,' && has_leased_address && gateway_answers; }
+# newest KIND PATTERN: whether the newest message of that kind is like that.
+newest() { grep -aF " network/events {\"$1\":" "$LAB_MESSAGES" | tail -1 | grep -qE -- "$2"; }
 nothing_more_in_tmp() { ! things_in_tmp | grep -vxFf $LAB/tmp.before; }
 
 # storm_answers: each request has its answer, within three seconds.
