@@ -1,15 +1,9 @@
-// The command-line client against the real broker and the real daemon, which is this program run
-// anew with --daemon: on a robot whose tools are fakes, its pauses cut to a fiftieth.
+// The command-line client against the real broker and the real daemon.
 #include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
 
-#include <optional>
 #include <set>
 
-#include "clock.h"
-#include "main.h"
-#include "robot.h"
+#include "daemon.h"
 #include "wifi_state.h"
 
 namespace {
@@ -17,48 +11,24 @@ namespace {
 using testing::HasSubstr;
 using testing::Not;
 
-class Ctl : public Robot {
+class Ctl : public DaemonRobot {
   protected:
-    void start_daemon() {  // it ends with the sandbox
-        broker_.emplace();
-        for (const char *tool :
-             {"ifup", "ifdown", "wpa_cli", "network_device_interfaces_control.sh"})
-            fake(tool, "exit 0");
-        fake("ifconfig", "echo wlan0 HWaddr");
-        kvs_set("product.robotid", "0123");
-        kvs_set("robot.name", R"(Rosie\u001B[2J)");
-        write_file("/run/ifstate", "");
-        give_address();
-        spawn("exec /mnt/netwardenctl_test --daemon");
-        ASSERT_TRUE(eventually([&] { return end_of(start("discover --address 127.0.0.1")) == 0; },
-                               std::chrono::seconds(20)))
-            << log_text();
-    }
-
-    static pid_t spawn(const std::string &line) {
-        const char *argv[] = {"/run/fakes/dash", "-c", line.c_str(), nullptr};
-        pid_t child = -1;
-        posix_spawn(&child, argv[0], nullptr, nullptr, const_cast<char *const *>(argv), environ);
-        return child;
-    }
-    static pid_t start(const std::string &arguments) {
+    pid_t start_client(const std::string &arguments) {
         write_file("/tmp/out", "");
-        return spawn("exec /mnt/netwardenctl " + arguments + " >/tmp/out 2>&1");
+        return start("/mnt/netwardenctl " + arguments + " >/tmp/out 2>&1");
     }
     // The client's exit code; its output is in `out`.
-    int end_of(pid_t child, int signal = 0) {
-        int status = -1;
-        kill(child, signal);
-        waitpid(child, &status, 0);
+    int finish(pid_t client, int signal = 0) {
+        const int code = end_of(client, signal);
         out = read_file("/tmp/out");
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        return code;
     }
+    int run(const std::string &arguments) { return finish(start_client(arguments)); }
     void expect(const std::string &arguments, int code, const std::vector<const char *> &texts) {
-        EXPECT_EQ(end_of(start(arguments)), code) << arguments << "\n" << out;
+        EXPECT_EQ(run(arguments), code) << arguments << "\n" << out;
         for (const char *text : texts)
             EXPECT_THAT(out, HasSubstr(text)) << arguments << "\n" << log_text();
     }
-
     static bool prints(const std::string &text, int seconds = 20) {
         return eventually([&] { return read_file("/tmp/out").find(text) != std::string::npos; },
                           std::chrono::seconds(seconds));
@@ -69,53 +39,27 @@ class Ctl : public Robot {
     }
 
     std::string out;
-    std::optional<Broker> broker_;
 };
 
 TEST_F(Ctl, SaysWhoDoesNotAnswer) {
-    expect("status", 3, {"netwardenctl: no broker at 127.0.0.1:1883, or it refuses us\n"});
-    expect("discover --address 127.0.0.1 --timeout 0.2", 3, {"no robot answers"});
+    expect("--timeout 0.1 status", 3,
+           {"netwardenctl: no broker at 127.0.0.1:1883, or it refuses us\n"});
+    expect("discover --address 127.0.0.1 --timeout 0.1", 3, {"no robot answers"});
     expect("--broker nonsense status", 2, {"\"nonsense\""});
-    broker_.emplace();
-    for (const char *command : {"status --timeout 1", "provision --ssid x --open"})
-        expect(
-            std::string(command) + " --broker unix:/tmp/broker.sock", 3,
-            {"the broker at unix:/tmp/broker.sock is there but netwarden does not answer within"});
-    broker_->freeze();
-    expect("get channel --timeout 1", 3, {"no broker at"});
-}
-
-TEST_F(Ctl, AsksTheRobot) {
-    start_daemon();
-    expect("status", 0,
-           {"Rosie\\x1b[2J\n", "Plover-0123", "192.0.2.2", "channel       not known yet",
-            "provisioning  no\n"});
-    expect("get discovery --json", 0, {R"("robotname":"Rosie\u001B[2J","robotid":"0123")"});
-    expect("discover --interface wlan0", 0, {"Rosie\\x1b[2J  192.0.2.2"});
     expect("log-level loud", 2, {"{verbose,dbg,info,warn,err}"});
-    expect("log-level dbg", 0, {});
-    for (const char *what : {"start", "pause", "stop"})
-        expect(std::string("track ") + what, 0, {what});
-    EXPECT_TRUE(logged_as("DBG", "stopping wifi device tracking"));
-    pid_t client = start("devices");
-    while (!prints("Ann\\x07  ann", 0))
-        publish("robot/debug", R"({"wifiDevices":[{"mac_address":"02:00","name":"Ann\u0007",)"
-                               R"("hostname":"ann"}]})");
-    EXPECT_EQ(end_of(client), 0);
-    std::string home;
-    for (int i = 0; i < 4096; i++)
-        home += std::string(i == 0 ? "" : ",") + R"({"mac_address":")" + std::to_string(i) +
-                R"(","name":")" + std::string(200, 'n') + R"("})";
-    client = start("devices --timeout 15");
-    for (int i = 0; i < 200 && !prints("\n4095  n", 0); i++)
-        publish("robot/debug", R"({"wifiDevices":[)" + home + "]}");
-    EXPECT_EQ(end_of(client), 0);
+    expect("provision --ssid x --pass hush", 2, {"--pass-file"});
+    EXPECT_THAT(out, Not(HasSubstr("hush")));
+    Broker broker;
+    expect("status --timeout 0.5 --broker unix:/tmp/broker.sock", 3,
+           {"the broker at unix:/tmp/broker.sock is there but netwarden does not answer within"});
+    broker.freeze();
+    expect("get channel --timeout 0.1", 3, {"no broker at"});
 }
 
 TEST_F(Ctl, WatchPutsMessagesIntoWords) {
-    broker_.emplace();
+    const Broker broker;
     for (const bool json : {false, true}) {
-        const pid_t client = start(json ? "watch --json" : "watch");
+        const pid_t client = start_client(json ? "watch --json" : "watch");
         while (!prints("provisioning started", 0))  // nobody hears before the client is there
             publish("robot/debug", R"({"command":"provstart"})");
         for (int state = WIFI_UNKNOWN; state <= WIFI_STATION_STOPPED; state++)
@@ -125,7 +69,7 @@ TEST_F(Ctl, WatchPutsMessagesIntoWords) {
         publish("network/events", R"({"wlcfg":{"sec":4,"ssid":"1b5b324ac29b"}})");
         publish("robot/debug", "\033[2J is no JSON");
         EXPECT_TRUE(prints("no JSON"));
-        EXPECT_EQ(end_of(client, SIGINT), 0);
+        EXPECT_EQ(finish(client, SIGINT), 0);
         for (const char *never : {"\033", "\302\233", "\"73\"", "hush"})
             EXPECT_THAT(out, Not(HasSubstr(never)));
         for (const char *always :
@@ -139,18 +83,44 @@ TEST_F(Ctl, WatchPutsMessagesIntoWords) {
     expect("watch --count 1 --timeout 0.3", 3, {"only 0 of 1"});
 }
 
-TEST_F(Ctl, ProvisionsAndKeepsSecrets) {
+TEST_F(Ctl, AsksAndProvisionsTheRobot) {
+    const Broker broker;
+    kvs_set("product.robotid", "0123");
+    kvs_set("robot.name", R"(Rosie\u001B[2J)");
+    give_address();
     start_daemon();
+    EXPECT_TRUE(eventually([&] { return run("discover --interface wlan0 --timeout 0.3") == 0; },
+                           std::chrono::seconds(20)));
+    EXPECT_THAT(out, HasSubstr("Rosie\\x1b[2J  192.0.2.2"));
+    expect("status", 0,
+           {"Rosie\\x1b[2J\n", "Plover-0123", "192.0.2.2", "channel       not known yet",
+            "provisioning  no\n"});
+    expect("get discovery --json", 0, {R"("robotname":"Rosie\u001B[2J","robotid":"0123")"});
+    expect("log-level dbg", 0, {});
+    for (const char *what : {"start", "pause", "stop"})
+        expect(std::string("track ") + what, 0, {what});
+    EXPECT_TRUE(logged_as("DBG", "stopping wifi device tracking"));
+
+    std::string home = R"({"mac_address":"0","name":"Ann\u0007","hostname":"ann"})";
+    for (int i = 1; i < 4096; i++)
+        home += R"(,{"mac_address":")" + std::to_string(i) + R"(","name":")" +
+                std::string(200, 'n') + R"("})";
+    pid_t client = start_client("devices");
+    while (!prints("\n4095  n", 0))
+        publish("robot/debug", R"({"wifiDevices":[)" + home + "]}");
+    EXPECT_EQ(finish(client), 0);
+    EXPECT_THAT(out, HasSubstr("\n0     Ann\\x07 "));
+
     write_file("/tmp/secret", "a secret key\nmore\n");
-    const std::string home =
+    const std::string provision =
         "provision --ssid Home --pass-file /tmp/secret --robot-pass-file /tmp/secret --tidelink ";
-    expect(home + "--static --addr 192.0.2.9 --mask 255.255.255.0 --gw 192.0.2.1", 1,
+    expect(provision + "--static --addr 192.0.2.9 --mask 255.255.255.0 --gw 192.0.2.1", 1,
            {"provstart", "wifi 10", "The robot still waits for settings"});
     EXPECT_THAT(commands(), testing::Contains(HasSubstr("--clipaddr 192.0.2.9")));
     EXPECT_EQ(kvs_get("robot.password"), "a secret key");
 
     fake("provision", "exit 0");
-    const pid_t client = start(home + "--phone");
+    client = start_client(provision + "--phone");
     EXPECT_TRUE(prints("wait "));
     publish("robot/debug", R"({"command":"softapconnect"})");
     EXPECT_TRUE(prints("join \"Home\""));
@@ -160,24 +130,18 @@ TEST_F(Ctl, ProvisionsAndKeepsSecrets) {
     publish("local/cmd", R"({"command":"ipdone"})");  // no access point is here to join
     EXPECT_TRUE(logged("rx event PROVISIONING_COMPLETE"));
     publish("tarn/2/event/network/1", R"({"event":"resetCloudConnection"})");
-    EXPECT_EQ(end_of(client), 0) << out;
+    EXPECT_EQ(finish(client), 0) << out;
     for (const char *never : {"a secret key", "612073656372657"})
         EXPECT_THAT(process + out, Not(HasSubstr(never)));
     // The daemon, which does not sleep here, may still be in the second in which a button is
     // ignored.
-    EXPECT_TRUE(eventually([&] { return end_of(start("provision --abort --timeout 2")) == 0; },
+    EXPECT_TRUE(eventually([&] { return run("provision --abort --timeout 1") == 0; },
                            std::chrono::seconds(20)));
     EXPECT_THAT(out, HasSubstr("provabort"));
-    expect("provision --ssid x --pass hush", 2, {"--pass-file"});
-    EXPECT_THAT(out, Not(HasSubstr("hush")));
 }
 
 }  // namespace
 
 int main(int argc, char **argv) {
-    make_pauses_last(20'000);
-    if (argc > 1 && std::string(argv[1]) == "--daemon")
-        return netwarden_main(1, argv);
-    testing::InitGoogleTest(&argc, argv);
-    return RUN_ALL_TESTS();
+    return run_tests_or_daemon(argc, argv);
 }
