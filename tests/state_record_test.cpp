@@ -6,11 +6,9 @@
 
 namespace {
 
-using EventRing = Robot;
-using DeviceTracking = Robot;
-using ProvisioningState = Robot;
+using StateRecord = Robot;
 
-TEST_F(ProvisioningState, TrainingIsNoProvisioning) {
+TEST_F(StateRecord, TrainingIsNoProvisioning) {
     for (int value = PS_NONE; value <= TRAINING_MODE; value++) {
         for (int times = 0; times < 2; times++)
             provisioning_enter_state(static_cast<provisioning_state>(value));
@@ -21,27 +19,25 @@ TEST_F(ProvisioningState, TrainingIsNoProvisioning) {
     EXPECT_TRUE(logged_as("DBG", "provisioning state WAITING_FOR_IP_DONE -> TRAINING_MODE"));
 }
 
-TEST_F(EventRing, IsPostedFromAnyThread) {
-    const auto post = [] {
+TEST_F(StateRecord, EventsArePostedFromAnyThread) {
+    std::jthread poster([] {
         for (int n = 0; n < 200; n++) {
             provisioning_state_machine(PROVISIONING_DHCP_COMPLETE);
             set_wifi_state_update_after_prov_done(n);
         }
-    };
-    std::thread threads[] = {std::thread(post), std::thread(post)};
+    });
     for (int n = 0; n < 200; n++)
         provisioning_timer_tick(n);
-    for (auto &thread : threads)
-        thread.join();
+    poster.join();
     EXPECT_EQ(is_wifi_state_update_after_prov_done(), 199);
     EXPECT_EQ(is_robot_provisioning() + is_robot_training(), 0);
 }
 
-TEST_F(DeviceTracking, StartsOnceAndStopsWhole) {
+TEST_F(StateRecord, TrackingStartsOnceAndStopsWhole) {
     const auto mode = [] {
         pinger_mode pair;
         get_pinger_mode(&pair);
-        return std::pair<int, int>(pair.pinger, pair.discover);
+        return pair.pinger * 10 + pair.discover;
     };
     using device_tracking::take_round;
     start_device_discovery();
@@ -50,11 +46,11 @@ TEST_F(DeviceTracking, StartsOnceAndStopsWhole) {
     set_pinger_mode(3, 1);     // no such kind
     start_device_discovery();  // still pinging: refused
     EXPECT_TRUE(logged("pinger_is still active"));
-    EXPECT_EQ(mode(), std::pair(1, 0));
+    EXPECT_EQ(mode(), 10);
     EXPECT_TRUE(take_round() && take_round() && !take_round()) << "three in all";
     for (const auto &end : {stop_device_discovery, pause_device_discovery}) {
         end();
-        EXPECT_EQ(mode(), std::pair(0, 0));
+        EXPECT_EQ(mode(), 0);
         EXPECT_FALSE(take_round());
         start_device_discovery();
         EXPECT_EQ(is_device_discovery_active(), 1);
