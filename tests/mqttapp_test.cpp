@@ -16,22 +16,20 @@
 
 // The wait between two attempts at the broker takes no time: the clock of the thread that serves
 // the connection is put forward by it instead.
-static thread_local timespec ahead{};
-static std::vector<int> waits;  // seconds
+static thread_local time_t ahead_s = 0;
+static std::vector<int> waits_s;
 extern "C" int clock_gettime(clockid_t clock, timespec *time) noexcept {
     const long result = syscall(SYS_clock_gettime, clock, time);
-    time->tv_sec += ahead.tv_sec;
+    time->tv_sec += ahead_s;
     return static_cast<int>(result);
 }
 extern "C" int poll(pollfd *entries, nfds_t count, int timeout_ms) {
     const bool is_between_attempts = count == 1 && timeout_ms > 100;
-    const long ms = is_between_attempts ? 5 : timeout_ms;
+    const int ms = is_between_attempts ? 5 : timeout_ms;
     const timespec time{ms / 1000, ms % 1000 * 1'000'000};
     const int ready = ppoll(entries, count, &time, nullptr);
-    if (is_between_attempts && ready == 0) {
-        ahead.tv_sec += (timeout_ms + 999) / 1000;
-        waits.push_back((timeout_ms + 999) / 1000);
-    }
+    if (is_between_attempts && ready == 0)
+        ahead_s += waits_s.emplace_back((timeout_ms + 999) / 1000);
     return ready;
 }
 
@@ -94,26 +92,24 @@ TEST_F(MqttApp, OrderQueueAndSubscriptionsSurviveTheBroker) {
     EXPECT_EQ(publish("in/order", "one too many"), ENOBUFS);
     Broker broker;
     receives_expected(1);
-    for (int round = 1; round < 3; round++) {
-        EXPECT_EQ(times_logged("no connection"), round);
-        broker.stop();
-        ASSERT_TRUE(eventually([&] { return times_logged("no connection") == round + 1; }));
-        publish_numbers(round * 1000, 60);
-        broker.start();
-        receives_expected(round + 1);
-    }
+    EXPECT_EQ(times_logged("no connection"), 1);
+    broker.stop();
+    ASSERT_TRUE(eventually([&] { return times_logged("no connection") == 2; }));
+    publish_numbers(1000, 60);
+    broker.start();
+    receives_expected(2);
     // What was handed to a connection that then broke is sent again before what came later.
     broker.freeze();
     publish_numbers(3000, 256);
     EXPECT_EQ(publish("in/order", "one too many"), ENOBUFS);
     broker.stop();
     broker.start();
-    receives_expected(4);
+    receives_expected(3);
     const std::string largest(64 * 1024, 'x');
     for (const auto &text : {largest + "x", largest, std::string()})
         EXPECT_EQ(publish("in/large", text), 0);
     expected.insert(expected.end(), {"in/large " + largest, "in/large "});
-    receives_expected(4);
+    receives_expected(3);
     EXPECT_TRUE(logged("refused a message of 65537 bytes on in/large"));
 }
 
@@ -190,14 +186,11 @@ TEST_F(MqttApp, DaemonWaitsLongerBetweenAttempts) {
     const std::string flags_and_keep_alive("\4\2\0\x1e", 4);
     EXPECT_THAT(connect, testing::HasSubstr("MQTT" + flags_and_keep_alive));
     EXPECT_THAT(connect, testing::EndsWith("network-" + std::to_string(getpid())));
-    waits.resize(7);
-    EXPECT_THAT(waits, testing::ElementsAre(1, 2, 4, 8, 16, 30, 30));
+    waits_s.resize(7);
+    EXPECT_THAT(waits_s, testing::ElementsAre(1, 2, 4, 8, 16, 30, 30));
 }
 
 TEST_F(MqttApp, EndsInEveryState) {
-    run();  // no broker: between two attempts
-    EXPECT_TRUE(logged("no connection"));
-    exit();
     Broker broker;
     run();
     receives_expected(1);
@@ -212,10 +205,9 @@ TEST_F(MqttApp, EndsInEveryState) {
     thread.join();
     broker.freeze();  // connected, never let in
     run();
-    const auto connected = [] {  // from the far end's port 1883, established
+    EXPECT_TRUE(eventually([] {  // from the far end's port 1883, established
         return read_file("/proc/net/tcp").find("0100007F:075B 01") != std::string::npos;
-    };
-    EXPECT_TRUE(eventually(connected));
+    }));
 }
 
 // The daemon's own use: what it subscribes to, a message without a text goes no further, and

@@ -1,6 +1,5 @@
-// The small records that every thread asks: provisioning state and ring, device tracking.
+// The small records that every thread asks: provisioning state, device tracking.
 #include "device_tracking.h"
-#include "provisioning_sm.h"
 #include "provisioning_state.h"
 #include "robot.h"
 
@@ -17,20 +16,6 @@ TEST_F(StateRecord, TrainingIsNoProvisioning) {
     }
     EXPECT_EQ(times_logged("provisioning state "), 5);
     EXPECT_TRUE(logged_as("DBG", "provisioning state WAITING_FOR_IP_DONE -> TRAINING_MODE"));
-}
-
-TEST_F(StateRecord, EventsArePostedFromAnyThread) {
-    std::jthread poster([] {
-        for (int n = 0; n < 200; n++) {
-            provisioning_state_machine(PROVISIONING_DHCP_COMPLETE);
-            set_wifi_state_update_after_prov_done(n);
-        }
-    });
-    for (int n = 0; n < 200; n++)
-        provisioning_timer_tick(n);
-    poster.join();
-    EXPECT_EQ(is_wifi_state_update_after_prov_done(), 199);
-    EXPECT_EQ(is_robot_provisioning() + is_robot_training(), 0);
 }
 
 TEST_F(StateRecord, TrackingStartsOnceAndStopsWhole) {

@@ -163,18 +163,20 @@ TEST_F(WpaCtrl, QueueThatStaysFullGivesUpBehindFiveSeconds) {
 }
 
 TEST_F(WpaCtrl, TimeIsTheFirstClockThatWorks) {
+    constexpr int kBoot = 1 << CLOCK_BOOTTIME, kMonotonic = 1 << CLOCK_MONOTONIC, kReal = 1;
     test_time = {100, 7999};
-    const auto read = [](int refused) {
+    for (const auto &[refused, clock] : {std::pair(0, CLOCK_BOOTTIME),
+                                         {kBoot, CLOCK_MONOTONIC},
+                                         {0, CLOCK_MONOTONIC},
+                                         {kMonotonic, CLOCK_REALTIME}}) {
         refused_clocks = refused;
         os_reltime time{};
-        return os_get_reltime(&time) == 0 ? time.sec * 10 + time.usec : -1;
-    };
-    constexpr int kBoot = 1 << CLOCK_BOOTTIME, kMonotonic = 1 << CLOCK_MONOTONIC;
-    EXPECT_EQ(read(0), (100 + CLOCK_BOOTTIME) * 10 + 7);
-    EXPECT_EQ(read(kBoot), (100 + CLOCK_MONOTONIC) * 10 + 7);
-    EXPECT_EQ(read(0), (100 + CLOCK_MONOTONIC) * 10 + 7);
-    EXPECT_EQ(read(kMonotonic), 1007);
-    EXPECT_EQ(read(1), -1);
+        EXPECT_EQ(os_get_reltime(&time), 0);
+        EXPECT_EQ(time.sec * 10 + time.usec, (100 + clock) * 10 + 7);
+    }
+    refused_clocks = kReal;
+    os_reltime none{};
+    EXPECT_EQ(os_get_reltime(&none), -1);
     char text[] = "####";
     EXPECT_EQ(os_strlcpy(text, "abcd", 4) + os_strlcpy(text + 4, "", 0), 4U);
     EXPECT_STREQ(text, "abc");
