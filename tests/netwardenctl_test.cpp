@@ -1,10 +1,7 @@
 // The command-line client against the real broker and the real daemon.
 #include <signal.h>
 
-#include <set>
-
 #include "daemon.h"
-#include "wifi_state.h"
 
 namespace {
 
@@ -58,12 +55,11 @@ TEST_F(Ctl, SaysWhoDoesNotAnswer) {
 
 TEST_F(Ctl, WatchPutsMessagesIntoWords) {
     const Broker broker;
-    for (const bool json : {false, true}) {
-        const pid_t client = start_client(json ? "watch --json" : "watch");
+    for (const std::string option : {"", " --json"}) {
+        const pid_t client = start_client("watch" + option);
         while (!prints("provisioning started", 0))  // nobody hears before the client is there
             publish("robot/debug", R"({"command":"provstart"})");
-        for (int state = WIFI_UNKNOWN; state <= WIFI_STATION_STOPPED; state++)
-            publish("network/events", R"({"wifistat":{"wifi":)" + std::to_string(state) + "}}");
+        publish("network/events", R"({"wifistat":{"wifi":3}})");
         publish("brisk/network/events",
                 R"({"wlcfg":{"ssid":"41","pass":"73"},"robotpass":"hush"})");
         publish("network/events", R"({"wlcfg":{"sec":4,"ssid":"1b5b324ac29b"}})");
@@ -72,13 +68,8 @@ TEST_F(Ctl, WatchPutsMessagesIntoWords) {
         EXPECT_EQ(finish(client, SIGINT), 0);
         for (const char *never : {"\033", "\302\233", "\"73\"", "hush"})
             EXPECT_THAT(out, Not(HasSubstr(never)));
-        for (const char *always :
-             {json ? R"("robotpass":"*")" : R"("\x1b[2J\u{9b}")", "wrong pass"})
-            EXPECT_THAT(out, HasSubstr(always));
-        std::set<std::string> meanings;
-        for (size_t at = 0; !json && (at = out.find("  wifi ", at + 1)) != out.npos;)
-            meanings.insert(out.substr(at + 10, out.find('\n', at) - at - 10));
-        EXPECT_EQ(meanings.size(), json ? 0 : 13) << out;
+        EXPECT_THAT(out, HasSubstr("wrong pass"));
+        EXPECT_THAT(out, HasSubstr(option.empty() ? R"("\x1b[2J\u{9b}")" : R"("robotpass":"*")"));
     }
     expect("watch --count 1 --timeout 0.3", 3, {"only 0 of 1"});
 }
