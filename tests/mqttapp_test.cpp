@@ -146,6 +146,7 @@ TEST_F(MqttApp, RefusesWhatIsNoBrokerTopicOrMessage) {
     }
     setenv("MQTT_APP_BROKER", "[::1]:65535", 1);
     run();
+    EXPECT_EQ(mqtt_app_set_message_limit(app, -1), -1);
     for (const std::string topic : {"", "in/#", "in/+/x", "\xff"})
         EXPECT_EQ(publish(topic, "x"), EINVAL) << topic;
     EXPECT_EQ(publish(std::string(70000, 't'), "x"), EINVAL);
@@ -221,6 +222,7 @@ TEST_F(MqttApp, DaemonReceivesOnItsTopics) {
             count += fcntl(fd, F_GETFD) == 0;
         return count;
     };
+    const Fd somebody_elses(dup(0));
     const int before = count_inherited();
     const Broker broker;
     setenv("MQTT_APP_BROKER", "unix:/tmp/broker.sock", 1);
