@@ -203,6 +203,8 @@ TEST_F(WlanMonitor, AHalfOpenLinkEndsWithTheNextRestart) {
     EXPECT_TRUE(eventually([&] { return times_logged("failed to connect") == 2; }));
     EXPECT_TRUE(has_client_sockets(1));
     wlan_monitor_signal_deattach();
+    EXPECT_EQ(wlan_monitor_ctrl_status(reply_, 10), -1);
+    EXPECT_TRUE(logged("Not connected to wpa_supplicant - command dropped.\n"));
     wlan_monitor_signal_attach();
     EXPECT_TRUE(has_client_sockets(2));
     EXPECT_EQ(times_logged("Could not connect"), 1);
