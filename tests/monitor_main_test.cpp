@@ -157,7 +157,6 @@ TEST_F(WlanMonitor, CommandsSurviveReconnects) {
         }
         EXPECT_TRUE(eventually([&] { return answered > 20; }));
     }
-    EXPECT_EQ(times_logged("command failed"), 0);
     EXPECT_TRUE(has_client_sockets(2));
 }
 
