@@ -147,6 +147,7 @@ TEST_F(MqttApp, RefusesWhatIsNoBrokerTopicOrMessage) {
     setenv("MQTT_APP_BROKER", "[::1]:65535", 1);
     run();
     EXPECT_EQ(mqtt_app_set_message_limit(app, -1), -1);
+    EXPECT_EQ(mqtt_app_register_on_connect_cb(app, nullptr), -1);
     for (const std::string topic : {"", "in/#", "in/+/x", "\xff"})
         EXPECT_EQ(publish(topic, "x"), EINVAL) << topic;
     EXPECT_EQ(publish(std::string(70000, 't'), "x"), EINVAL);
