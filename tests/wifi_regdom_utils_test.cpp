@@ -32,55 +32,60 @@ class Regdom : public WifiRobot {
              "echo CL REG DOMAIN \"$(cat /tmp/domain)\"");
         fake("iw", "echo \"country $(cat /tmp/kernel): DFS-UNSET\"");
     }
+    static std::string apply(const std::string &code) {
+        return "sudo provision --clregdomain " + code + " \n";
+    }
+    static Lines commands_of(const char *value, int result) {
+        forget_commands();
+        EXPECT_EQ(wifi_regdom_utils_set_regdomain(value), result);
+        return commands();
+    }
+    const std::string report_ = "sudo provision | grep CL\\ REG\\ DOMAIN", reset_ = apply("\"#\"");
 };
 
 TEST_F(Regdom, RegionsByPrefixCountriesByTheKernel) {
-    const struct {
-        const char *value, *kernel, *domain;
-        int result;
-    } rows[] = {{"FCC", "", "US", 0},     {"China", "", "CN", 0}, {"ETSI", "", "WO", 0},
-                {"JAPAN", "", "JP", 0},   {"APAC", "", "WO", 0},  {"Taiwan", "", "TW", 0},
-                {"LATAM", "", "WO", 0},   {"1", "", "US", 0},     {"", "", "US", 0},
-                {"j", "", "JP", 0},       {"ch", "", "CN", 0},    {"e", "", "WO", 0},
-                {"us", "US", "US", 0},    {"00", "00", "00", 0},  {"eu", "EU", "EU", 0},
-                {"az", "AZ", "AZ", 0},    {"ZA", "ZA", "ZA", 0},  {"de", "US", "#", -1},
-                {"U1", "", "#", -1},      {"1U", "", "#", -1},    {"USA", "", "#", -1},
-                {"FCCX", "", "#", -1},    {"[a", "", "#", -1},    {"a@", "", "#", -1},
-                {"`a", "", "#", -1},      {"a{", "", "#", -1},    {"\xc3\x9f", "", "#", -1},
-                {";reboot", "", "#", -1}, {nullptr, "", "#", -1}};
-    const std::string apply = "sudo provision --clregdomain ", reset = apply + "\"#\" \n";
-    const std::string report = "sudo provision | grep CL\\ REG\\ DOMAIN";
-    for (const auto &row : rows) {
-        const char *const name = row.value != nullptr ? row.value : "(null)";
-        const bool is_country = *row.kernel != '\0', is_refused = *row.domain == '#';
-        write_file("/tmp/kernel", row.kernel);
-        forget_commands();
-        EXPECT_EQ(wifi_regdom_utils_set_regdomain(row.value), row.result) << name;
-        EXPECT_EQ(read_file("/tmp/domain"), std::string(row.domain) + "\n") << name;
-        const std::string asked = name == std::string("de") ? "DE" : row.domain;
-        Lines expected{is_refused && !is_country ? reset : apply + asked + " \n", report};
-        if (is_country)
-            expected.insert(expected.end(),
-                            {"sudo ifdown wlan0", "sleep 1", "sudo ifup wlan0",
-                             "iw reg get | awk '/country/ {print $2}' | cut -d ':' -f1"});
-        if (is_refused && is_country)
-            expected.push_back(reset);
-        EXPECT_EQ(commands(), expected) << name;
+    const std::string asked = "iw reg get | awk '/country/ {print $2}' | cut -d ':' -f1";
+    using Row = std::pair<const char *, std::string>;
+    for (const auto &[region, code] : {Row("FCC", "US"),
+                                       {"China", "CN"},
+                                       {"ETSI", "WO"},
+                                       {"JAPAN", "JP"},
+                                       {"APAC", "WO"},
+                                       {"Taiwan", "TW"},
+                                       {"LATAM", "WO"},
+                                       {"1", "US"},
+                                       {"", "US"},
+                                       {"j", "JP"},
+                                       {"ch", "CN"},
+                                       {"e", "WO"}})
+        EXPECT_EQ(commands_of(region, 0), (Lines{apply(code), report_})) << region;
+    for (const auto &[country, code] :
+         {Row("us", "US"), {"00", "00"}, {"eu", "EU"}, {"az", "AZ"}, {"ZA", "ZA"}, {"de", "DE"}}) {
+        const bool is_known = code != "DE";
+        write_file("/tmp/kernel", is_known ? code : "US");
+        Lines expected{apply(code), report_,           "sudo ifdown wlan0",
+                       "sleep 1",   "sudo ifup wlan0", asked};
+        if (!is_known)
+            expected.push_back(reset_);
+        EXPECT_EQ(commands_of(country, is_known ? 0 : -1), expected) << country;
     }
     EXPECT_TRUE(logged("not valid ISO country code, searched for \"DE\" in \"US"));
+    for (const char *nothing : {"U1", "1U", "USA", "FCCX", "[a", "a@", "`a", "a{", "\xc3\x9f",
+                                ";reboot", static_cast<const char *>(nullptr)})
+        EXPECT_EQ(commands_of(nothing, -1), (Lines{reset_, report_}));
     EXPECT_EQ(times_logged("unexpected string for ISO country code"), 10);
+    EXPECT_EQ(read_file("/tmp/domain"), "#\n");
 }
 
 TEST_F(Regdom, StepsThatFailAreNoDomain) {
-    const std::tuple<const char *, const char *, const char *> rows[] = {
-        {"iw", "exit 1", "fgets() failed"},
-        {"ifup", "exit 1", "cmd sudo ifup wlan0 returned status 1"},
-        {"ifdown", "exit 1", "cmd sudo ifdown wlan0 returned status 1"},
-        {"provision", "echo CL REG DOMAIN XX", "Unexpected provision script output"},
-        {"provision", "exit 0", "fgets() failed"},
-        {"provision", "exit 3", "system_cmd failed"}};
     write_file("/tmp/kernel", "US");
-    for (const auto &[tool, script, text] : rows) {
+    for (const auto &[tool, script, text] :
+         {std::tuple("iw", "exit 1", "fgets() failed"),
+          {"ifup", "exit 1", "cmd sudo ifup wlan0 returned status 1"},
+          {"ifdown", "exit 1", "cmd sudo ifdown wlan0 returned status 1"},
+          {"provision", "echo CL REG DOMAIN XX", "Unexpected provision script output"},
+          {"provision", "exit 0", "fgets() failed"},
+          {"provision", "exit 3", "system_cmd failed"}}) {
         fake(tool, script);
         forget_log();
         EXPECT_EQ(wifi_regdom_utils_set_regdomain("US"), -1) << tool;
@@ -88,31 +93,24 @@ TEST_F(Regdom, StepsThatFailAreNoDomain) {
     }
 }
 
-TEST_F(Regdom, EveryPatternOfTheNvFileIsPatched) {
+// What else a file may hold is the fuzz target's.
+TEST_F(Regdom, NvFileIsPatchedBehindABackup) {
     const std::string file = "/tmp/persist/WCNSS_qcom_wlan_nv.bin";
     EXPECT_EQ(wifi_regdom_utils_patch_nv_file(), -1);
-    EXPECT_TRUE(logged("error opening nv file"));
-    for (const std::string &nothing :
-         {std::string(), std::string("\3BR"), std::string(4096, '\3')}) {
-        write_file(file, nothing);
-        EXPECT_EQ(wifi_regdom_utils_patch_nv_file(), -1);
-        EXPECT_EQ(read_file(file), nothing);
-        EXPECT_EQ(read_file(file + ".bak"), "<none>");
-    }
-    EXPECT_TRUE(logged("can't read"));
-    const std::string end("I\0", 2), old = "\3BR", patched = "\3\60\60";
-    write_file(file, old + end + "\3" + old + "I");
+    write_file(file, "");
+    EXPECT_EQ(wifi_regdom_utils_patch_nv_file(), -1);
+    write_file(file, "\3BRI-\3\3BRI");
     EXPECT_EQ(wifi_regdom_utils_patch_nv_file(), 0);
-    EXPECT_EQ(read_file(file), patched + end + "\3" + patched + "I");
-    EXPECT_EQ(read_file(file + ".bak"), patched + end + "\3" + old + "I");
-    for (const char *read : {"read 10 bytes of 10 from", "read 0 bytes of 10 from"})
-        EXPECT_TRUE(logged_as("INFO", read)) << log_text();
-    write_file(file, old + "I");
+    EXPECT_EQ(read_file(file), "\3\60\60I-\3\3\60\60I");
+    EXPECT_EQ(read_file(file + ".bak"), "\3\60\60I-\3\3BRI");
     for (const std::string &refusing : {file + ".bak", file}) {  // a folder cannot be written to
+        write_file(file, "\3BRI");
         std::filesystem::remove_all(refusing);
         std::filesystem::create_directory(refusing);
         EXPECT_EQ(wifi_regdom_utils_patch_nv_file(), -1) << refusing;
     }
+    for (const char *text : {"error opening nv", "can't read", "read 10 bytes of 10", "error 21"})
+        EXPECT_TRUE(logged(text)) << log_text();
 }
 
 }  // namespace
