@@ -3,9 +3,6 @@
 
 #include <sys/resource.h>
 
-#include <iostream>
-#include <random>
-
 #include "monitor_main.h"
 #include "provisioning_sm.h"
 #include "supplicant.h"
@@ -34,9 +31,10 @@ class Station : public WifiRobot {
         WifiRobot::TearDown();
     }
 
-    // What was done to the station so far, a letter each: Down, Up, Configuration loaded,
-    // Provision.
+    // What was done to the station so far, a letter each, when all that was asked for has ended:
+    // Down, Up, Configuration loaded, Provision.
     static std::string story() {
+        const StationOperation behind_them;
         constexpr std::pair<const char *, char> kLetters[] = {
             {"sudo ifdown wlan0", 'D'},
             {"sudo ifup wlan0", 'U'},
@@ -54,11 +52,6 @@ class Station : public WifiRobot {
     Supplicant supplicant_;
 };
 
-// Waits for those that were asked for before.
-void let_all_end() {
-    const StationOperation behind_them;
-}
-
 TEST_F(Station, ARestartThatHasNotBegunServesEveryRequest) {
     {
         const StationOperation ahead;
@@ -66,9 +59,8 @@ TEST_F(Station, ARestartThatHasNotBegunServesEveryRequest) {
             wifi_station_request_restart();
         wifi_network_disconnect();  // part of the one that runs, so before them
     }
-    let_all_end();
+    EXPECT_EQ(story(), "DDDUC");
     wifi_station_request_restart();
-    let_all_end();
     EXPECT_EQ(story(), "DDDUCDDUC");
 }
 
@@ -83,9 +75,8 @@ TEST_F(Station, ARestartThatGetsNoThreadLeavesTheQueue) {
     wifi_station_request_restart();
     ASSERT_EQ(setrlimit(RLIMIT_AS, &usual), 0);
     EXPECT_TRUE(logged_as("ERROR", "failed to restart the network"));
-    let_all_end();
+    EXPECT_EQ(story(), "");
     wifi_station_request_restart();
-    let_all_end();
     EXPECT_EQ(story(), "DDUC");
 }
 
@@ -112,65 +103,16 @@ TEST_F(Station, ReturningToTheSavedNetworkIsOneOperation) {
     wifi_station_request_restart();  // while the soft AP is being stopped
     unlink("/tmp/waits");
     main_thread.join();
-    let_all_end();
     EXPECT_EQ(story(), "DPDUCDDUC");
 }
 
-// Watchdog, an event, the main thread and a provisioning, in random order and number. What must
-// hold is that each connect is whole: down, up and the configuration loaded, with nothing in
-// between.
-class Collisions : public Station {
-  protected:
-    static void provision(int choice) {
-        constexpr int kEvents[] = {PROVISIONING_ACTIVATED,  PROVISIONING_NETWORK_CONFIG_RX,
-                                   PROVISIONING_WACTIVATED, PROVISIONING_ERROR,
-                                   PROVISIONING_ABORT,      PROVISIONING_TIMEOUT};
-        static long now = 0;
-        provisioning_state_machine(kEvents[static_cast<size_t>(choice) % std::size(kEvents)]);
-        provisioning_timer_tick(now += 2);
-    }
-    static bool are_connects_whole(const std::string &story) {
-        for (size_t i = 0; i < story.size(); i++)
-            if ((story[i] == 'U' && (i == 0 || story[i - 1] != 'D' || story[i + 1] != 'C')) ||
-                (story[i] == 'C' && (i == 0 || story[i - 1] != 'U')))
-                return false;
-        return true;
-    }
-    static void main_thread(int choice) {
-        if (choice % 2 == 0)
-            wifi_network_disconnect();
-        wifi_start_sta_from_kvs_configuration();
-    }
-};
-
-TEST_F(Collisions, LeaveEveryOperationWhole) {
-    const int given = GTEST_FLAG_GET(random_seed);
-    const unsigned seed =
-        given != 0 ? static_cast<unsigned>(given) : 1 + std::random_device()() % 99'999;
-    std::cout << "rerun with --gtest_random_seed=" << seed << std::endl;
-    std::mt19937 random(seed);
-    const auto pick = [&](int end) {
-        return static_cast<int>(random() % static_cast<unsigned>(end));
-    };
-    using Actor = void (*)(int choice);
-    constexpr Actor kActors[] = {[](int) { wifi_network_reconnect(); },
-                                 [](int) { wifi_station_request_restart(); }, main_thread,
-                                 provision};
-    for (int round = 0; round < 30; round++) {
-        const bool is_mute = pick(20) == 0;  // a supplicant that is about to go
-        supplicant_.answer_with([=](const auto &) { return is_mute ? Texts{} : Texts{"OK\n"}; });
-        std::vector<std::jthread> threads;
-        for (const Actor actor : kActors)
-            if (pick(4) > 0)
-                threads.emplace_back([actor, delay = pick(4000), choice = pick(100)] {
-                    usleep(static_cast<useconds_t>(delay));
-                    actor(choice);
-                });
-    }
-    let_all_end();
-    const std::string letters = story();
-    EXPECT_TRUE(are_connects_whole(letters)) << letters;
-    EXPECT_GT(std::count(letters.begin(), letters.end(), 'C'), 20);
+TEST_F(Station, OperationsOfAllThreadsAreWhole) {
+    std::vector<std::jthread> threads;
+    std::string all;
+    for (int i = 0; i < 12; i++, all += "DDUC")
+        threads.emplace_back(wifi_network_reconnect);
+    threads.clear();
+    EXPECT_EQ(story(), all);
 }
 
 }  // namespace
