@@ -4,7 +4,6 @@
 #include <sys/stat.h>
 
 #include "pex_misc.h"
-#include "wifi_netinfo.h"
 #include "wifi_robot.h"
 #include "wifi_settings.h"
 #include "wifi_state.h"
@@ -12,7 +11,9 @@
 namespace {
 
 constexpr char kFile[] = "/etc/wpa_supplicant.conf";
+constexpr char kSource[] = "src/wifi_control";
 constexpr char kSsid[] = "49454545";  // "IEEE"
+const std::string kSteps = "sudo ifdown wlan0\nsleep 1\nsudo ifup wlan0\n";
 const std::string kBlock = "network={\n\tssid=49454545\n\t";
 const std::string kDefaults =
     "eapol_version=1\nfast_reauth=1\nap_scan=1\nfilter_ssids=1\n"
@@ -33,19 +34,20 @@ std::string wep_block(const std::string &key) {
 
 class Connect : public WifiRobot {
   protected:
+    Connect() { tell_stories(); }
     // Connects with these pending settings, which must fail with that code; 0 for none.
-    void connect(const std::string &ssid, const std::string &secret, int expected_code = 0) {
+    static void connect(const std::string &ssid, const std::string &secret, int expected_code = 0) {
         int32_t code = -1;
         wifictl_set_ssid(ssid.c_str());
         wifictl_set_pass(secret.c_str());
-        EXPECT_EQ(wifi_network_connect(&code, 0), expected_code == 0 ? 0 : -1) << log_text();
+        EXPECT_EQ(wifi_network_connect(&code, 0), expected_code == 0 ? 0 : -1);
         EXPECT_EQ(code, expected_code == 0 ? -1 : expected_code);
     }
 };
 
 TEST_F(Connect, EverySecretBecomesTheBlocksOfItsReadings) {
-    const std::string digits26 = "0123456789abcdefABCDEF0123";
-    const std::string digits64 = std::string(60, 'a') + "0bC9";
+    const std::string digits26 = "0123456789abcdefABCDEF0123",
+                      digits64 = std::string(60, 'a') + "0bC9";
     const std::pair<std::string, std::string> cases[] = {
         {"", kBlock + "key_mgmt=NONE\n\tscan_ssid=1\n}\n"},
         {"abcd", ""},
@@ -57,6 +59,7 @@ TEST_F(Connect, EverySecretBecomesTheBlocksOfItsReadings) {
         {"thirteen\nchar",
          passphrase_block("thirteen\nchar") + wep_block("746869727465656E0A63686172")},
         {digits26, passphrase_block(digits26) + wep_block(digits26)},
+        {std::string(26, 'z'), passphrase_block(std::string(26, 'z'))},
         {std::string(63, 'z'), passphrase_block(std::string(63, 'z'))},
         {digits64, psk_block(digits64)},
         {std::string(64, 'x'), ""},
@@ -67,93 +70,92 @@ TEST_F(Connect, EverySecretBecomesTheBlocksOfItsReadings) {
         connect(kSsid, secret, blocks.empty() ? WIFI_AUTH_ERROR : 0);
         EXPECT_EQ(read_file(kFile), blocks + kDefaults);
     }
-    EXPECT_TRUE(logged("newfile is null"));
     for (const char *secret : {"f42c6fc5", "6162636465", "0123456789", "74686972", "aaaaaaaa"})
         EXPECT_EQ(times_logged(secret), 0) << log_text();
     // Both keys of a secret that has two readings are masked, and nothing else.
     EXPECT_EQ(times_logged("writing " + std::string(kFile) + " file with " + psk_block("*") +
                            wep_block("*") + kDefaults),
-              3)
-        << log_text();
+              3);
     EXPECT_EQ(times_logged("Provisioning for SSID IEEE"), std::ssize(cases));
     connect("ff", "");  // not to be printed, but a name
-    EXPECT_EQ(read_file(kFile),
-              "network={\n\tssid=ff\n\tkey_mgmt=NONE\n\tscan_ssid=1\n}\n" + kDefaults);
+    EXPECT_THAT(read_file(kFile), testing::StartsWith("network={\n\tssid=ff\n\tkey_mgmt=NONE\n"));
     EXPECT_TRUE(logged("SSID has non-printable characters"));
 }
 
-TEST_F(Connect, ASlotThatHoldsAnErrorIsBelieved) {
-    wifi_state_set_wifi(WIFI_NETWORK_DOWN);
-    wifictl_set_ssid(kSsid);
-    wifictl_set_pass("password");
-    for (const int32_t before : {WIFI_AUTH_ERROR, WIFI_BAD_CONFIG}) {
-        int32_t code = before;
-        forget_log();
-        EXPECT_EQ(wifi_network_connect(&code, 0), -1);
-        EXPECT_EQ(code, before);
-        EXPECT_TRUE(logged("failed to configure sta with given network info"));
-    }
-    EXPECT_EQ(read_file(kFile), kDefaults);
-    EXPECT_EQ(commands().back(), "sudo ifup wlan0");
-    EXPECT_EQ(wifi_state_get_wifi(), WIFI_NETWORK_DOWN);
-}
-
 TEST_F(Connect, StepsInOrderWithTheSavedSettings) {
-    const Lines steps{"sudo ifdown wlan0", "sleep 1", "sudo ifup wlan0",
-                      "sudo wpa_cli -iwlan0 reconfigure\n"};
-    connect("", "", WIFI_BAD_CONFIG);
-    unlink(kFile);
-    wifi_start_sta_from_kvs_configuration();  // started already
-    wifi_network_disconnect();
-    kvs_set("network.ip_config", "provision saved");
-    wifi_start_sta_from_kvs_configuration();  // nothing to connect to
-    kvs_set("network.ssid", kSsid);
-    kvs_set("network.password", "password");
-    forget_commands();
-    wifi_start_sta_from_kvs_configuration();  // no address type
-    EXPECT_EQ(commands(), Lines{"provision saved"});
-    kvs_set("network.addr_type", "0");
-    forget_commands();
-    wifi_start_sta_from_kvs_configuration();
+    const std::string connects = kSteps + "sudo wpa_cli -iwlan0 reconfigure\nwifi = 8\n";
+    const std::string untyped = "kvs_get_json_from_key failed\n", line = "provision saved";
+    for (const auto &[key, value, told] :
+         {std::tuple("robot.name", line, std::string("failed to get ssid\n")),
+          {"network.ssid", kSsid, "failed to get ip config\n" + untyped},
+          {"network.ip_config", "exit 1",
+           "exit 1\nexit 1 returned status 1\nwifi_system_command failed\nfailed to set ip "
+           "configuration\n" +
+               untyped},
+          {"network.ip_config", line, line + "\n" + untyped},
+          {"network.addr_type", "0", line + "\n" + connects},
+          {"network.addr_type", "1", ""}}) {  // started already
+        kvs_set(key, value);
+        wifi_start_sta_from_kvs_configuration();
+        EXPECT_EQ(story(kSource), told) << key;
+    }
+    EXPECT_EQ(wifi_get_addr_type(), 0);
+    EXPECT_THAT(read_file(kFile), testing::StartsWith(kBlock + "key_mgmt=NONE\n"));
     wifi_select_sta_network();
     wifi_network_reconnect();
     EXPECT_EQ(wifi_network_disconnect(), 0);
-    Lines expected{"provision saved"};
-    expected.insert(expected.end(), steps.begin(), steps.end());
-    expected.insert(expected.end(),
-                    {"sudo wpa_cli -iwlan0 select_network 0", "sudo ifdown wlan0", "sleep 1"});
-    expected.insert(expected.end(), steps.begin(), steps.end());
-    expected.push_back("sudo ifdown wlan0");
-    EXPECT_EQ(commands(), expected);
-    EXPECT_EQ(wifi_get_addr_type(), 0);
-    EXPECT_NE(read_file(kFile).find("psk=f42c6fc5"), std::string::npos);
+    const std::string stop = "sudo ifdown wlan0\nwifi = 11\n";
+    EXPECT_EQ(story(kSource),
+              "sudo wpa_cli -iwlan0 select_network 0\n" + stop + "sleep 1\n" + connects + stop);
+    fake("ifup", "exit 1");
+    wifi_start_sta_from_kvs_configuration();
+    EXPECT_THAT(
+        story(kSource),
+        testing::EndsWith("wifi = 11\nfailed to configure sta to 49454545; check kvs for pass\n"));
     struct stat file;
     ASSERT_EQ(stat(kFile, &file), 0);
     EXPECT_EQ(file.st_mode & 0777, 0600U);
 }
 
 TEST_F(Connect, FailedStepsTellTheReasonAndKeepTheState) {
+    const std::string failed = "failed to configure sta with given network info\n",
+                      null = "newfile is null\n" + failed;
+    const std::string no_write = "cannot write " + std::string(kFile) + "\n",
+                      no_open = "cannot open " + std::string(kFile) + "\n";
+    const std::string up = "sudo ifup wlan0 returned status 1\nwifi_system_command failed\n";
+    const std::string load = "sudo wpa_cli -iwlan0 reconfigure\n";
+    const struct {
+        const char *ssid, *failing, *file;
+        int code_before, code;
+        std::string told;
+    } rows[] = {
+        {"", "none", "/tmp/file", -1, 9, kSteps + "no SSID set/saved\n" + failed},
+        {"4945454g", "none", "/tmp/file", -1, 9,
+         kSteps + "Could not decode ssid\ninvalid ssid, setting error_code to WIFI_BAD_CONFIG\n" +
+             null},
+        {kSsid, "ifup", "/tmp/file", -1, 10, kSteps + up + "failed to start station interface\n"},
+        {kSsid, "wpa_cli", "/tmp/file", -1, 10,
+         kSteps + load + load +
+             "wifi_system_command failed\nfailed to reconfigure the supplicant\n"},
+        {kSsid, "none", "/dev/full", -1, 9, no_write + kSteps + no_write + failed},
+        {kSsid, "none", "/tmp", -1, 9, no_open + kSteps + no_open + failed},
+        {kSsid, "none", "/tmp/file", 3, 3, kSteps + failed},  // what the caller set is believed
+        {kSsid, "none", "/tmp/file", 9, 9, kSteps + null},
+    };
     EXPECT_EQ(wifi_network_connect(nullptr, 0), -1);
-    EXPECT_TRUE(commands().empty());
-    wifi_state_set_wifi(WIFI_NETWORK_DOWN);
-    connect("4945454g", "password", WIFI_BAD_CONFIG);
-    for (const char *tool : {"wpa_cli", "ifup"}) {
-        fake(tool, "exit 1");
-        connect(kSsid, "password", WIFI_IFACE_ERROR);
+    EXPECT_EQ(story(kSource), "invalid input\n");
+    for (const auto &[ssid, failing, file, code_before, expected_code, told] : rows) {
+        unlink(kFile);
+        ASSERT_EQ(symlink(file, kFile), 0);
+        wifictl_set_ssid(ssid);
+        fake(failing, "exit 1");
+        int32_t code = code_before;
+        EXPECT_EQ(wifi_network_connect(&code, 0), -1);
+        EXPECT_EQ(code, expected_code);
+        EXPECT_EQ(story(kSource), told);
+        fake(failing, "exit 0");
     }
-    EXPECT_EQ(commands().back(), "sudo ifup wlan0");
-    fake("ifup", "exit 0");
-    unlink(kFile);
-    ASSERT_EQ(symlink("/dev/full", kFile), 0);
-    forget_log();
-    connect(kSsid, "password", WIFI_BAD_CONFIG);
-    const char *const failure = "cannot write /etc/wpa_supplicant.conf";
-    EXPECT_EQ(times_logged(failure), 2);  // the default text, too
-    // The text is logged before it leaves the buffer, and only then cannot be written.
-    const std::string log = log_text();
-    const size_t shown = log.find("writing /etc/wpa_supplicant.conf file with network={");
-    EXPECT_LT(shown, log.rfind(failure));
-    EXPECT_EQ(wifi_state_get_wifi(), WIFI_NETWORK_DOWN);
+    EXPECT_EQ(read_file(kFile), kDefaults);
 }
 
 // Another process may have stored anything.
