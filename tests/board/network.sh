@@ -5,7 +5,6 @@ pidfile=/var/run/udhcpc.wlan0.pid
 
 home() { nsenter -n -t "$home_pid" -- "$@"; }
 has_address() { ip -4 addr show dev "$1" | grep -q "inet $2 "; }
-
 has_gateway() { ip route show | grep -q "default via $1 "; }
 in_own_network() { [ "$(readlink "/proc/$1/ns/net")" != "$(readlink /proc/self/ns/net)" ]; }
 
@@ -13,7 +12,7 @@ make_networks() {
     /full-ip link add wlan0 type veth peer name home0 netns "$home_pid"
     home /full-ip link set home0 up
     home /full-ip addr add 10.9.0.1/24 broadcast + dev home0
-    echo WPA_DRIVER=wired >>/etc/netwarden-board/board.conf
+    printf '%s\n' WPA_DRIVER=wired DHCP_PAUSE_S=1 DHCP_ARP_MS=100 >>/etc/netwarden-board/board.conf
     rm -rf "$state"
     ifup -a
 }
@@ -44,8 +43,8 @@ goes_down_clean() {
 ifup_gets_a_lease_and_does_not_wait_for_it() {
     provision --clmode dhcp
     timeout 4 ifup wlan0
-    kill -16 "$(cat $pidfile)"
     dhcp_server 10.9.0.1 10.9.0.1 9.9.9.9
+    kill -16 "$(cat $pidfile)"
     until_true 15 has_address wlan0 10.9.0.50/24
     until_true 3 grep -qx 'nameserver 9.9.9.9' /etc/resolv.conf
     [ "$(stat -c %G /var/run/wpa_supplicant/wlan0) $(stat -c %a /etc/wpa_supplicant.conf)" = 'apps 600' ]
@@ -63,11 +62,12 @@ renews_by_signal() {
 # The mode changes while a lease is held: the address must not be missed for a moment.
 no_arp_mode_keeps_the_address() {
     /full-ip -4 monitor address dev wlan0 >/tmp/changes &
-    network_dhcp_arp_control.sh enable
-    no_arp_probe
-    network_dhcp_arp_control.sh disable
-    exits 1 no_arp_probe
-    sleep 1
+    for mode in 'enable 0' 'disable 1'; do
+        : >/etc/resolv.conf
+        network_dhcp_arp_control.sh "${mode% *}"
+        exits "${mode#* }" no_arp_probe
+        until_true 10 grep -q 8.8.4.4 /etc/resolv.conf # the new client has its lease
+    done
     kill $!
     has_address wlan0 10.9.0.50/24
     exits 1 grep Deleted /tmp/changes
