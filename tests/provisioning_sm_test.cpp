@@ -31,26 +31,35 @@ std::optional<std::string> answer(const std::string &topic, const std::string &t
 }
 
 // Parts of stories and the words for them here, each found in what the ones above left.
-const std::pair<std::regex, const char *> kWords[]{
-    {std::regex(R"-(network.interface wlan.\n|sudo |network_device_interfaces_control.sh )-"), ""},
-    {std::regex(R"-(\{"wifistat":\{"wifi":(\w+),"uap":\w+\}\})-"), "wifistat $1"},
-    {std::regex(R"-(network/events (wifistat .*)\nbrisk/robot/events \1)-"), "$1"},
-    {std::regex(R"-(\{"netinfo":\{.*\}\})-"), "netinfo"},
-    {std::regex(R"-(network/events \{"wlcfg":\{"sec":[07],"ssid":"41"\}\})-"), "wlcfg"},
-    {std::regex(R"-(5 \{"event":"disconnect_local"\}\nwait 100000)-"), "app off"},
-    {std::regex(R"-(robot/debug \{"command":"(\w+)"\})-"), "say $1"},
-    {std::regex(R"-(network.last_prov_status (\d+)\nwifi = \1)-"), "save $1"},
-    {std::regex("hostapd_cli -ip2p0 all_sta"), "look"},
-    {std::regex("\n"), "; "},
-    {std::regex(R"-(--interface=(\w+) --action=(\w+); sleep 1)-"), "$2 $1"},
-    {std::regex("del monitor; add softap; provision --apssid Plover-0123 --apchan 6 --aphwmode g; "
-                "ifdown wlan1; ifup wlan1"),
-     "AP up"},
-    {std::regex("ifdown wlan1; del softap"), "AP down"},
-    {std::regex("ifdown wlan0; wifi = 11"), "down"},
-    {std::regex("; /opt/halvik/bin/wifilogs.sh [^;]*/syslog-prov-fail-wifilog.gz.*64\""), ", log"},
-    {std::regex("ifdown wlan0; sleep 1; ifup wlan0; wpa_cli -iwlan0 reconfigure"), "connect"},
-};
+constexpr char kWords[] = R"-(
+network.interface wlan.\n|sudo\s|network_device_interfaces_control.sh\s ->
+\{"wifistat":\{"wifi":(\w+),"uap":\w+\}\} -> wifistat $1
+network/events (wifistat .*)\nbrisk/robot/events \1 -> $1
+\{"netinfo":\{.*\}\} -> netinfo
+network/events \{"wlcfg":\{"sec":[07],"ssid":"41"\}\} -> wlcfg
+robot/debug \{"command":"(\w+)"\} -> say $1
+network.last_prov_status (\d+)\nwifi = \1 -> save $1
+hostapd_cli -ip2p0 all_sta -> look
+\n -> ;
+5 \{"event":"disconnect_local"\}; wait 100000 -> app off
+Error publishing \{"event":"disconnect_local"\} tarn request.; wait 100000 -> no app
+--interface=(\w+) --action=(\w+); sleep 1 -> $2 $1
+local/cmd \{"command":"ipdone"\}; network.ssid 41; network.ip_config provision given -> saved
+provision --apssid Plover-0123 --apchan 6 --aphwmode g -> named
+del monitor; add softap; named; ifdown wlan1; ifup wlan1 -> AP up
+ifdown wlan1; del softap -> AP down
+ifdown wlan0; wifi = 11 -> down
+provisioning_stop: failed to stop softAP -> no AP stop
+provisioning_stop: failed to stop stop station -> no stop
+; /opt/halvik/bin/wifilogs.sh [^;]*/syslog-prov-fail-wifilog.gz.base64" -> , log
+ifdown wlan0; sleep 1; ifup wlan0; wpa_cli -iwlan0 reconfigure -> connect
+provision saved; connect; wifi = 8 -> home
+say provstart; app off; down -> start
+save 10; wifistat 10; btmanager wifistat 10 -> error 10
+AP down; save 8; wifistat 8 -> away
+provision given; wlcfg -> given
+hostapd_cli -iwlan1 disassociate 02:0a:0b:0c:0d:0e -> sent away
+)-";
 
 std::vector<std::string> words(const char *text) {
     std::istringstream stream(text);
@@ -65,67 +74,38 @@ const auto kEvents = words(
     "PROVISIONING_NETWORK_STATIC_CONFIG_RX PROVISIONING_WACTIVATED PROVISIONING_DHCP_COMPLETE "
     "PROVISIONING_RETRY_PASSWORD PROVISIONING_ERROR PROVISIONING_COMPLETE 17");
 
-// What a posted event does, by the state that it meets. In a state without a row it does nothing
-// but warn.
-struct row {
-    int event;
-    std::string states;
-    int next;  // state; kStay: the same
-    std::string story;
-};
-constexpr int kStay = -1;
-constexpr int kTick = -1;  // no event
-const std::string kSaved = "AP down; down, log; provision saved; connect; wifi = 8; ";
-const std::string kStart = "say provstart; app off; down; ", kUp = kStart + "AP up; look; ";
-const std::string kHome = "AP down; provision saved; connect; wifi = 8; ";
-const std::string kAway = "AP down; save 8; wifistat 8; ";
-const std::string kGiven = "provision given; wlcfg; ";
-const row kRows[]{
-    {MFG_WIFI_TEST, "012345", 1, "down; Unhandled prov event MFG_WIFI_TEST; "},
-    {TRAIN_START, "0", 5, "down; AP up; say trainstart; "},
-    {TRAIN_START, "1234", 5, "say provabort; AP down; down, log; down; AP up; say trainstart; "},
-    {TRAIN_START, "5", kStay, ""},
-    {TRAIN_DISCONNECT, "5", kStay, "say traindisconnect; "},
-    {TRAIN_CONNECT, "5", kStay, "say trainconnect; "},
-    {TRAIN_ABORT, "5", 0, kHome + "say trainabort; "},
-    {TRAIN_END, "5", 0, kHome + "say traindone; "},
-    {PROVISIONING_ACTIVATED, "12", 1, kStart + "look; "},
-    {PROVISIONING_ACTIVATED, "034", 1, kUp},
-    {PROVISIONING_ACTIVATED, "5", 1, "AP down; say trainabort; " + kUp},
-    {PROVISIONING_TIMEOUT, "0", kStay, ""},
-    {PROVISIONING_TIMEOUT, "1234", 0, "say provfail; " + kSaved},
-    {PROVISIONING_ABORT, "05", kStay, ""},
-    {PROVISIONING_ABORT, "1234", 0, "say provabort; " + kSaved},
-    {PROVISIONING_NETWORK_CONFIG_RX, "012", 2, kGiven},
-    {PROVISIONING_NETWORK_CONFIG_RX, "34", 2, "down; " + kGiven},
-    {PROVISIONING_NETWORK_STATIC_CONFIG_RX, "012", 2, kGiven},
-    {PROVISIONING_NETWORK_STATIC_CONFIG_RX, "34", 2, "down; " + kGiven},
-    {PROVISIONING_WACTIVATED, "0134", kStay,
-     "Error unexpected event PROVISIONING_WACTIVATED , ignoring; "},
-    {PROVISIONING_WACTIVATED, "2", 3, "app off; " + kAway + "connect; save 8; "},
-    {PROVISIONING_DHCP_COMPLETE, "0124", kStay, ""},
-    {PROVISIONING_DHCP_COMPLETE, "3", 4,
-     "wifistat 8; network/events netinfo; btmanager netinfo; wlcfg; "
-     "local/cmd {\"command\":\"ipdone\"}; network.ssid 41; network.ip_config provision given; "
-     "network.addr_type 1; "},
-    {PROVISIONING_RETRY_PASSWORD, "0124", kStay,
-     "Not able to retry password due to current state; "},
-    {PROVISIONING_RETRY_PASSWORD, "3", kStay, "wpa_cli -iwlan0 select_network 0; "},
-    {PROVISIONING_ERROR, "0", kStay,
-     "Not able to transition to PROVISIONING_ERROR due to current state; "},
-    {PROVISIONING_ERROR, "1234", 1, "wifistat 8; btmanager wifistat 8; down; "},
-    {PROVISIONING_COMPLETE, "0123", kStay, "AP down; "},
-    {PROVISIONING_COMPLETE, "4", 0, R"(2 {"event":"resetCloudConnection"}; AP down; )"},
-};
-
-// An event, posted in a state (kStay: the one before) and executed at a second while one tool
-// fails: what it does, and the state after it.
-struct step {
-    int state, event;
-    long now;
-    std::string story;
-    const char *failing = "no tool";
-};
+// An event, the states that it meets, the next state ("=" for the same), and what it does.
+constexpr char kTransitions[] = R"(
+MFG_WIFI_TEST 012345 1 down; Unhandled prov event MFG_WIFI_TEST;
+TRAIN_START 0 5 down; AP up; say trainstart;
+TRAIN_START 1234 5 say provabort; AP down; down, log; down; AP up; say trainstart;
+TRAIN_START 5 =
+TRAIN_DISCONNECT 5 = say traindisconnect;
+TRAIN_CONNECT 5 = say trainconnect;
+TRAIN_ABORT 5 0 AP down; home; say trainabort;
+TRAIN_END 5 0 AP down; home; say traindone;
+PROVISIONING_ACTIVATED 12 1 start; look;
+PROVISIONING_ACTIVATED 034 1 start; AP up; look;
+PROVISIONING_ACTIVATED 5 1 AP down; say trainabort; start; AP up; look;
+PROVISIONING_TIMEOUT 0 =
+PROVISIONING_TIMEOUT 1234 0 say provfail; AP down; down, log; home;
+PROVISIONING_ABORT 05 =
+PROVISIONING_ABORT 1234 0 say provabort; AP down; down, log; home;
+PROVISIONING_NETWORK_CONFIG_RX 012 2 given;
+PROVISIONING_NETWORK_CONFIG_RX 34 2 down; given;
+PROVISIONING_NETWORK_STATIC_CONFIG_RX 012 2 given;
+PROVISIONING_NETWORK_STATIC_CONFIG_RX 34 2 down; given;
+PROVISIONING_WACTIVATED 0134 = Error unexpected event PROVISIONING_WACTIVATED , ignoring;
+PROVISIONING_WACTIVATED 2 3 app off; away; connect; save 8;
+PROVISIONING_DHCP_COMPLETE 0124 =
+PROVISIONING_DHCP_COMPLETE 3 4 wifistat 8; network/events netinfo; btmanager netinfo; wlcfg; saved; network.addr_type 1;
+PROVISIONING_RETRY_PASSWORD 0124 = Not able to retry password due to current state;
+PROVISIONING_RETRY_PASSWORD 3 = wpa_cli -iwlan0 select_network 0;
+PROVISIONING_ERROR 0 = Not able to transition to PROVISIONING_ERROR due to current state;
+PROVISIONING_ERROR 1234 1 wifistat 8; btmanager wifistat 8; down;
+PROVISIONING_COMPLETE 0123 = AP down;
+PROVISIONING_COMPLETE 4 0 2 {"event":"resetCloudConnection"}; AP down;
+)";
 
 class ProvisioningMachine : public WifiRobot {
   protected:
@@ -150,112 +130,125 @@ class ProvisioningMachine : public WifiRobot {
         provisioning_enter_state(static_cast<provisioning_state>(state));
         forget_commands();
     }
-    static void play(std::initializer_list<step> steps) {
-        for (const auto &[state, event, now, expected, failing] : steps) {
-            if (state != kStay)
-                enter(state);
-            fake(failing, "exit 1");
-            if (event != kTick)
-                provisioning_state_machine(event);
+    // Lines of: state ("=" for the one before), event ("-" for none), second, what it does; the
+    // state after it; perhaps the tool that fails for once.
+    static void play(const std::string &steps) {
+        std::istringstream lines(steps);
+        std::string state, event, expected;
+        for (long now;
+             lines >> state >> event >> now && std::getline(lines >> std::ws, expected);) {
+            if (state != "=")
+                enter(std::stoi(state));
+            const size_t bar = std::min(expected.find(" | "), expected.size());
+            const std::string failing = "no tool" + expected.substr(bar),
+                              tool = failing.substr(failing.find_last_of(' ') + 1);
+            fake(tool, "exit 1");
+            if (event != "-")
+                provisioning_state_machine(
+                    static_cast<int>(std::ranges::find(kEvents, event) - kEvents.begin()));
             provisioning_timer_tick(now);
-            fake(failing, "exit 0");
-            std::string text = story("src/provisioning_sm");
-            for (const auto &[what, word] : kWords)
-                text = std::regex_replace(text, what, word);
-            EXPECT_EQ(text + std::to_string(provisioning_get_state()), expected)
-                << "event " << event << " at " << now << ", state " << state;
+            fake(tool, "exit 0");
+            EXPECT_EQ(in_words() + std::to_string(provisioning_get_state()),
+                      expected.substr(0, bar))
+                << event << " at " << now << ", state " << state;
         }
+        EXPECT_TRUE(lines.eof()) << "not understood: " << steps;
+    }
+    static std::string in_words() {
+        static const auto phrases = [] {
+            std::vector<std::pair<std::regex, std::string>> pairs;
+            std::istringstream lines(kWords + 1);
+            for (std::string line; std::getline(lines, line);) {
+                const size_t arrow = line.find(" ->");
+                const std::string word = line.substr(std::min(arrow + 4, line.size()));
+                pairs.emplace_back(line.substr(0, arrow), word == ";" ? "; " : word);
+            }
+            return pairs;
+        }();
+        std::string text = story("src/provisioning_sm");
+        for (const auto &[phrase, word] : phrases)
+            text = std::regex_replace(text, phrase, word);
+        return text;
     }
     const Bus bus_{answer};
 };
 
+// What happens, and the state after it.
+std::string outcome(const std::string &name, const std::string &state) {
+    std::istringstream rows(kTransitions);
+    std::string event, states, next, told;
+    while (rows >> event >> states >> next && std::getline(rows, told))
+        if (event == name && states.find(state) != states.npos)
+            return (told.empty() ? "" : told.substr(1) + " ") + (next == "=" ? state : next);
+    return (state == "5" ? "Unhandled training event " : "Unhandled prov event ") + name + "; " +
+           state;
+}
+
 TEST_F(ProvisioningMachine, EveryEventInEveryState) {
-    for (int event = 0; event <= 17; event++)
-        for (int state = 0; state <= TRAINING_MODE; state++) {
-            const std::string name = kEvents[static_cast<size_t>(event)],
-                              digit = std::to_string(state);
-            const std::string kind = state == TRAINING_MODE ? "training" : "prov";
-            row wanted{event, "", kStay, "Unhandled " + kind + " event " + name + "; "};
-            for (const row &each : kRows)
-                if (each.event == event && each.states.find(digit) != std::string::npos)
-                    wanted = each;
-            const long now = 1000 * (event * 10 + state);  // none debounces the next
-            const std::string next = wanted.next == kStay ? digit : std::to_string(wanted.next);
-            play({{state, event, now, wanted.story + next}});
-            const std::string taken =
-                "rx event " + name + " in state " + kStates[static_cast<size_t>(state)];
-            const bool is_silent = event == PROVISIONING_ABORT && (state == 0 || state == 5);
+    long now = 0;
+    for (const std::string &event : kEvents)
+        for (size_t i = 0; i < kStates.size(); i++) {
+            const std::string state = std::to_string(i),
+                              taken = "rx event " + event + " in state " + kStates[i];
+            now += 1000;  // none debounces the next
+            play(state + " " + event + " " + std::to_string(now) + " " + outcome(event, state));
+            const bool is_silent = event == "PROVISIONING_ABORT" && (state == "0" || state == "5");
             EXPECT_EQ(times_logged(taken), is_silent ? 0 : 1) << taken;
         }
 }
 
 TEST_F(ProvisioningMachine, PhoneIsSeenOnceAndSentAway) {
-    const std::string sent_away = "hostapd_cli -iwlan1 disassociate 02:0a:0b:0c:0d:0e; ";
-    const auto phone_comes = [] { fake("hostapd_cli", "echo 2:a:b:c:d:e"); };
-    play({{0, PROVISIONING_ACTIVATED, 100, kUp + "1"}, {kStay, kTick, 101, "look; 1"}});
-    phone_comes();
-    play({{kStay, kTick, 102, "look; say softapconnect; 1"},
-          {kStay, kTick, 103, "1"},
-          {kStay, PROVISIONING_ACTIVATED, 104, sent_away + kStart + "look; say softapconnect; 1"},
-          {kStay, PROVISIONING_ACTIVATED, 105,
-           sent_away + "Could not disassociate uap client; " + kStart + "look; 1", "hostapd_cli"},
-          {kStay, PROVISIONING_NETWORK_CONFIG_RX, 106, kGiven + "2"},
-          {kStay, kTick, 107, "2"}});  // looked for until there are settings
-    phone_comes();
-    play({{1, kTick, 108, "look; say softapconnect; 1"},
-          {2, PROVISIONING_WACTIVATED, 109,
-           "app off; " + sent_away + kAway + "connect; save 8; 3"}});
+    play("0 PROVISIONING_ACTIVATED 100 start; AP up; look; 1\n= - 101 look; 1");
+    fake("hostapd_cli", "echo 2:a:b:c:d:e");
+    play(R"(
+= - 102 look; say softapconnect; 1
+= - 103 1
+= PROVISIONING_ACTIVATED 104 sent away; start; look; say softapconnect; 1
+= PROVISIONING_ACTIVATED 105 sent away; Could not disassociate uap client; start; look; 1 | hostapd_cli
+= PROVISIONING_NETWORK_CONFIG_RX 106 given; 2
+= - 107 2)");
+    fake("hostapd_cli", "echo 2:a:b:c:d:e");
+    play(R"(
+1 - 108 look; say softapconnect; 1
+2 PROVISIONING_WACTIVATED 109 app off; sent away; away; connect; save 8; 3)");
 }
 
 TEST_F(ProvisioningMachine, ManufacturingTestEndsWithTheConnect) {
-    const std::string connect = "connect; save 8; ", told = R"(1 {"wifistat": {"wifi": 8}}; )";
-    const std::string refused =
-        "Error publishing {\"event\":\"disconnect_local\"} tarn request.; wait 100000; ";
-    play({{0, MFG_WIFI_TEST, 1, "down; Unhandled prov event MFG_WIFI_TEST; 1"},
-          {2, PROVISIONING_WACTIVATED, 2, "app off; " + kAway + told + connect + "0"}});
+    play(R"(
+0 MFG_WIFI_TEST 1 down; Unhandled prov event MFG_WIFI_TEST; 1
+2 PROVISIONING_WACTIVATED 2 app off; away; 1 {"wifistat": {"wifi": 8}}; connect; save 8; 0)");
     exchange_network_tarn_handle(nullptr);
-    const std::string untold = "network_send_tarn_req failed; ";
-    play({{2, PROVISIONING_WACTIVATED, 3, refused + kAway + untold + connect + "0"},
-          {0, PROVISIONING_ACTIVATED, 4, "say provstart; " + refused + "down; AP up; look; 1"},
-          {2, PROVISIONING_WACTIVATED, 5, refused + kAway + connect + "3"}});  // the owner's own
+    play(R"(
+2 PROVISIONING_WACTIVATED 3 no app; away; network_send_tarn_req failed; connect; save 8; 0
+0 PROVISIONING_ACTIVATED 4 say provstart; no app; down; AP up; look; 1
+2 PROVISIONING_WACTIVATED 5 no app; away; connect; save 8; 3)");  // the owner's own
     EXPECT_EQ(is_wifi_state_update_after_prov_done(), 0);
 }
 
 TEST_F(ProvisioningMachine, ToolsThatFail) {
-    const std::string error = "save 10; wifistat 10; btmanager wifistat 10; ", off = "app off; ";
-    const std::string no_training =
-        "provisioning_train_start: failed to turn on softAP for training; ";
-    const std::string is_up = "provisioning_train_stop: failed to stop softAP; ";
-    const std::string failed = "; provisioning_stop: failed to stop ";
-    play({{0, TRAIN_START, 1, "down; AP up; " + no_training + "0", "ifup"},
-          {0, PROVISIONING_ACTIVATED, 2, kStart + "AP up; 1", "ifup"},
-          {2, PROVISIONING_WACTIVATED, 3,
-           off + kAway + "ifdown wlan0; sleep 1; ifup wlan0; " + error + "down; 1", "ifup"},
-          {2, PROVISIONING_WACTIVATED, 4, off + "AP down; " + error + "ifdown wlan0; look; 1",
-           "ifdown"},
-          {5, TRAIN_ABORT, 5, "AP down; " + is_up + "say trainabort; 5", "ifdown"},
-          {1, PROVISIONING_TIMEOUT, 6,
-           "say provfail; AP down" + failed + "softAP; ifdown wlan0" + failed +
-               "stop station, log; provision saved; connect; wifi = 8; 0",
-           "ifdown"},
-          {3, PROVISIONING_NETWORK_CONFIG_RX, 7, "down; provision given; " + error + "down; 1",
-           "provision"}});
+    play(R"(
+0 TRAIN_START 1 down; AP up; provisioning_train_start: failed to turn on softAP for training; 0 | ifup
+0 PROVISIONING_ACTIVATED 2 start; AP up; 1 | ifup
+2 PROVISIONING_WACTIVATED 3 app off; away; ifdown wlan0; sleep 1; ifup wlan0; error 10; down; 1 | ifup
+2 PROVISIONING_WACTIVATED 4 app off; AP down; error 10; ifdown wlan0; look; 1 | ifdown
+5 TRAIN_ABORT 5 AP down; provisioning_train_stop: failed to stop softAP; say trainabort; 5 | ifdown
+1 PROVISIONING_ABORT 6 say provabort; AP down; no AP stop; ifdown wlan0; no stop, log; home; 0 | ifdown
+3 PROVISIONING_NETWORK_CONFIG_RX 7 down; provision given; error 10; down; 1 | provision)");
 }
 
 // Both sides are whole seconds, of which the milliseconds wrap within 32 bits.
 TEST_F(ProvisioningMachine, AbortIsIgnoredInTheSecondOfTheStart) {
-    const std::string training = "down; AP up; say trainstart; 5";
-    const std::string home = kHome + "say trainabort; 0";
-    const long month = 30L * 24 * 3600;
-    for (const long now : {100L, 2147483L, 4294967L})
-        play({{0, PROVISIONING_ACTIVATED, now, kUp + "1"},
-              {kStay, PROVISIONING_ABORT, now, "look; 1"},
-              {kStay, PROVISIONING_ABORT, now + 1, "say provabort; " + kSaved + "0"},
-              {kStay, TRAIN_START, now, training},
-              {kStay, TRAIN_ABORT, now, "5"},
-              {kStay, TRAIN_ABORT, now + 1, home},
-              {kStay, TRAIN_START, now, training},
-              {kStay, TRAIN_ABORT, now + month, home}});
+    for (const long now : {100L, 2147483L, 4294967L}) {
+        const std::string at = " " + std::to_string(now) + " ",
+                          next = " " + std::to_string(now + 1) + " ";
+        const std::string month_later = " " + std::to_string(now + 30L * 24 * 3600) + " ";
+        const std::string training = "= TRAIN_START" + at + "down; AP up; say trainstart; 5\n";
+        play("0 PROVISIONING_ACTIVATED" + at + "start; AP up; look; 1\n" + "= PROVISIONING_ABORT" +
+             at + "look; 1\n" + "= PROVISIONING_ABORT" + next +
+             "say provabort; AP down; down, log; home; 0\n" + training + "= TRAIN_ABORT" + at +
+             "5\n" + "= TRAIN_ABORT" + next + "AP down; home; say trainabort; 0\n" + training +
+             "= TRAIN_ABORT" + month_later + "AP down; home; say trainabort; 0\n");
+    }
     const std::string reason = "abort due to button debounce timer";
     EXPECT_EQ(times_logged("ignoring " + reason), 6);
     EXPECT_EQ(times_logged("ignoring prov " + reason) * times_logged("ignoring train " + reason),
@@ -263,30 +256,32 @@ TEST_F(ProvisioningMachine, AbortIsIgnoredInTheSecondOfTheStart) {
 }
 
 TEST_F(ProvisioningMachine, TimesOutAfterTwentyMinutes) {
-    play({{0, PROVISIONING_ACTIVATED, 100, kUp + "1"},
-          {kStay, kTick, 1300, "look; 1"},
-          {kStay, kTick, 1301, "PROVISIONING TIMEOUT; look; 1"},
-          {kStay, kTick, 1301, "say provfail; " + kSaved + "0"},
-          {kStay, PROVISIONING_ACTIVATED, 100, kUp + "1"},
-          {4, PROVISIONING_COMPLETE, 101, R"(2 {"event":"resetCloudConnection"}; AP down; 0)"}});
+    play(R"(
+0 PROVISIONING_ACTIVATED 100 start; AP up; look; 1
+= - 1300 look; 1
+= - 1301 PROVISIONING TIMEOUT; look; 1
+= - 1301 say provfail; AP down; down, log; home; 0
+= PROVISIONING_ACTIVATED 100 start; AP up; look; 1
+4 PROVISIONING_COMPLETE 101 2 {"event":"resetCloudConnection"}; AP down; 0)");
     EXPECT_EQ(is_wifi_state_update_after_prov_done(), 1);
-    play({{1, kTick, 9999, "1"}});  // no deadline any more
+    play("1 - 9999 1");  // no deadline any more
 }
 
 TEST_F(ProvisioningMachine, TrainingEndsByItsCounterUnlessTheAppIsThere) {
     const auto ticks = [](int number) {
         for (int i = 0; i < number; i++)
             provisioning_timer_tick(200);
+        forget_commands();
     };
     for (const int start : {int{TRAIN_START}, int{TRAIN_DISCONNECT}}) {
         provisioning_state_machine(start);
         ticks(7200);
-        forget_commands();
-        play({{kStay, kTick, 201, kHome + "say trainabort; 0"},
-              {kStay, TRAIN_START, 300, "down; AP up; say trainstart; 5"},
-              {kStay, TRAIN_CONNECT, 301, "say trainconnect; 5"}});
+        play(R"(
+= - 201 AP down; home; say trainabort; 0
+= TRAIN_START 300 down; AP up; say trainstart; 5
+= TRAIN_CONNECT 301 say trainconnect; 5)");
         ticks(7300);
-        play({{kStay, kTick, 302, "5"}});
+        play("= - 302 5");
     }
 }
 
@@ -297,12 +292,12 @@ TEST_F(ProvisioningMachine, SevenPostsAreExecutedTheEighthLosesAll) {
             provisioning_state_machine(PROVISIONING_RETRY_PASSWORD);
             refusals += "Not able to retry password due to current state; ";
         }
-        play({{kStay, kTick, 1, (posts == 8 ? "" : refusals) + "0"}});
+        play("= - 1 " + (posts == 8 ? "" : refusals) + "0");
     }
     enter(1);
     provisioning_state_machine(PROVISIONING_ACTIVATED);
     provisioning_state_machine(PROVISIONING_ABORT);  // forgotten by the new start
-    play({{kStay, kTick, 100, kStart + "look; 1"}});
+    play("= - 100 start; look; 1");
 }
 
 }  // namespace

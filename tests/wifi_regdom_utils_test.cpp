@@ -2,24 +2,7 @@
 // says what the test wants.
 #include "wifi_regdom_utils.h"
 
-#include <fcntl.h>
-#include <sys/syscall.h>
-
-#include <cstdarg>
-#include <filesystem>
-
 #include "wifi_robot.h"
-
-// The radio's NV file lies on a partition of its own, which the tests have in /tmp.
-extern "C" int open(const char *path, int flags, ...) {
-    va_list rest;
-    va_start(rest, flags);
-    const std::string place = std::string(path).starts_with("/persist/") ? "/tmp" : "";
-    const long result = syscall(SYS_openat, AT_FDCWD, (place + path).c_str(), flags,
-                                (flags & O_CREAT) != 0 ? va_arg(rest, int) : 0);
-    va_end(rest);
-    return static_cast<int>(result);
-}
 
 namespace {
 
@@ -91,26 +74,6 @@ TEST_F(Regdom, StepsThatFailAreNoDomain) {
         EXPECT_EQ(wifi_regdom_utils_set_regdomain("US"), -1) << tool;
         EXPECT_EQ(times_logged(text), 1) << text;
     }
-}
-
-// What else a file may hold is the fuzz target's.
-TEST_F(Regdom, NvFileIsPatchedBehindABackup) {
-    const std::string file = "/tmp/persist/WCNSS_qcom_wlan_nv.bin";
-    EXPECT_EQ(wifi_regdom_utils_patch_nv_file(), -1);
-    write_file(file, "");
-    EXPECT_EQ(wifi_regdom_utils_patch_nv_file(), -1);
-    write_file(file, "\3BRI-\3\3BRI");
-    EXPECT_EQ(wifi_regdom_utils_patch_nv_file(), 0);
-    EXPECT_EQ(read_file(file), "\3\60\60I-\3\3\60\60I");
-    EXPECT_EQ(read_file(file + ".bak"), "\3\60\60I-\3\3BRI");
-    for (const std::string &refusing : {file + ".bak", file}) {  // a folder cannot be written to
-        write_file(file, "\3BRI");
-        std::filesystem::remove_all(refusing);
-        std::filesystem::create_directory(refusing);
-        EXPECT_EQ(wifi_regdom_utils_patch_nv_file(), -1) << refusing;
-    }
-    for (const char *text : {"error opening nv", "can't read", "read 10 bytes of 10", "error 21"})
-        EXPECT_TRUE(logged(text)) << log_text();
 }
 
 }  // namespace

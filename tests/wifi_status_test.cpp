@@ -188,12 +188,13 @@ TEST_F(WifiStatus, EventsChangeTheLink) {
     const std::string refresh = "sudo wpa_cli -iwlan0 status\n";
     for (const auto &[event, link] :
          {std::pair(+kConnected, std::string("connected ")),
-          {"<3>AP-STA-CONNECTED 02:00:00:00:00:02", "connected "},
+          {"<3>AP-STA-CONNECTED x CTRL-EVENT-TERMINATING ", "connected "},
+          {"AP-STA-DISCONNECTED x CTRL-EVENT-ASSOC-REJECT x", "connected "},
           {kRejected, "connected refused connection to AP rejected\n"},
           {kDisconnected, "refused "},
           {"CTRL-EVENT-TERMINATING ", "refused wpa_supplicant is terminating - stop monitoring\n"},
           {kConnected, "connected "},
-          {"AP-STA-DISCONNECTED x CTRL-EVENT-DISCONNECTED x", ""},  // not in the text's order
+          {"AP-STA-CONNECTED x CTRL-EVENT-DISCONNECTED x", ""},  // not in the text's order
           {"CTRL-EVENT-SUBNET-STATUS-UPDATE status=0", refresh},
           {"CTRL-EVENT-CONNECTED", ""}}) {
         forget_commands();
