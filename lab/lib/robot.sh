@@ -46,9 +46,10 @@ daemon_pid() { cat $LAB/daemon.pid; }
 
 # stop_daemon: kills netwarden, which has no orderly end.
 stop_daemon() {
+    touch $LAB/stopping
     kill -9 "$(daemon_pid)"
     while [[ ! -e $LAB/daemon.exit ]]; do sleep 0.1; done
-    rm $LAB/daemon.exit $LAB/daemon.pid
+    rm $LAB/daemon.exit $LAB/daemon.pid $LAB/stopping
 }
 
 # new_robot_up [ARGUMENT OF start_peers...]: a robot without settings, with its other processes.

@@ -65,23 +65,45 @@ robot_in_storm() {
     saved_network >$LAB/saved.before
     things_in_tmp >$LAB/tmp.before
     threads=$(daemon_count task) descriptors=$(daemon_count fd) memory=$(daemon_status RssAnon) born=$(daemon_pid)
-    touch $LAB/asking
     background asker storm_asks
+    background rebooter storm_reboots
 }
 
 saved_network() { (cd "$STORE" && grep -a '' network.* | grep -av '^network\.\(last_prov_status\|interface\):'); }
 things_in_tmp() { (cd /tmp && find . ! -name 'syslog-*' | sort); }
 
-# A peer's requests, one each two seconds; not while nobody could answer them.
+# A peer's requests, one each two seconds; not while nobody could answer them: each fault that silences the daemon says
+# until when (by uptime_s).
 storm_asks() {
     local id
     for ((id = 1; ; id++)); do
-        [[ ! -e $LAB/asking ]] || publish tarn/network/req/30/$id '{"get":"channel"}' || true
+        ! cat $LAB/unasked.* 2>/dev/null | awk -v now="$(uptime_s)" '$1 > now { quiet = 1 } END { exit !quiet }' &&
+            publish tarn/network/req/30/$id '{"get":"channel"}'
         sleep 2
     done
 }
-unasked() { rm -f $LAB/asking; sleep 4; }
-asked_again() { sleep "${1:-1}"; touch $LAB/asking; }
+unasked() { echo 1000000000 >$LAB/unasked.${FUNCNAME[1]}; sleep 4; }   # what was asked before is answered
+asked_again() { awk -v after="$1" '{ print $1 + after }' /proc/uptime >$LAB/unasked.${FUNCNAME[1]}; }
+
+# A reboot that the daemon asks for: all that runs is gone, and what the board starts at boot is there again.
+storm_reboots() {
+    local seen=0
+    while sleep 1; do
+        (($(cat $LAB/reboots 2>/dev/null | wc -l) > seen)) || continue
+        exec 9>$LAB/daemon.lock; flock 9
+        echo "[$(uptime_s)] reboot" >>"$LAB_RESULTS/storm.log"
+        unasked
+        [[ ! -e $LAB/daemon.pid ]] || stop_daemon
+        pkill -KILL 'wpa_supplicant|udhcpc|hostapd' -f --ns $$ --nslist net || true
+        ip link set wlan0 down 2>/dev/null || true
+        rm -rf /tmp/* /run/netwarden-board /run/ifstate
+        ifup -a || true
+        start_daemon
+        asked_again 20
+        exec 9>&-
+        seen=$(wc -l <$LAB/reboots)
+    done
+}
 
 # storm_draw SEED MINUTES [NUMBER...]: $LAB/faults: number, begin, end (s), what it befalls, fault, a number for its choices.
 storm_draw() {
@@ -124,16 +146,14 @@ storm_plays() {
 storm_heals() {
     local began restarts
     began=$(uptime_s)
-    unasked
     expect "state 1, an address, the gateway's answer" $STORM_HEALS_S is_home
     figure "home again after" "$(since "$began") s"
-    asked_again
     sleep 70   # whatever the last fault has set off ends, and the watchdog looks three times
     is_home || fail "at home, and lost again"
     newest netinfo "\"addr\":\"$(robot_address)\".*\"bssid\":\"$(home_bssid)\"" || fail "its netinfo is not the system's"
     newest wlcfg "\"ssid\":\"$(hex "$HOME_SSID")\"" || fail "its wlcfg is not the home's"
     saved_network | diff $LAB/saved.before - || fail "the saved network has changed"
-    expect "no file more in /tmp" 60 nothing_more_in_tmp
+    wait_until 60 nothing_more_in_tmp || fail "more files in /tmp: $(things_in_tmp | grep -vxFf $LAB/tmp.before)"
     expect "$threads threads, not $(daemon_count task)" 60 eval '(($(daemon_count task) == threads))'
     (($(daemon_count fd) <= descriptors)) || fail "$descriptors descriptors have become $(daemon_count fd)"
     expect "no child" 60 eval '[[ ! $(pgrep -P "$(daemon_pid)") ]]'
@@ -249,7 +269,13 @@ mission() {
     if [[ $1 == on ]]; then touch $LAB/in-mission; else rm $LAB/in-mission; fi
     publish brisk/network/events "{\"cleanMissionStatus\":{\"cycle\":\"$([[ $1 == on ]] && echo clean || echo none)\",\"phase\":\"run\"}}" || true
 }
-daemon_killed() { if [[ $1 == on ]]; then unasked; stop_daemon; else start_daemon; asked_again 15; fi; }
+daemon_killed() {
+    (
+        flock 9
+        if [[ $1 == on ]]; then unasked; [[ ! -e $LAB/daemon.pid ]] || stop_daemon
+        elif [[ ! -e $LAB/daemon.pid ]]; then start_daemon; asked_again 20; fi
+    ) 9>$LAB/daemon.lock
+}
 clock_wrong() {
     local years=$(($2 % 2 ? 3 : -3))
     [[ $1 == on ]] || years=$((-years))

@@ -37,7 +37,7 @@ uptime_s() { cut -d' ' -f1 /proc/uptime; }
 since() { awk -v began="$1" '{ printf "%.1f\n", $1 - began }' /proc/uptime; }
 
 # alive: the daemon, if it was started, has not ended.
-alive() { [[ ! -e $LAB/daemon.exit ]] || fail "netwarden ended with status $(<$LAB/daemon.exit)"; }
+alive() { [[ ! -e $LAB/daemon.exit || -e $LAB/stopping ]] || fail "netwarden ended with status $(<$LAB/daemon.exit)"; }
 
 # wait_until SECONDS COMMAND...: waits until COMMAND succeeds; returns 1 when it did not in time.
 wait_until() {
