@@ -129,6 +129,15 @@ TEST_F(Ctl, AsksAndProvisionsTheRobot) {
     EXPECT_TRUE(eventually([&] { return run("provision --abort --timeout 1") == 0; },
                            std::chrono::seconds(20)));
     EXPECT_THAT(out, HasSubstr("provabort"));
+    // Step by step, as a program does that asks the owner in between.
+    expect("provision --step start", 0, {"provstart"});
+    EXPECT_THAT(out, Not(HasSubstr("wlcfg")));
+    expect("provision --step settings --ssid 4g --hex --open", 2, {"no hexadecimal"});
+    client = start_client("provision --step settings --ssid 486f6d65 --hex --open");
+    EXPECT_TRUE(prints("connecting"));
+    publish("local/cmd", R"({"command":"ipdone"})");
+    EXPECT_EQ(finish(client), 0) << out;
+    EXPECT_THAT(out, AllOf(HasSubstr("join \"Home\""), Not(HasSubstr("the app is done"))));
 }
 
 }  // namespace

@@ -34,7 +34,9 @@ std::optional<std::string> probe_host(const std::string &host, double limit_s);
 
 // --- provision.cpp
 struct ProvisionOptions {
+    std::string step;  // this one only; all when empty
     std::string ssid;
+    bool ssid_is_hex = false;
     std::string pass_file;  // asks on the terminal when empty and not open
     bool open = false;
     bool static_address = false;

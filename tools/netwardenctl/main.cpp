@@ -120,6 +120,13 @@ void add_provisioning(CLI::App &app, Arguments &a) {
         "connected (180 s), and end it",
         [&a] { return a.end ? abort_provisioning(a.options) : provision(a.options, a.settings); });
     CLI::Option *const ssid = prov->add_option("--ssid", a.settings.ssid, "The home's network");
+    prov->add_flag("--hex", a.settings.ssid_is_hex,
+                   "Its name is given as two hexadecimal digits a byte")
+        ->needs(ssid);
+    prov->add_option("--step", a.settings.step,
+                     "Play this step only: start it, send the settings and wait until the robot is "
+                     "connected, or confirm that, which ends it")
+        ->check(CLI::IsMember({"start", "settings", "end"}));
     add_password(prov, a);
     add_addresses(prov, a);
     prov->add_flag("--tidelink", a.settings.tidelink,

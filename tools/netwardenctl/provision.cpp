@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstring>
 #include <functional>
+#include <optional>
 
 #include "commands.h"
 #include "connection.h"
@@ -19,6 +20,7 @@ namespace ctl {
 namespace {
 
 constexpr double kStartS = 30;  // the robot may be busy with its scripts
+constexpr double kTakeS = 60;   // it ends its soft AP first
 constexpr double kWholeRunS = 180;
 constexpr double kEndS = 10;
 constexpr size_t kLongestSsid = 32;  // bytes, IEEE 802.11
@@ -103,16 +105,23 @@ void add_static_address(json_t *wlcfg, const ProvisionOptions &settings) {
             add_text(wlcfg, key, *text);
 }
 
-std::string settings_message(const ProvisionOptions &settings) {
-    if (settings.ssid.empty() || settings.ssid.size() > kLongestSsid)
+std::string ssid_of(const ProvisionOptions &settings) {
+    const auto ssid = settings.ssid_is_hex ? from_hex(settings.ssid) : settings.ssid;
+    if (!ssid)
+        throw Failure(kUsage, "--ssid: no hexadecimal digits");
+    if (ssid->empty() || ssid->size() > kLongestSsid)
         throw Failure(kUsage, "--ssid: 1 to 32 bytes");
+    return *ssid;
+}
+
+std::string settings_message(const ProvisionOptions &settings, const std::string &ssid) {
     std::string pass;  // sent empty for an open network: absent, an earlier one would stay
     if (!settings.pass_file.empty())
         pass = read_secret_file(settings.pass_file);
     else if (!settings.open)
-        pass = ask_for_secret("password of " + printable(settings.ssid) + ": ");
-    const Json root(json_pack("{s:{s:s, s:s}, s:b}", "wlcfg", "ssid", to_hex(settings.ssid).c_str(),
-                              "pass", to_hex(pass).c_str(), "wactivate", 1));
+        pass = ask_for_secret("password of " + printable(ssid) + ": ");
+    const Json root(json_pack("{s:{s:s, s:s}, s:b}", "wlcfg", "ssid", to_hex(ssid).c_str(), "pass",
+                              to_hex(pass).c_str(), "wactivate", 1));
     if (settings.static_address)
         add_static_address(json_object_get(root.get(), "wlcfg"), settings);
     if (!settings.robot_pass_file.empty()) {
@@ -174,6 +183,14 @@ void await_phone(Connection &robot, const Printer &printer, Deadline end) {
         throw Failure(kRefused, "no phone has joined the soft AP in time");
 }
 
+constexpr json_int_t kConnecting = 8;
+
+// Nothing when the message does not tell it.
+std::optional<json_int_t> wifi_state(const json_t *message) {
+    const json_t *wifi = json_object_get(json_object_get(message, "wifistat"), "wifi");
+    return wifi != nullptr ? std::optional(json_integer_value(wifi)) : std::nullopt;
+}
+
 // Wi-Fi states that end the attempt: the robot goes back to waiting for settings.
 bool is_failure(json_int_t state) {
     constexpr std::array<json_int_t, 7> kFailures{-1, 2, 3, 4, 6, 9, 10};
@@ -184,12 +201,31 @@ bool is_failure(json_int_t state) {
 bool is_connected(const json_t *message) {
     constexpr char kStillThere[] =
         ". The robot still waits for settings: run it again, or end it with provision --abort";
-    const json_t *wifi = json_object_get(json_object_get(message, "wifistat"), "wifi");
-    if (wifi != nullptr && is_failure(json_integer_value(wifi)))
-        throw Failure(kRefused, wifi_state_text(json_integer_value(wifi)) + kStillThere);
+    if (const auto state = wifi_state(message); state && is_failure(*state))
+        throw Failure(kRefused, wifi_state_text(*state) + kStillThere);
     if (is_command(message, {"provfail", "provabort"}))
         throw Failure(kRefused, "the robot has ended provisioning");
     return is_command(message, {"ipdone"});
+}
+
+void send_settings(Connection &robot, const Printer &printer, const ProvisionOptions &settings,
+                   const std::string &message, Deadline end) {
+    if (settings.phone)
+        await_phone(robot, printer, end);
+    printer.step("tell",
+                 "join \"" + printable(ssid_of(settings)) + "\" (the settings, then activate)");
+    robot.tell(message);
+    bool connected = false;
+    const auto taken = [&connected](const json_t *m) {
+        connected = is_connected(m);
+        return connected || wifi_state(m) == kConnecting;
+    };
+    if (!await(robot, printer, std::min(end, deadline_after(kTakeS)), taken))
+        throw Failure(kRefused, "the robot does not take the settings. In training it takes none");
+    if (!connected && !await(robot, printer, end, is_connected))
+        throw Failure(kRefused,
+                      "not connected in time. The robot goes on trying; provision "
+                      "--abort ends it");
 }
 
 void finish(Connection &robot, const Printer &printer) {
@@ -225,28 +261,28 @@ int carry_out(const Options &options, const Order &order) {
 }  // namespace
 
 int provision(const Options &options, const ProvisionOptions &settings) {
-    const std::string message = settings_message(settings);
+    const auto plays = [&](const char *step) {
+        return settings.step.empty() || settings.step == step;
+    };
+    const std::string message =
+        plays("settings") ? settings_message(settings, ssid_of(settings)) : "";
     Connection robot(steps());
     const Printer printer(options.json);
     robot.ask(R"({"get":"channel"})");
     const Deadline end = deadline_after(options.timeout_or(kWholeRunS));
     try {
-        start_provisioning(robot, printer, settings, end);
-        if (settings.phone)
-            await_phone(robot, printer, end);
-        printer.step("tell",
-                     "join \"" + printable(settings.ssid) + "\" (the settings, then activate)");
-        robot.tell(message);
-        if (!await(robot, printer, end, is_connected))
-            throw Failure(kRefused,
-                          "not connected in time. The robot goes on trying; provision "
-                          "--abort ends it");
-        finish(robot, printer);
+        if (plays("start"))
+            start_provisioning(robot, printer, settings, end);
+        if (plays("settings"))
+            send_settings(robot, printer, settings, message, end);
+        if (plays("end"))
+            finish(robot, printer);
     } catch (const Interrupted &) {
         fputs("netwardenctl: the robot goes on provisioning; provision --abort ends it\n", stderr);
         throw;
     }
-    printer.step("done", "provisioned");
+    if (settings.step.empty())
+        printer.step("done", "provisioned");
     return kDone;
 }
 
