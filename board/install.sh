@@ -50,11 +50,16 @@ put 755 wifilogs.sh /opt/halvik/bin/wifilogs.sh
 for part in common.sh radio.sh; do
     put 644 "lib/$part" "/usr/lib/netwarden-board/$part"
 done
-for part in station softap udhcpc-relay; do
+for part in station softap setup udhcpc-relay; do
     put 755 "lib/$part" "/usr/lib/netwarden-board/$part"
 done
 put 644 www/index.html /usr/share/netwarden-board/www/index.html
 put 755 www/cgi-bin/status /usr/share/netwarden-board/www/cgi-bin/status
+
+for part in style.css script.js portals networks.awk html.awk show.awk raw.awk rows.awk form.awk lang/en lang/de; do
+    put 644 "setup/$part" "/usr/share/netwarden-board/setup/$part"
+done
+put 755 setup/page /usr/share/netwarden-board/setup/cgi-bin/index.cgi
 
 put_conf 644 netwarden-board/board.conf
 put_conf 644 netwarden-board/hostapd.conf.template

@@ -59,6 +59,11 @@ fi
 : "${REG_DOMAIN_DEFAULT:=00}"
 : "${DIAG_ADDR:=127.0.0.1}"
 : "${DIAG_PORT:=8080}"
+: "${SETUP_PAGE:=no}"
+: "${SETUP_BRAND:=/etc/netwarden-board/setup}"
+: "${SETUP_LANGUAGE:=en}"
+: "${SETUP_FAREWELL_S:=60}"
+: "${SETUP_LIMIT_S:=400}"
 : "${PRODUCT_RELEASE:=/etc/product-release}"
 : "${LANGUAGE_PACK:=/etc/language-pack}"
 

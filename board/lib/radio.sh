@@ -39,3 +39,9 @@ set_country() {
     done
     say "the kernel did not take the regulatory domain $wanted"
 }
+
+# station_channel: the channel of the station that is joined; 1 when it is not.
+station_channel() {
+    station_info=$(timeout 5 iw dev "$STATION" info 2>/dev/null | sed -n 's/^[[:space:]]*channel \([0-9]*\) .*/\1/p')
+    [ -n "$station_info" ] && printf '%s\n' "$station_info"
+}

@@ -40,6 +40,8 @@ exits() {
 . /test/network.sh
 # shellcheck source=tests/board/tools.sh
 . /test/tools.sh
+# shellcheck source=tests/board/page.sh
+. /test/page.sh
 
 echo "1..$count"
 [ "$failures" -eq 0 ]
