@@ -6,7 +6,7 @@ phone() { "${in_phone[@]}" "$@"; }
 in_home=(nsenter --net=/run/netns/home)
 in_phone=(nsenter --net=/run/netns/phone)
 
-# home_ap_up [ssid=..] [key=..] [security=wpa2|wpa|open|wep] [channel=N] [radio=1|2|3] [hidden=1] [rejects=1]: an
+# home_ap_up [ssid=..] [key=..] [security=wpa2|wpa|open|wep|wpa3|transition|pmf|mixed|ft|wifi6|eap] [channel=N] [radio=1|2|3] [hidden=1] [rejects=1]: an
 # access point; a hidden one does not beacon its name, one that rejects refuses every association.
 home_ap_up() {
     local ssid=$HOME_SSID key=$HOME_KEY security=wpa2 channel=6 radio=1 hidden=0 rejects=0 mode=g
@@ -23,6 +23,15 @@ home_ap_up() {
         case $security in
         wpa2) printf '%s\n' wpa=2 wpa_key_mgmt=WPA-PSK rsn_pairwise=CCMP wpa_passphrase="$key" ;;
         wpa) printf '%s\n' wpa=1 wpa_key_mgmt=WPA-PSK wpa_pairwise=TKIP wpa_passphrase="$key" ;;
+        wpa3) printf '%s\n' wpa=2 wpa_key_mgmt=SAE rsn_pairwise=CCMP ieee80211w=2 sae_password="$key" ;;
+        transition) printf '%s\n' wpa=2 wpa_key_mgmt='WPA-PSK SAE' rsn_pairwise=CCMP ieee80211w=1 wpa_passphrase="$key" ;;
+        pmf) printf '%s\n' wpa=2 wpa_key_mgmt='WPA-PSK WPA-PSK-SHA256' rsn_pairwise=CCMP ieee80211w=2 wpa_passphrase="$key" ;;
+        mixed) printf '%s\n' wpa=3 wpa_key_mgmt=WPA-PSK wpa_pairwise=TKIP rsn_pairwise='TKIP CCMP' wpa_passphrase="$key" ;;
+        ft) printf '%s\n' wpa=2 wpa_key_mgmt='WPA-PSK FT-PSK' rsn_pairwise=CCMP wpa_passphrase="$key" mobility_domain=a1b2 \
+            nas_identifier=lab ft_psk_generate_local=1 ;;
+        wifi6) printf '%s\n' wpa=2 wpa_key_mgmt=WPA-PSK rsn_pairwise=CCMP wpa_passphrase="$key" ieee80211n=1 ieee80211ac=1 \
+            ieee80211ax=1 wmm_enabled=1 ;;
+        eap) printf '%s\n' wpa=2 wpa_key_mgmt=WPA-EAP rsn_pairwise=CCMP ieee8021x=1 eap_server=1 eap_user_file=/dev/null ;;
         wep) printf '%s\n' auth_algs=3 wep_default_key=0 wep_key0="$(hex "$key")" ;;
         open) ;;
         *) fail "home_ap_up: no security $security" ;;
