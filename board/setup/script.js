@@ -9,6 +9,10 @@
   if (!form) return;
   show.parentNode.hidden = false;
   show.onchange = function () { pass.type = show.checked ? 'text' : 'password'; };
+  pass.oninput = function () {
+    pass.removeAttribute('aria-invalid');
+    d.getElementById('e-pass').textContent = '';
+  };
   form.onsubmit = function () {
     var net = form.querySelector('[name=net]:checked'), kind = net ? net.dataset.kind : '';
     var n = new TextEncoder().encode(pass.value).length, hex = /^[0-9a-f]+$/i.test(pass.value);

@@ -2,6 +2,7 @@
 # way in which that can fail is told in words; at the end the page tells the robot's address.
 # limit: 1500 s
 has_no_page() { ! page_get; }
+nothing_runs() { ! pgrep -af 'netwarden-board/setup|httpd -f'; }
 seen_processes() { tr '\0' '\n' <"$LAB_RESULTS/processes.log"; }
 
 page_on
@@ -59,7 +60,7 @@ expect_message tarn/2/event/network/.* '^\{"event":"resetCloudConnection"\}$' 60
 expect "the soft AP goes" 30 has_no_page
 [[ $(kvs_get network.ssid) == "$home" && $(kvs_get network.last_prov_status) == 1 ]]
 [[ $(robot_address) == 192.168.77.20 ]]
-refute "something of the page still runs" pgrep -f 'netwarden-board/setup|httpd'
+expect "the end of all that belongs to the page" 15 nothing_runs
 seen_processes | grep -q -- --pass-file
 refute "the password was an argument" eval "seen_processes | grep -E 'mistype[d]|$(hex 'mistyped')'"
 refute_text 'mistyped horse' "$HOME_KEY" "$(psk_of "$HOME_SSID" "$HOME_KEY")"
