@@ -130,6 +130,9 @@ tells_each_verdict() {
 9 - settings
 10 - robot
 VERDICTS
+    # With a phone that has gone away in the middle of its request.
+    (echo 'GET / HTTP/1.1' && sleep 30) | nc 127.0.0.9 80 &
+    until_true 5 eval '[ "$(pgrep -cf "httpd -f")" -eq 2 ]'
     $setup stop
     until_true 5 eval '! pgrep -f "setup agent|httpd|dnsmasq"'
 }
