@@ -1,6 +1,7 @@
 // Owning types for what the system and the C libraries hand out. Each releases in its destructor.
 #pragma once
 
+#include <dirent.h>
 #include <jansson.h>
 #include <unistd.h>
 
@@ -22,6 +23,12 @@ struct FileCloser {
     void operator()(FILE *stream) const { fclose(stream); }
 };
 using File = std::unique_ptr<FILE, FileCloser>;
+
+// A folder that is being read.
+struct DirectoryCloser {
+    void operator()(DIR *directory) const { closedir(directory); }
+};
+using Directory = std::unique_ptr<DIR, DirectoryCloser>;
 
 // A reference to a Jansson value.
 struct JsonReleaser {

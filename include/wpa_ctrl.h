@@ -26,6 +26,10 @@ wpa_ctrl *wpa_ctrl_open2(const char *ctrl_path, const char *cli_path);
 wpa_ctrl *wpa_ctrl_open(const char *ctrl_path);
 void wpa_ctrl_close(wpa_ctrl *ctrl);  // null is allowed
 
+// Removes from /tmp the sockets of processes that were killed and so could not: each restart would
+// leave two. Any thread.
+void wpa_ctrl_remove_abandoned();
+
 // How long an exchange with the supplicant may take: at most `timeout_ms` for the reply, and at
 // most 0.2 s from when the descriptor `cancel` (-1: none) is readable, which counts as a failure
 // (-1).

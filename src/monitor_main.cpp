@@ -369,6 +369,7 @@ void wlan_monitor_init(const char *ifname, wlan_monitor_event_cb callback) {
     if (interface_name == nullptr)
         LOGE("Failed to allocate memory for ifname: %s\n", ifname);
     event_callback = callback;
+    wpa_ctrl_remove_abandoned();
 }
 
 void *wlan_monitor_main(void *) {

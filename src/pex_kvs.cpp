@@ -26,11 +26,6 @@ constexpr mode_t kFileMode = 0660;
 constexpr mode_t kDirectoryMode = 0755;
 constexpr size_t kDirectoryPathSize = 64;
 
-struct DirectoryCloser {
-    void operator()(DIR *directory) const { closedir(directory); }
-};
-using Directory = std::unique_ptr<DIR, DirectoryCloser>;
-
 int fail_read(size_t *length) {
     *length = 0;
     return -1;

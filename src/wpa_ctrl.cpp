@@ -1,14 +1,18 @@
 #include "wpa_ctrl.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <signal.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -55,6 +59,17 @@ bool bind_local(const Fd &socket, const sockaddr_un &local) {
     // Left by an earlier process with our id, before the robot's last crash.
     unlink(local.sun_path);
     return try_bind();
+}
+
+// The process in wpa_ctrl_PROCESS-NUMBER, or 0.
+pid_t owner_of(std::string_view name) {
+    constexpr std::string_view kPrefix = "wpa_ctrl_";
+    pid_t process = 0;
+    if (!name.starts_with(kPrefix))
+        return 0;
+    const char *const end = name.data() + name.size();
+    const auto [rest, error] = std::from_chars(name.data() + kPrefix.size(), end, process);
+    return error == std::errc() && rest != end && *rest == '-' && process > 0 ? process : 0;
 }
 
 bool name_destination(sockaddr_un &dest, const char *path) {
@@ -169,6 +184,20 @@ wpa_ctrl *wpa_ctrl_open2(const char *ctrl_path, const char *cli_path) {
 
 wpa_ctrl *wpa_ctrl_open(const char *ctrl_path) {
     return wpa_ctrl_open2(ctrl_path, nullptr);
+}
+
+void wpa_ctrl_remove_abandoned() {
+    const Directory folder(opendir("/tmp"));
+    if (!folder)
+        return;
+    while (const dirent *entry = readdir(folder.get())) {
+        const pid_t owner = owner_of(entry->d_name);
+        struct stat found = {};
+        if (owner != 0 && kill(owner, 0) != 0 && errno == ESRCH &&
+            fstatat(dirfd(folder.get()), entry->d_name, &found, AT_SYMLINK_NOFOLLOW) == 0 &&
+            S_ISSOCK(found.st_mode))
+            unlinkat(dirfd(folder.get()), entry->d_name, 0);
+    }
 }
 
 void wpa_ctrl_close(wpa_ctrl *ctrl) {

@@ -4,6 +4,7 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 
 #include <cerrno>
 #include <ctime>
@@ -160,6 +161,26 @@ TEST_F(WpaCtrl, QueueThatStaysFullGivesUpBehindFiveSeconds) {
         EXPECT_EQ(request(ctrl, 64, {999, -1}), "-1");
         EXPECT_EQ(pauses, count) << "no patience for a pause";
     }
+}
+
+TEST_F(WpaCtrl, OnlySocketsOfTheDeadAreRemoved) {
+    const pid_t dead = fork();
+    if (dead == 0)
+        _exit(0);
+    ASSERT_EQ(waitpid(dead, nullptr, 0), dead);
+    const std::string of_dead = "/tmp/wpa_ctrl_" + std::to_string(dead);
+    const std::string living = "/tmp/wpa_ctrl_" + std::to_string(getpid()) + "-1";
+    const std::vector<std::string> stay{living, of_dead, of_dead + "x-1", "/tmp/wpa_ctrl_0-1"};
+    for (const std::string &name : stay)
+        mknod(name.c_str(), S_IFSOCK | 0600, 0);
+    mknod((of_dead + "-1").c_str(), S_IFSOCK | 0600, 0);
+    mknod((of_dead + "-2").c_str(), S_IFSOCK | 0600, 0);
+    write_file(of_dead + "-3", "no socket");
+    const auto before = count_entries("/tmp");
+    wpa_ctrl_remove_abandoned();
+    EXPECT_EQ(count_entries("/tmp"), before - 2);
+    for (const std::string &name : stay)
+        EXPECT_EQ(access(name.c_str(), F_OK), 0) << name;
 }
 
 TEST_F(WpaCtrl, TimeIsTheFirstClockThatWorks) {
