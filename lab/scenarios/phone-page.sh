@@ -2,7 +2,7 @@
 # way in which that can fail is told in words; at the end the page tells the robot's address.
 # limit: 1500 s
 has_no_page() { ! page_get; }
-nothing_runs() { ! pgrep -af 'netwarden-board/setup|httpd -f'; }
+nothing_runs() { ! pgrep -f netwarden-board/setup; }
 seen_processes() { tr '\0' '\n' <"$LAB_RESULTS/processes.log"; }
 
 page_on
