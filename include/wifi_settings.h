@@ -37,7 +37,7 @@ void wifictl_save_nw_info_to_kvs();
 int set_active_ifname(const char *name);
 
 // The interface names, "wlan0" and "wlan1" unless the command line said otherwise. Set before any
-// thread is started; the getters' texts live as long as the process.
+// thread is started; a getter's text lives until the name is set anew.
 void wifi_set_station_interface_name(const char *name);
 void wifi_set_uap_interface_name(const char *name);
 const char *wifi_get_sta_interface();

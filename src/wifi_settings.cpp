@@ -10,6 +10,7 @@
 #include <cstring>
 #include <mutex>
 #include <string_view>
+#include <utility>
 
 #include "kvs_json.h"
 #include "kvs_keys.h"
@@ -35,8 +36,12 @@ pending_settings pending{};
 
 // Written before any thread is started. A replaced name is not released: its text may be in use
 // for as long as the process lives.
-const char *sta_interface = "wlan0";
-const char *uap_interface = "wlan1";
+struct interface_name {
+    const char *now;
+    char *given;  // by the command line
+};
+interface_name sta_interface{"wlan0", nullptr};
+interface_name uap_interface{"wlan1", nullptr};
 
 constexpr auto kRelaxed = std::memory_order_relaxed;
 
@@ -122,11 +127,14 @@ void save_addr_type() {
 // --- interface names -----------------------------------------------------------------------------
 
 // As it is given: whoever starts the daemon runs the robot's commands anyway.
-void set_interface_name(const char *&current, const char *name) {
-    if (const char *copy = strdup(name))
-        current = copy;
-    else
-        LOGE("out of memory, interface %s stays", current);
+void set_interface_name(interface_name &interface, const char *name) {
+    char *const copy = strdup(name);
+    if (copy == nullptr) {
+        LOGE("out of memory, interface %s stays", interface.now);
+        return;
+    }
+    interface.now = copy;
+    free(std::exchange(interface.given, copy));
 }
 
 }  // namespace
@@ -216,8 +224,8 @@ void wifi_set_uap_interface_name(const char *name) {
     set_interface_name(uap_interface, name);
 }
 const char *wifi_get_sta_interface() {
-    return sta_interface;
+    return sta_interface.now;
 }
 const char *wifi_get_uap_interface() {
-    return uap_interface;
+    return uap_interface.now;
 }

@@ -215,12 +215,15 @@ TEST_F(PexNet, SignalComesFromTheToolOnceStatisticsFail) {
 }
 
 TEST_F(PexNet, QueriesFailWithoutDescriptors) {
-    const rlimit none{3, 3};
+    rlimit usual{};
+    getrlimit(RLIMIT_NOFILE, &usual);
+    const rlimit none{3, usual.rlim_max};
     int8_t level = 0;
     setrlimit(RLIMIT_NOFILE, &none);
     EXPECT_EQ(pex_net_get_signal_levels_from_ioctl(&level), -1);
     EXPECT_EQ(pex_net_get_gatewayip(nullptr, 0), 0U);
     EXPECT_EQ(pex_net_get_noise(&level) + pex_net_get_bss_noise(&level), -2);
+    setrlimit(RLIMIT_NOFILE, &usual);
 }
 
 TEST_F(PexNet, NoiseOfTheAccessPoint) {
