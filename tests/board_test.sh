@@ -4,28 +4,32 @@ set -euo pipefail
 
 usage() {
     cat <<'USAGE'
-usage: tests/board_test.sh [--image DIR]
+usage: tests/board_test.sh [--image DIR] [SUBJECT...]
 
 Installs board/ into a copy of the robot image (default: build/image/rootfs) and runs tests/board/
 in it: argument tables, and ifup, DHCP and renewal on a virtual Ethernet pair. Busybox stands in for
 shell and tools, as on a small robot; the lab runs the scripts with the full ones, and the soft AP.
-TAP on standard output; exit 0 when all pass, 77 when this user may not make the namespaces.
+SUBJECT is a file there: network, tools, page (default: all). TAP on standard output; exit 0 when all pass, 77 when this user may not make the namespaces.
 USAGE
 }
 
 here=$(cd "$(dirname "$0")/.." && pwd)
 image=$here/build/image/rootfs
 case ${1-} in
---image) image=${2:?--image needs a folder} ;;
+--image) image=${2:?--image needs a folder}; shift 2 ;;
 -h | --help) usage; exit 0 ;;
-?*) usage >&2; exit 64 ;;
+-*) usage >&2; exit 64 ;;
 esac
+(($#)) || set -- network tools page
+for subject; do
+    [[ -f $here/tests/board/$subject.sh ]] || { echo "board_test: no subject $subject" >&2; exit 64; }
+done
 [ -x "$image/usr/bin/busybox" ] || { echo "board_test: no robot image at $image: run scripts/setup" >&2; exit 1; }
 
 # Virtual interfaces, control sockets of a group and a second network need the rights of root.
 if [ "$(id -u)" -ne 0 ]; then
     ! unshare --map-root-user --map-auto true 2>/dev/null ||
-        exec unshare --map-root-user --map-auto "$0" --image "$image"
+        exec unshare --map-root-user --map-auto "$0" --image "$image" "$@"
     echo "1..0 # SKIP needs root, or a user with subordinate ids"
     exit 77
 fi
@@ -56,4 +60,4 @@ for tool in dash ip sed grep sort tail head cat tr od cut sync mktemp timeout re
 done
 bwrap "${mounts[@]}" --unshare-net --unshare-pid --unshare-ipc --unshare-uts --cap-add ALL \
     --die-with-parent --chdir / --clearenv --setenv PATH /usr/sbin:/usr/bin:/sbin:/bin \
-    /bin/bash /test/cases.sh
+    /bin/bash /test/cases.sh "$@"

@@ -58,9 +58,6 @@ writes_whole_or_not_at_all() {
     gone /tmp/provision.lock # the daemon holds it while provision runs
 }
 
-# stand_in NAME: the script on standard input becomes the first NAME in every script's PATH.
-stand_in() { { echo '#!/bin/bash' && cat; } | install -D -m 755 /dev/stdin "/usr/local/sbin/$1"; }
-
 # The daemon's own pipelines.
 versions_are_found() {
     # shellcheck disable=SC2016
