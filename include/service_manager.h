@@ -8,6 +8,6 @@
 // ever sent. Once, before any thread is started.
 void service_manager_ready();
 
-// WATCHDOG=1 and STATUS=`words`, of which 200 bytes are told. Never blocks: a manager that does not
-// read misses it. The thread of service_manager_ready.
-void service_manager_alive(const char *words);
+// STATUS=`words`, of which 200 bytes are told, and WATCHDOG=1 unless the daemon hangs. Never
+// blocks: a manager that does not read misses it. The thread of service_manager_ready.
+void service_manager_tell(const char *words, bool hangs = false);

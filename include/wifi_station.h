@@ -21,3 +21,7 @@ class StationOperation {
 // again. Any thread; at once.
 uint32_t wifi_station_take_place();
 void wifi_station_leave_place(uint32_t place);
+
+// The place of the operation that goes on, each with another than the one before it; 0: none. Any
+// thread.
+uint32_t wifi_station_served_place();

@@ -8,6 +8,7 @@
 #include <ctime>
 #include <optional>
 #include <string_view>
+#include <utility>
 
 #include "device_network_hop.h"
 #include "device_pinger.h"
@@ -55,6 +56,7 @@ constexpr int kUsageError = 143;
 constexpr unsigned kStartDelayS = 5;  // the rest of the robot comes up in the meantime
 constexpr unsigned kInterfaceWaitS = 2;
 constexpr long kTickerS = 600;
+constexpr long kLongestOperationS = 300;
 
 // Two bytes short of the buffer, which no netinfo fills; what is compared is what is copied, so
 // that a text is not told as changed for ever.
@@ -240,7 +242,7 @@ bool wifi_is_there() {
 
 void wait_for_the_interface() {
     do {
-        service_manager_alive("waiting for the station interface");
+        service_manager_tell("waiting for the station interface");
         sleep(kInterfaceWaitS);
     } while (!wifi_is_there());
 }
@@ -352,12 +354,24 @@ void publish_what_changed(NetinfoText &previous, NetinfoText &current) {
     publish_status();
 }
 
-// A pass that hangs, in a script of the board say, is noticed by the service manager.
-void tell_service_manager() {
+// Whether one operation on the station goes on for longer than any script should take: whoever
+// does it hangs, and nobody else can bring the network back.
+bool station_hangs(long now) {
+    static uint32_t served = 0;
+    static long since = 0;
+    const uint32_t place = wifi_station_served_place();
+    if (place == 0 || place != std::exchange(served, place))
+        since = now;
+    return now - since > kLongestOperationS;
+}
+
+// A pass that hangs, in a script of the board say, is noticed by the service manager as well.
+void tell_service_manager(long now) {
+    const bool hangs = station_hangs(now);
     std::array<char, 64> words;
-    snprintf(words.data(), words.size(), "Wi-Fi %s%s", wifi_state_name(wifi_state_get_wifi()),
-             is_robot_provisioning() == 0 ? "" : ", provisioning");
-    service_manager_alive(words.data());
+    snprintf(words.data(), words.size(), "Wi-Fi %s%s%s", wifi_state_name(wifi_state_get_wifi()),
+             is_robot_provisioning() == 0 ? "" : ", provisioning", hangs ? ", a script hangs" : "");
+    service_manager_tell(words.data(), hangs);
 }
 
 [[noreturn]] void supervise() {
@@ -372,7 +386,7 @@ void tell_service_manager() {
         wifi_network_status_update();
         if (is_robot_provisioning() == 0)
             publish_what_changed(previous, current);
-        tell_service_manager();
+        tell_service_manager(now);
         if (!undisturbed_sleep(1))
             continue;
         const long after = monotonic_seconds();

@@ -37,7 +37,7 @@ Fd connect_to(std::string_view name) {
     return made;
 }
 
-void tell(const char *text, size_t length) {
+void send_text(const char *text, size_t length) {
     if (manager && send(manager.get(), text, length, MSG_NOSIGNAL) < 0)
         LOGD("the service manager was not told, errno %d", errno);
 }
@@ -53,13 +53,14 @@ void service_manager_ready() {
         LOGW("no service manager at NOTIFY_SOCKET %s", name);
     unsetenv("NOTIFY_SOCKET");
     constexpr std::string_view kReady = "READY=1";
-    tell(kReady.data(), kReady.size());
+    send_text(kReady.data(), kReady.size());
 }
 
-void service_manager_alive(const char *words) {
+void service_manager_tell(const char *words, bool hangs) {
     if (!manager)
         return;
     std::array<char, 256> text;
-    const int length = snprintf(text.data(), text.size(), "WATCHDOG=1\nSTATUS=%.200s", words);
-    tell(text.data(), static_cast<size_t>(length));
+    const int length =
+        snprintf(text.data(), text.size(), "%sSTATUS=%.200s", hangs ? "" : "WATCHDOG=1\n", words);
+    send_text(text.data(), static_cast<size_t>(length));
 }

@@ -26,6 +26,10 @@ class Queue {
         std::erase(places_, place);
         moved_.notify_all();
     }
+    uint32_t served() {
+        const std::lock_guard guard(lock_);
+        return places_.empty() ? 0 : places_.front();
+    }
 
   private:
     std::mutex lock_;
@@ -65,6 +69,9 @@ StationOperation::~StationOperation() {
 
 uint32_t wifi_station_take_place() {
     return queue().join();
+}
+uint32_t wifi_station_served_place() {
+    return queue().served();
 }
 void wifi_station_leave_place(uint32_t place) {
     queue().leave(place);

@@ -33,25 +33,28 @@ class Manager {
 };
 
 TEST_F(ServiceManager, IsToldWhereItListensAndNoChildKnowsWhere) {
-    service_manager_alive("nobody");  // before it is known where
+    service_manager_tell("nobody");  // before it is known where
     for (const std::string &name :
          std::vector<std::string>{"/tmp/notify", "@notify", "/tmp/" + std::string(103, 'n')}) {
         Manager manager(name);
         setenv("NOTIFY_SOCKET", name.c_str(), 1);
         service_manager_ready();
         EXPECT_EQ(getenv("NOTIFY_SOCKET"), nullptr);
-        service_manager_alive(std::string(300, 's').c_str());
+        service_manager_tell(std::string(300, 's').c_str());
         const bool is_whole = name.size() < 108;
+        service_manager_tell("stuck", true);
         EXPECT_EQ(manager.heard(),
-                  is_whole ? "READY=1|WATCHDOG=1\nSTATUS=" + std::string(200, 's') + "|" : "");
+                  is_whole
+                      ? "READY=1|WATCHDOG=1\nSTATUS=" + std::string(200, 's') + "|STATUS=stuck|"
+                      : "");
         service_manager_ready();
         for (int i = 0; i < 1000; i++)  // it has stopped reading
-            service_manager_alive("x");
+            service_manager_tell("x");
     }
     for (const char *name : {"", "@", "vsock:2:1", "/tmp/nobody"}) {
         setenv("NOTIFY_SOCKET", name, 1);
         service_manager_ready();
-        service_manager_alive("x");
+        service_manager_tell("x");
         EXPECT_TRUE(logged_as("WARN", "no service manager at NOTIFY_SOCKET " + std::string(name)));
     }
 }
