@@ -70,7 +70,8 @@ robot_in_storm() {
 }
 
 saved_network() { (cd "$STORE" && grep -a '' network.* | grep -av '^network\.\(last_prov_status\|interface\):'); }
-things_in_tmp() { (cd /tmp && find . ! -name 'syslog-*' | sort); }
+# The daemon's own sockets there are named by its number, and counted on.
+things_in_tmp() { (cd /tmp && find . ! -name 'syslog-*' | sed "s/_$(daemon_pid)-[0-9]*$/ of the daemon/" | sort); }
 
 # A peer's requests, one each two seconds; not while nobody could answer them: each fault that silences the daemon says
 # until when (by uptime_s).
@@ -85,12 +86,16 @@ storm_asks() {
 unasked() { echo 1000000000 >$LAB/unasked.${FUNCNAME[1]}; sleep 4; }   # what was asked before is answered
 asked_again() { awk -v after="$1" '{ print $1 + after }' /proc/uptime >$LAB/unasked.${FUNCNAME[1]}; }
 
+# Between the two nobody else starts or stops the daemon; a folder, for the daemon would keep a locked descriptor.
+alone() { until mkdir $LAB/alone 2>/dev/null; do sleep 0.2; done; }
+others() { rmdir $LAB/alone; }
+
 # A reboot that the daemon asks for: all that runs is gone, and what the board starts at boot is there again.
 storm_reboots() {
     local seen=0
     while sleep 1; do
         (($(cat $LAB/reboots 2>/dev/null | wc -l) > seen)) || continue
-        exec 9>$LAB/daemon.lock; flock 9
+        alone
         echo "[$(uptime_s)] reboot" >>"$LAB_RESULTS/storm.log"
         unasked
         [[ ! -e $LAB/daemon.pid ]] || stop_daemon
@@ -100,7 +105,7 @@ storm_reboots() {
         ifup -a || true
         start_daemon
         asked_again 20
-        exec 9>&-
+        others
         seen=$(wc -l <$LAB/reboots)
     done
 }
@@ -153,7 +158,7 @@ storm_heals() {
     newest netinfo "\"addr\":\"$(robot_address)\".*\"bssid\":\"$(home_bssid)\"" || fail "its netinfo is not the system's"
     newest wlcfg "\"ssid\":\"$(hex "$HOME_SSID")\"" || fail "its wlcfg is not the home's"
     saved_network | diff $LAB/saved.before - || fail "the saved network has changed"
-    wait_until 60 nothing_more_in_tmp || fail "more files in /tmp: $(things_in_tmp | grep -vxFf $LAB/tmp.before)"
+    wait_until 60 nothing_more_in_tmp || fail "more files in /tmp: $(more_in_tmp)"
     expect "$threads threads, not $(daemon_count task)" 60 eval '(($(daemon_count task) == threads))'
     (($(daemon_count fd) <= descriptors)) || fail "$descriptors descriptors have become $(daemon_count fd)"
     expect "no child" 60 eval '[[ ! $(pgrep -P "$(daemon_pid)") ]]'
@@ -168,7 +173,8 @@ storm_heals() {
 is_home() { newest wifistat '"wifi":1,' && has_leased_address && gateway_answers; }
 # newest KIND PATTERN: whether the newest message of that kind is like that.
 newest() { grep -aF " network/events {\"$1\":" "$LAB_MESSAGES" | tail -1 | grep -qE -- "$2"; }
-nothing_more_in_tmp() { ! things_in_tmp | grep -vxFf $LAB/tmp.before; }
+more_in_tmp() { things_in_tmp | comm -13 $LAB/tmp.before -; }
+nothing_more_in_tmp() { [[ ! $(more_in_tmp) ]]; }
 
 # storm_answers: each request has its answer, within three seconds.
 storm_answers() {
@@ -270,11 +276,10 @@ mission() {
     publish brisk/network/events "{\"cleanMissionStatus\":{\"cycle\":\"$([[ $1 == on ]] && echo clean || echo none)\",\"phase\":\"run\"}}" || true
 }
 daemon_killed() {
-    (
-        flock 9
-        if [[ $1 == on ]]; then unasked; [[ ! -e $LAB/daemon.pid ]] || stop_daemon
-        elif [[ ! -e $LAB/daemon.pid ]]; then start_daemon; asked_again 20; fi
-    ) 9>$LAB/daemon.lock
+    alone
+    if [[ $1 == on ]]; then unasked; [[ ! -e $LAB/daemon.pid ]] || stop_daemon
+    elif [[ ! -e $LAB/daemon.pid ]]; then start_daemon; asked_again 20; fi
+    others
 }
 clock_wrong() {
     local years=$(($2 % 2 ? 3 : -3))
