@@ -6,16 +6,16 @@ phone() { "${in_phone[@]}" "$@"; }
 in_home=(nsenter --net=/run/netns/home)
 in_phone=(nsenter --net=/run/netns/phone)
 
-# home_ap_up [ssid=..] [key=..] [security=wpa2|wpa|open|wep|wpa3|transition|pmf|mixed|ft|wifi6|eap] [channel=N] [radio=1|2|3] [hidden=1] [rejects=1]: an
-# access point; a hidden one does not beacon its name, one that rejects refuses every association.
+# home_ap_up [ssid=..] [key=..] [security=wpa2|wpa|open|wep|wpa3|transition|pmf|mixed|ft|wifi6|eap] [channel=N] [radio=1|2|3] [hidden=1] [rejects=1] [beacon=MS]:
+# an access point; a hidden one does not beacon its name, one that rejects refuses every association; it beacons each 100 ms.
 home_ap_up() {
-    local ssid=$HOME_SSID key=$HOME_KEY security=wpa2 channel=6 radio=1 hidden=0 rejects=0 mode=g
-    options "ssid key security channel radio hidden rejects" "$@"
+    local ssid=$HOME_SSID key=$HOME_KEY security=wpa2 channel=6 radio=1 hidden=0 rejects=0 beacon=100 mode=g
+    options "ssid key security channel radio hidden rejects beacon" "$@"
     local interface=wlan$((radio + 1)) conf=$LAB/ap$radio.conf
     ((channel <= 14)) || mode=a
     {
         printf '%s\n' interface=$interface driver=nl80211 bridge=br0 ctrl_interface=$LAB/hostapd \
-            logger_syslog=0 ssid2="$(hex "$ssid")" hw_mode=$mode channel=$channel ignore_broadcast_ssid=$hidden
+            logger_syslog=0 ssid2="$(hex "$ssid")" hw_mode=$mode channel=$channel ignore_broadcast_ssid=$hidden beacon_int=$beacon
         # World-wide rules allow no access point at 5 GHz.
         ((channel <= 14)) || echo country_code=US
         # A station sleeps through more beacons than one: status 51, listen interval too large.
@@ -58,12 +58,12 @@ home_ap_down() {
 home_bssid() { home ip -o link show wlan$((${1:-1} + 1)) | sed 's/.*link.ether \([^ ]*\).*/\1/'; }
 
 # shellcheck disable=SC2119,SC2120 # the options are for scenarios
-# home_dhcp_up [DNSMASQ OPTION...]: addresses 192.168.77.100 to .150 for an hour, gateway and name server 192.168.77.1.
+# home_dhcp_up [DNSMASQ OPTION...]: addresses 192.168.77.100 to .150 for an hour ($HOME_LEASE), gateway and name server 192.168.77.1.
 home_dhcp_up() {
     background dhcp "${in_home[@]}" dnsmasq --keep-in-foreground --log-facility=- --conf-file=/dev/null \
         --user=root --pid-file --dhcp-leasefile=$LAB/leases --interface=br0 --bind-interfaces --no-ping \
         --no-resolv --no-hosts --dhcp-authoritative --address=/gateway.home/$HOME_GATEWAY \
-        --dhcp-range=192.168.77.100,192.168.77.150,255.255.255.0,1h "$@"
+        --dhcp-range=192.168.77.100,192.168.77.150,255.255.255.0,${HOME_LEASE:-1h} "$@"
     expect_from dhcp 'DHCP, sockets bound' 10
 }
 

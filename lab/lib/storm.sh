@@ -63,12 +63,29 @@ robot_in_storm() {
     wait_state 1 120
     expect_log 'ready to ping using' 40
     saved_network >$LAB/saved.before
+    robot_warms_up
     things_in_tmp >$LAB/tmp.before
-    threads=$(daemon_count task) descriptors=$(daemon_count fd) memory=$(daemon_status RssAnon) born=$(daemon_pid)
+    daemon_descriptors >$LAB/descriptors.before
+    threads=$(daemon_count task) memory=$(daemon_status RssAnon) born=$(daemon_pid)
     background asker storm_asks
     background rebooter storm_reboots
 }
 
+# What the daemon does the first time touches pages that it keeps: stacks, the heap's parts.
+robot_warms_up() {
+    mark
+    home_arp_drop on
+    expect_log 'maximum ping loss count, restarting network' 100
+    home_arp_drop off
+    wait_state 1 60
+    provisioning_begins
+    mark
+    app_says '{"event":"btnpress"}'
+    wait_state 1 120
+    tracking_begins
+    expect_log 'discover threads done' 60
+    tracking_ends
+}
 saved_network() { (cd "$STORE" && grep -a '' network.* | grep -av '^network\.\(last_prov_status\|interface\):'); }
 # The daemon's own sockets there are named by its number, and counted on.
 things_in_tmp() { (cd /tmp && find . ! -name 'syslog-*' | sed "s/_$(daemon_pid)-[0-9]*$/ of the daemon/" | sort); }
@@ -122,6 +139,7 @@ storm_draw() {
         number=$((number + 1))
         draw ${#rows[@]}; read -r resource fault shortest longest <<<"${rows[drawn]}"
         draw $((longest - shortest + 1)); end=$((begin + shortest + drawn))
+        ((end <= span)) || end=$span
         draw 1000; choice=$drawn
         if ((begin > ${busy[$resource]:-0})); then
             busy[$resource]=$end
@@ -138,13 +156,16 @@ draw() {
 }
 
 storm_plays() {
-    local began at switch number fault choice
+    local began line at switch number fault choice
+    local -a lines   # no open file: a daemon that is started meanwhile would keep it
+    mapfile -t lines < <(awk '{ print $2, "on", $1, $5, $6; print $3, "off", $1, $5, $6 }' $LAB/faults | sort -s -n)
     began=$(uptime_s)
-    while read -r -u 4 at switch number fault choice; do
+    for line in "${lines[@]}"; do
+        read -r at switch number fault choice <<<"$line"
         sleep "$(awk -v at="$at" -v now="$(since "$began")" 'BEGIN { print (at > now ? at - now : 0) }')"
         echo "[$(since "$began")] $number $fault $switch" | tee -a "$LAB_RESULTS/storm.log"
         "$fault" "$switch" "$choice"
-    done 4< <(awk '{ print $2, "on", $1, $5, $6; print $3, "off", $1, $5, $6 }' $LAB/faults | sort -s -n)
+    done
 }
 
 # What must hold once the world has healed.
@@ -158,9 +179,9 @@ storm_heals() {
     newest netinfo "\"addr\":\"$(robot_address)\".*\"bssid\":\"$(home_bssid)\"" || fail "its netinfo is not the system's"
     newest wlcfg "\"ssid\":\"$(hex "$HOME_SSID")\"" || fail "its wlcfg is not the home's"
     saved_network | diff $LAB/saved.before - || fail "the saved network has changed"
-    wait_until 60 nothing_more_in_tmp || fail "more files in /tmp: $(more_in_tmp)"
+    wait_until 60 eval '[[ ! $(more_in_tmp) ]]' || fail "more files in /tmp: $(more_in_tmp)"
     expect "$threads threads, not $(daemon_count task)" 60 eval '(($(daemon_count task) == threads))'
-    (($(daemon_count fd) <= descriptors)) || fail "$descriptors descriptors have become $(daemon_count fd)"
+    wait_until 60 eval '[[ ! $(more_descriptors) ]]' || fail "more descriptors: $(more_descriptors; ss -xp; ss -uap)"
     expect "no child" 60 eval '[[ ! $(pgrep -P "$(daemon_pid)") ]]'
     [[ $(daemon_pid) != "$born" ]] || (($(daemon_status RssAnon) <= memory + 64)) ||
         fail "$memory kB have become $(daemon_status RssAnon)"
@@ -173,8 +194,14 @@ storm_heals() {
 is_home() { newest wifistat '"wifi":1,' && has_leased_address && gateway_answers; }
 # newest KIND PATTERN: whether the newest message of that kind is like that.
 newest() { grep -aF " network/events {\"$1\":" "$LAB_MESSAGES" | tail -1 | grep -qE -- "$2"; }
+# Without the numbers of sockets and pipes.
+daemon_descriptors() { find "/proc/$(daemon_pid)/fd" -type l -printf '%l\n' | sed 's/:\[.*//' | sort; }
+more_descriptors() { daemon_descriptors | comm -13 $LAB/descriptors.before -; }
 more_in_tmp() { things_in_tmp | comm -13 $LAB/tmp.before -; }
-nothing_more_in_tmp() { [[ ! $(more_in_tmp) ]]; }
+nothing_# Without the numbers of sockets and pipes.
+daemon_descriptors() { find "/proc/$(daemon_pid)/fd" -type l -printf '%l\n' | sed 's/:\[.*//' | sort; }
+more_descriptors() { daemon_descriptors | comm -13 $LAB/descriptors.before -; }
+more_in_tmp() { [[ ! $(more_in_tmp) ]]; }
 
 # storm_answers: each request has its answer, within three seconds.
 storm_answers() {
