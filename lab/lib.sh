@@ -12,7 +12,7 @@ LAB=/run/lab
 LAB_LOG=$LAB_RESULTS/log           # the robot's syslog, each line with its time of arrival
 LAB_MESSAGES=$LAB_RESULTS/messages # the broker's traffic: time, topic, payload
 
-for subject in story messages robot peers home census owner page storm boot; do
+for subject in story messages robot peers home census owner page storm plug tell boot; do
     # shellcheck source=/dev/null
     source "/lab/lib/$subject.sh"
 done

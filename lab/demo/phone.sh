@@ -1,24 +1,7 @@
 # What scripts/demo --phone shows: the robot waits for somebody at its page, and is told as what happens to it happens.
 # limit: 3600 s
 
-BLUE=$'\e[34m' GREEN=$'\e[32m' DIM=$'\e[2m' PLAIN=$'\e[0m'
-tell() { echo "P $*" >&3; }
-chapter() {
-    tell ""
-    tell "${BLUE}$*${PLAIN}"
-}
-
-tail -n 0 -F "$LAB_MESSAGES" 2>/dev/null | while read -r _ topic payload; do
-    case $topic in
-    network/events | robot/debug | local/cmd) tell "   ${GREEN}$topic${PLAIN}  $payload" ;;
-    brisk/network/events) tell "   ${BLUE}$topic${PLAIN}  $(sed 's/"pass":"[^"]*"/"pass":"*"/' <<<"$payload")" ;;
-    esac
-done &
-tail -n 0 -F "$LAB_LOG" 2>/dev/null | grep --line-buffered -E \
-    'SoftAP is|rx event|network block generated|Connection established|CTRL-EVENT-(CONNECTED|DISCONNECTED)|wifi = ' |
-    while read -r _ line; do tell "   ${DIM}${line%% - <*}${PLAIN}"; done &
-mapfile -t tails < <(jobs -p)
-
+tells_live 'SoftAP is|rx event|network block generated|Connection established|CTRL-EVENT-(CONNECTED|DISCONNECTED)|wifi = '
 chapter "A home: \"$HOME_SSID\", with the password \"$HOME_KEY\". Beside it a neighbour with WPA3 only, and a café."
 page_on
 home_up
@@ -41,4 +24,4 @@ tell "Pick \"$HOME_SSID\". A wrong password is worth a try, too."
 expect_message tarn/2/event/network/.* '^\{"event":"resetCloudConnection"\}$' 3500
 wait_state 1 30
 tell "   -> connected: $(robot_address). The soft AP is down, and with it the page."
-kill "${tails[@]}"
+tells_no_more

@@ -2,25 +2,7 @@
 # and the lines of its log that matter.
 # limit: 400 s
 
-BLUE=$'\e[34m' GREEN=$'\e[32m' DIM=$'\e[2m' PLAIN=$'\e[0m'
-tell() { echo "P $*" >&3; }
-chapter() {
-    tell ""
-    tell "${BLUE}$*${PLAIN}"
-}
-
-# The broker's messages and the telling lines of the log, live. Set-up noise and repetitions stay out.
-tail -n 0 -F "$LAB_MESSAGES" 2>/dev/null | while read -r _ topic payload; do
-    case $topic in
-    network/events | robot/debug | local/cmd) tell "   ${GREEN}$topic${PLAIN}  $payload" ;;
-    brisk/network/events) tell "   ${BLUE}$topic${PLAIN}  $payload" ;;
-    esac
-done &
-tail -n 0 -F "$LAB_LOG" 2>/dev/null | grep --line-buffered -E \
-    'found wlan0 iface|SoftAP is|rx event|network block generated|Connection established|CTRL-EVENT-(CONNECTED|DISCONNECTED)|wifi = |wifi is |Network is down|ready to ping|no ping recv|maximum ping loss' |
-    while read -r _ line; do tell "   ${DIM}${line%% - <*}${PLAIN}"; done &
-mapfile -t tails < <(jobs -p)
-
+tells_live 'found wlan0 iface|SoftAP is|rx event|network block generated|Connection established|CTRL-EVENT-(CONNECTED|DISCONNECTED)|wifi = |wifi is |Network is down|ready to ping|no ping recv|maximum ping loss'
 chapter "A home: an access point with WPA2 on channel 6, DHCP, a gateway, all on simulated radios."
 tell "A robot that has just left the factory boots. It waits five seconds for its other processes, and finds no"
 tell "saved network."
@@ -53,6 +35,9 @@ mark
 home_ap_up
 wait_state 1 90
 tell "   -> connected again: $(robot_address)"
+if log_since_mark | grep -q 'restarting network'; then
+    tell "      (the watchdog had missed three answers of the gateway by then, and restarted the network)"
+fi
 
 chapter "Now the gateway falls silent: it no longer answers ARP. The robot's watchdog asks every 20 seconds"
 tell "and restarts the network after three silent pings."
@@ -66,4 +51,4 @@ chapter "The gateway answers again; the restarted network comes up."
 wait_state 1 90
 sleep 2
 tell "   -> connected: $(robot_address). That is the robot's life, day and night."
-kill "${tails[@]}"
+tells_no_more
