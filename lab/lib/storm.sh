@@ -198,10 +198,6 @@ newest() { grep -aF " network/events {\"$1\":" "$LAB_MESSAGES" | tail -1 | grep 
 daemon_descriptors() { find "/proc/$(daemon_pid)/fd" -type l -printf '%l\n' | sed 's/:\[.*//' | sort; }
 more_descriptors() { daemon_descriptors | comm -13 $LAB/descriptors.before -; }
 more_in_tmp() { things_in_tmp | comm -13 $LAB/tmp.before -; }
-nothing_# Without the numbers of sockets and pipes.
-daemon_descriptors() { find "/proc/$(daemon_pid)/fd" -type l -printf '%l\n' | sed 's/:\[.*//' | sort; }
-more_descriptors() { daemon_descriptors | comm -13 $LAB/descriptors.before -; }
-more_in_tmp() { [[ ! $(more_in_tmp) ]]; }
 
 # storm_answers: each request has its answer, within three seconds.
 storm_answers() {
