@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <climits>
 #include <mutex>
@@ -28,6 +29,7 @@ constexpr int kMaxLostPings = 3;
 constexpr int kDefaultLimit = 1440;  // cycles: eight hours
 constexpr int kSafeToReboot = 900;   // at least this far to the next cleaning
 constexpr size_t kReplySize = 256;
+constexpr int kLongestConnectCycles = 6;  // scans, a slow DHCP server
 
 std::mutex mission_lock;
 bool mission_in_progress = false;
@@ -119,11 +121,25 @@ class Watchdog {
             return true;
         lost_pings_ = 0;
         ping_command_.reset(create_arping_cmd_str_malloc());
-        if (ping_command_)
-            LOGI("ready to ping using %s", ping_command_.get());
-        else
+        if (!ping_command_) {
             forget_missing_address();
-        return ping_command_ != nullptr;
+            count_nothing_to_ping();
+            return false;
+        }
+        LOGI("ready to ping using %s", ping_command_.get());
+        nothing_to_ping_ = 0;
+        return true;
+    }
+
+    // A robot that looks for its network does so with a supplicant, a DHCP client and an interface
+    // that may have gone meanwhile, and nobody else would look after them.
+    void count_nothing_to_ping() {
+        if (is_robot_provisioning() != 0 ||
+            ++nothing_to_ping_ < std::max(limit_, kLongestConnectCycles))
+            return;
+        nothing_to_ping_ = 0;
+        LOGI("restarting network");
+        wifi_network_reconnect();
     }
 
     void ping() {
@@ -157,6 +173,7 @@ class Watchdog {
     bool reset_request_ = true;
     int lost_pings_ = 0;
     int no_address_ = 0;
+    int nothing_to_ping_ = 0;
     bool restarted_ = false;
 };
 

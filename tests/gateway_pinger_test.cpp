@@ -100,6 +100,18 @@ TEST_F(GatewayWatchdog, EveryCycle) {
          lost + "3; maximum ping loss count, restarting network; " + reconnect_},
         {WIFI_CONNECTED, kAddress, lost + "1; "},
         {WIFI_NETWORK_DOWN, kAddress, reconnect_ + lost + "2; "},
+        {WIFI_OFF, 0, ""},
+        {WIFI_CONNECTING, 0, ""},
+        {WIFI_CONNECTING, kAddress | kAnswers, ping},
+        {WIFI_OFF, 0, ""},
+        {WIFI_CONNECTING, 0, ""},
+        {WIFI_CONNECTING, 0, ""},
+        {WIFI_CONNECTING, kProvisioning, ""},
+        {WIFI_CONNECTING, 0, ""},
+        {WIFI_CONNECTING, 0, ""},
+        {WIFI_CONNECTING, 0, ""},
+        {WIFI_CONNECTING, 0, reconnect_},  // six cycles without anything to ping
+        {WIFI_CONNECTING, 0, ""},
     };
     kvs_set("network.watchdog_interval_min", "3");
     start("3");
@@ -122,9 +134,9 @@ TEST_F(GatewayWatchdog, EveryCycle) {
         provisioning_enter_state(PS_NONE);
         unlink("/tmp/answers");
     }
-    for (const auto &[text, times] : {std::pair("wifi is disconnected", 13),
-                                      {"no gateway to ping", 1},
-                                      {"ready to ping using", 3},
+    for (const auto &[text, times] : {std::pair("wifi is disconnected", 24),
+                                      {"no gateway to ping", 10},
+                                      {"ready to ping using", 4},
                                       {"wifi is trying to reconnect", 1},
                                       {"Waiting to reboot...", 2},
                                       {"popen failed", 1}})

@@ -100,8 +100,14 @@ storm_asks() {
         sleep 2
     done
 }
-unasked() { echo 1000000000 >$LAB/unasked.${FUNCNAME[1]}; sleep 4; }   # what was asked before is answered
-asked_again() { awk -v after="$1" '{ print $1 + after }' /proc/uptime >$LAB/unasked.${FUNCNAME[1]}; }
+unasked() { echo 1000000000 >$LAB/unasked.$1; sleep 4; }   # what was asked before is answered
+asked_again() { awk -v after="$2" '{ print $1 + after }' /proc/uptime >$LAB/unasked.$1; }
+# A daemon that starts serves requests once its first commands have ended: a script that hangs holds it up.
+starts_again() {
+    start_daemon
+    [[ ! -e $LAB/hangs ]] || unasked script
+    asked_again start 20
+}
 
 # Between the two nobody else starts or stops the daemon; a folder, for the daemon would keep a locked descriptor.
 alone() { until mkdir $LAB/alone 2>/dev/null; do sleep 0.2; done; }
@@ -114,14 +120,13 @@ storm_reboots() {
         (($(cat $LAB/reboots 2>/dev/null | wc -l) > seen)) || continue
         alone
         echo "[$(uptime_s)] reboot" >>"$LAB_RESULTS/storm.log"
-        unasked
+        unasked start
         [[ ! -e $LAB/daemon.pid ]] || stop_daemon
         pkill -KILL 'wpa_supplicant|udhcpc|hostapd' -f --ns $$ --nslist net || true
         ip link set wlan0 down 2>/dev/null || true
         rm -rf /tmp/* /run/netwarden-board /run/ifstate
         ifup -a || true
-        start_daemon
-        asked_again 20
+        starts_again
         others
         seen=$(wc -l <$LAB/reboots)
     done
@@ -224,11 +229,12 @@ gateway_moved() {
     home ip addr add $to/24 dev br0
     HOME_GATEWAY=$to home_dhcp_up
 }
-broker_killed() { if [[ $1 == on ]]; then unasked; end broker -KILL; end recorder; else broker_up; asked_again 20; fi; }
+# Whoever has lost the broker tries again each 30 s at the latest.
+broker_killed() { if [[ $1 == on ]]; then unasked broker; end broker -KILL; end recorder; else broker_up; asked_again broker 35; fi; }
 broker_frozen() {
-    if [[ $1 == on ]]; then unasked; kill -STOP "$(<$LAB/broker.pid)"; else kill -CONT "$(<$LAB/broker.pid)"; asked_again 20; fi
+    if [[ $1 == on ]]; then unasked broker; kill -STOP "$(<$LAB/broker.pid)"; else kill -CONT "$(<$LAB/broker.pid)"; asked_again broker 35; fi
 }
-broker_restarted() { if [[ $1 == on ]]; then unasked; broker_down; broker_up; else asked_again 20; fi; }
+broker_restarted() { if [[ $1 == on ]]; then unasked broker; broker_down; broker_up; else asked_again broker 35; fi; }
 supplicant_pid() { cat /run/netwarden-board/wpa_supplicant.wlan0.pid 2>/dev/null || echo 0; }
 supplicant_gets() { local pid; pid=$(supplicant_pid); ((pid == 0)) || kill "$1" "$pid" 2>/dev/null || true; }
 supplicant_killed() { [[ $1 == off ]] || supplicant_gets -KILL; }
@@ -251,7 +257,10 @@ script_babbles() { script_is "$1" "$2" 'head -c 20000 /dev/urandom'; }
 script_slow() { script_is "$1" "$2" 'sleep 5; exec $0.good "$@"'; }
 script_hangs() {
     script_is "$1" "$2" 'exec sleep 100000'
-    [[ $1 == on ]] || pkill -f '^sleep 100000$' || true   # those that were caught in it
+    if [[ $1 == on ]]; then touch $LAB/hangs; return; fi
+    rm $LAB/hangs
+    pkill -f '^sleep 100000$' || true   # those that were caught in it
+    [[ ! -e $LAB/unasked.script ]] || asked_again script 20
 }
 
 # The store on a disk of its own, of which nothing is left; what the daemon wrote meanwhile stays when it goes.
@@ -300,14 +309,14 @@ mission() {
 }
 daemon_killed() {
     alone
-    if [[ $1 == on ]]; then unasked; [[ ! -e $LAB/daemon.pid ]] || stop_daemon
-    elif [[ ! -e $LAB/daemon.pid ]]; then start_daemon; asked_again 20; fi
+    if [[ $1 == on ]]; then unasked start; [[ ! -e $LAB/daemon.pid ]] || stop_daemon
+    elif [[ ! -e $LAB/daemon.pid ]]; then starts_again; fi
     others
 }
 clock_wrong() {
     local years=$(($2 % 2 ? 3 : -3))
     [[ $1 == on ]] || years=$((-years))
-    [[ $1 == off ]] || unasked
+    [[ $1 == off ]] || unasked clock
     date -s "@$(($(date +%s) + years * 31536000))" >/dev/null
-    [[ $1 == on ]] || asked_again 5
+    [[ $1 == on ]] || asked_again clock 5
 }
