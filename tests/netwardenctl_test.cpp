@@ -1,4 +1,7 @@
 // The command-line client against the real broker and the real daemon.
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+#include <openssl/x509v3.h>
 #include <signal.h>
 
 #include "daemon.h"
@@ -39,8 +42,8 @@ class Ctl : public DaemonRobot {
 };
 
 TEST_F(Ctl, SaysWhoDoesNotAnswer) {
-    expect("--timeout 0.1 status", 3,
-           {"netwardenctl: no broker at 127.0.0.1:1883, or it refuses us\n"});
+    expect("--timeout 0.5 status", 3,
+           {"netwardenctl: no broker at 127.0.0.1:1883: Connection refused\n"});
     expect("discover --address 127.0.0.1 --timeout 0.1", 3, {"no robot answers"});
     expect("--broker nonsense status", 2, {"\"nonsense\""});
     expect("log-level loud", 2, {"{verbose,dbg,info,warn,err}"});
@@ -50,7 +53,217 @@ TEST_F(Ctl, SaysWhoDoesNotAnswer) {
     expect("status --timeout 0.5 --broker unix:/tmp/broker.sock", 3,
            {"the broker at unix:/tmp/broker.sock is there but netwarden does not answer within"});
     broker.freeze();
-    expect("get channel --timeout 0.1", 3, {"no broker at"});
+    expect("get channel --timeout 0.1", 3, {"no broker at 127.0.0.1:1883: no answer in 0.1 s"});
+}
+
+TEST_F(Ctl, NamesWhatIsWrongWithACommandLine) {
+    const struct {
+        const char *arguments;
+        int code;
+        std::vector<const char *> texts;
+    } kCases[]{
+        {"", 2, {"no command. netwardenctl help"}},
+        {"stauts", 2, {"no such command: stauts. Did you mean status?\n"}},
+        {"track-devices", 2, {"no such command: track-devices. netwardenctl help lists them"}},
+        {"help wiat", 2, {"Did you mean wait?"}},
+        {"help wait", 0, {"Wait until the robot is connected", "--state"}},
+        {"version --json", 0, {R"({"version":")"}},
+        {"--json stauts",
+         2,
+         {R"({"error":"no such command: stauts. Did you mean status?","code":2})"}},
+        {"watch --count -1", 2, {"--count: not a number from 1 to 1000000000\n"}},
+        {"--timeout nan status", 2, {"--timeout: not a number from 0.1 to 1000000\n"}},
+        {"--timeout 1x status", 2, {"--timeout: not a number"}},
+        {"wait --state happy", 2, {"connected", "network-down"}},
+        {"status --broker 127.0.0.1:99999", 2, {"host:port"}},
+        {"status --cert x", 2, {"--cafile"}},
+        {"status --cafile /none", 2, {"/none: No such file"}},
+        {"status --broker-pass-file /etc/hostname", 2, {"needs a --user"}},
+        {"link --broker 192.0.2.1:1883", 2, {"on the robot itself"}},
+        {"forget --broker 192.0.2.1:1883", 2, {"on the robot itself"}},
+        {"link", 1, {"no interface wlan0"}},
+    };
+    for (const auto &[arguments, code, texts] : kCases)
+        expect(arguments, code, texts);
+    write_file("/tmp/seven", "7 bytes\n");
+    expect("provision --ssid Home --pass-file /tmp/seven", 2, {"7 bytes: WPA takes", "Nothing"});
+    write_file("/tmp/key", std::string(64, 'g'));
+    expect("provision --ssid Home --pass-file /tmp/key", 2, {"64 bytes"});
+}
+
+// Who reads along, and who cannot write.
+TEST_F(Ctl, EndsWithItsOutput) {
+    const Broker broker;
+    const auto ended = [&](const std::string &arguments, const std::string &to) {
+        return end_of(start("/run/fakes/dash -c '{ /mnt/netwardenctl " + arguments +
+                            " 2>/tmp/out; echo $? >/tmp/code; } " + to + "'"));
+    };
+    for (const char *arguments : {"version", "--help", "watch --count 3", "help wait"}) {
+        ended(arguments, ">/dev/full");
+        EXPECT_EQ(read_file("/tmp/code"), "4\n") << arguments;
+        EXPECT_THAT(read_file("/tmp/out"), HasSubstr("cannot write the output: No space left"));
+    }
+    // Nothing more is said on the broker: only the closed pipe can end it.
+    ended("watch", "| head -n 1 >/dev/null");
+    EXPECT_EQ(read_file("/tmp/code"), "141\n");
+    EXPECT_EQ(read_file("/tmp/out"), "");
+}
+
+TEST_F(Ctl, SaysWhenTheBrokerIsLostAndBack) {
+    Broker broker;
+    for (const std::string option : {"", " --json"}) {
+        const pid_t client = start_client("watch" + option);
+        EXPECT_TRUE(prints("listening"));
+        EXPECT_TRUE(prints("netwarden does not answer"));
+        broker.stop();
+        EXPECT_TRUE(prints(option.empty() ? "netwardenctl: the connection to the broker at 127.0.0"
+                                          : R"({"notice":"the connection to the broker at 127.)"));
+        broker.start();
+        EXPECT_TRUE(prints("the broker is back"));
+        EXPECT_EQ(finish(client, SIGINT), 0);
+    }
+}
+
+TEST_F(Ctl, TellsAndAwaitsTheState) {
+    kvs_set("product.robotid", "0123");
+    kvs_set("network.last_prov_status", "3");
+    give_address();
+    fake("iw", R"(printf 'Connected to 02:00:00:00:02:00 (on %s)\n' "$2"
+printf '\tSSID: Ho\\xc3me\n\tfreq: 2437.0\n\tsignal: -52 dBm\n')");
+    const pid_t early = start_client("wait --state network-down --timeout 100");
+    const Broker broker;
+    start_daemon();
+    // At its start the daemon tells a state of its own.
+    EXPECT_TRUE(eventually(
+        [&] {
+            return system("/mnt/netwardenctl status >/tmp/status 2>&1") == 0 &&
+                   read_file("/tmp/status").find("(measured)") != std::string::npos;
+        },
+        std::chrono::seconds(20)));
+    for (const char *line : {"state         has an address, but the gateway does not answer (mea",
+                             "\naddress       192.0.2.2/24\n", "192.0.2.1, silent\n",
+                             "-52 dBm, channel 6, access point 02:00:00:00:02:00\n",
+                             "\nlast verdict  wrong password\n", "\nrobot id      0123\n"})
+        EXPECT_THAT(read_file("/tmp/status"), HasSubstr(line));
+    fake("systemctl", R"(echo "$@" >>/tmp/asked
+[ "$1" != show ] || printf 'ActiveState=active\nStatusText=Wi-Fi NETWORK_DOWN, a script hangs\n')");
+    EXPECT_EQ(finish(early), 0) << out;
+    EXPECT_THAT(out, HasSubstr("network lost, a script hangs (told to the service manager)"));
+    expect("wait --timeout 1", 1, {"not connected in time; the state is: network lost"});
+    fake("systemctl", "exit 1");
+    ASSERT_EQ(system("ip neigh replace 192.0.2.1 lladdr 02:00:00:00:00:01 dev wlan0"), 0);
+    expect("wait", 0, {"connected (measured)"});
+    expect("watch --count 1 --timeout 1", 3, {"listening", "state      connected (measured)"});
+    expect("status --json", 0,
+           {R"("state":{"wifi":1,)", R"("gateway_answers":true)", R"("signal":-52)", R"("lps":3)"});
+    expect("link", 0, {"Ho\\xc3me", "\nsignal        -52 dBm\nchannel       6\n"});
+    const pid_t late = start_client("wait --state wrong-password");
+    EXPECT_TRUE(eventually(
+        [&] {
+            publish("network/events", R"({"wifistat":{"wifi":3,"uap":false}})");
+            return prints("wrong password", 0);
+        },
+        std::chrono::seconds(20)));
+    EXPECT_EQ(finish(late), 0);
+    for (const std::string option : {"", " --json"}) {
+        const pid_t listing = start_client("devices" + option);
+        const auto both = R"({"mac_address":"1","name":"居間","hostname":"tv"},)"
+                          R"({"mac_address":"2","name":"Tür","hostname":"bell"})";
+        EXPECT_TRUE(eventually(
+            [&] {
+                publish("robot/debug", std::string(R"({"wifiDevices":[)") + both + "]}");
+                return prints("bell", 0);
+            },
+            std::chrono::seconds(20)));
+        EXPECT_EQ(finish(listing), 0);
+        EXPECT_THAT(out, option.empty() ? HasSubstr("1    居間  tv         -     -\n"
+                                                    "2    Tür   bell")
+                                        : HasSubstr("\"tv\"}\n{"));
+    }
+    fake("iw", "printf 'Not connected.\n'");
+    expect("link", 1, {"wlan0 has joined no network"});
+}
+
+TEST_F(Ctl, RestartsAndForgetsTheNetwork) {
+    const Broker broker;
+    give_address();
+    kvs_set("network.ssid", "486f6d65");
+    kvs_set("network.password", "hush");
+    kvs_set("robot.name", "Rosie");
+    fake("iw", "exit 1");
+    fake("systemctl", R"(echo "$@" >>/tmp/asked)");
+    expect("restart --timeout 1", 3, {"does not acknowledge"});
+    start_daemon();
+    EXPECT_TRUE(eventually([&] { return run("restart") == 0; }, std::chrono::seconds(20)));
+    EXPECT_TRUE(logged("Network manager received restart network request"));
+    const pid_t client = start_client("restart --wait");
+    EXPECT_TRUE(prints("the robot has taken it"));
+    for (const char *state : {"1", "11", "8", "1"})  // the first is of before
+        publish("network/events", std::string(R"({"wifistat":{"wifi":)") + state + "}}");
+    EXPECT_EQ(finish(client), 0);
+    EXPECT_THAT(out, AnyOf(HasSubstr("wifi 11"), HasSubstr("wifi 8")));  // mine, or the robot's
+
+    expect("forget", 2, {"no terminal to ask whether to forget network \"Home\": --yes"});
+    EXPECT_EQ(kvs_get("network.password"), "hush");
+    expect("forget --yes", 0, {"\"Home\" is no longer saved", "netwarden starts anew"});
+    EXPECT_THAT(read_file("/tmp/asked"), HasSubstr("restart netwarden.service"));
+    for (const char *key : {"network.ssid", "network.password"})
+        EXPECT_EQ(kvs_get(key), "<none>") << key;
+    EXPECT_EQ(kvs_get("network.interface"), "wlan0");
+    EXPECT_EQ(kvs_get("robot.name"), "Rosie");
+}
+
+// A certificate of its own making, for a server and a client at 127.0.0.1, with its key.
+void make_certificate(const std::string &path) {
+    EVP_PKEY *const key = EVP_EC_gen("P-256");
+    X509 *const certificate = X509_new();
+    X509_set_version(certificate, 2);
+    ASN1_INTEGER_set(X509_get_serialNumber(certificate), 1);
+    X509_gmtime_adj(X509_getm_notBefore(certificate), -3600);
+    X509_gmtime_adj(X509_getm_notAfter(certificate), 3600);
+    X509_NAME_add_entry_by_txt(X509_get_subject_name(certificate), "CN", MBSTRING_ASC,
+                               reinterpret_cast<const unsigned char *>("robot"), -1, -1, 0);
+    X509_set_issuer_name(certificate, X509_get_subject_name(certificate));
+    X509_set_pubkey(certificate, key);
+    X509_EXTENSION *const names =
+        X509V3_EXT_conf_nid(nullptr, nullptr, NID_subject_alt_name, "IP:127.0.0.1");
+    X509_add_ext(certificate, names, -1);
+    X509_sign(certificate, key, EVP_sha256());
+    const File made(fopen((path + ".crt").c_str(), "w"));
+    PEM_write_X509(made.get(), certificate);
+    const File secret(fopen((path + ".key").c_str(), "w"));
+    PEM_write_PrivateKey(secret.get(), key, nullptr, nullptr, 0, nullptr, nullptr);
+    X509_EXTENSION_free(names);
+    X509_free(certificate);
+    EVP_PKEY_free(key);
+}
+
+TEST_F(Ctl, NamesItselfAndSpeaksTls) {
+    make_certificate("/tmp/robot");
+    make_certificate("/tmp/stranger");
+    write_file("/tmp/tls.conf",
+               "per_listener_settings true\nuser root\n"
+               "listener 1884 127.0.0.1\nallow_anonymous false\npassword_file /tmp/users\n"
+               "listener 8883 127.0.0.1\nallow_anonymous true\ncafile /tmp/robot.crt\n"
+               "certfile /tmp/robot.crt\nkeyfile /tmp/robot.key\nrequire_certificate true\n");
+    ASSERT_EQ(system("mosquitto_passwd -b -c /tmp/users maker 'let me in'"), 0);
+    start("mosquitto -c /tmp/tls.conf >/tmp/broker.log 2>&1");
+    write_file("/tmp/right", "let me in\n");
+    write_file("/tmp/wrong", "hush\n");
+    const std::string tls = "get channel --timeout 2 --broker 127.0.0.1:8883 --cafile /tmp/";
+    const std::string user = "get channel --timeout 2 --broker 127.0.0.1:1884 ";
+    const char *const reached = "is there but netwarden does not answer";
+    EXPECT_TRUE(eventually([&] { return run(user) == 3 && out.find("not auth") != out.npos; },
+                           std::chrono::seconds(20)))
+        << out << read_file("/tmp/broker.log");
+    expect(user + "--user maker --broker-pass-file /tmp/wrong", 3, {"it refuses us: not auth"});
+    expect(user + "--user maker --broker-pass-file /tmp/right", 3, {reached});
+    setenv("NETWARDENCTL_USER", "maker", 1);
+    setenv("NETWARDENCTL_PASSWORD", "let me in", 1);
+    expect(user, 3, {reached});
+    expect(tls + "robot.crt --cert /tmp/robot.crt --key /tmp/robot.key", 3, {reached});
+    expect(tls + "stranger.crt", 3, {"certificate verify failed"});
+    expect(tls + "robot.crt", 3, {"no broker at 127.0.0.1:8883"});  // asks for ours
 }
 
 TEST_F(Ctl, WatchPutsMessagesIntoWords) {

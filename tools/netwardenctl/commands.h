@@ -14,14 +14,20 @@ struct Options {
 };
 
 // --- ask.cpp: one request or event, one answer
-int show_status(const Options &options);
+int show_status(const Options &options, const std::string &interface);
+int show_link(const Options &options, const std::string &interface);
 int get(const Options &options, const std::string &what);
 int set_log_level(const Options &options, const std::string &level);
 int track(const Options &options, const std::string &what);
 
 // --- watch.cpp
-int watch(const Options &options, long count);
+int watch(const Options &options, long count, const std::string &interface);
 int list_devices(const Options &options);
+
+// --- change.cpp
+int wait_for_state(const Options &options, const std::string &state, const std::string &interface);
+int restart_network(const Options &options, bool wait);
+int forget_network(const Options &options, bool yes);
 
 // --- discover.cpp
 struct DiscoverOptions {

@@ -5,17 +5,14 @@
 
 #include <array>
 #include <cmath>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <deque>
 #include <mutex>
 #include <new>
 #include <thread>
 #include <utility>
 
+#include "broker.h"
 #include "log.h"
-#include "mqttapp/mqtt_app.h"
 #include "owned.h"
 #include "tarn/robot_processes.h"
 #include "tarn/tarn.h"
@@ -31,7 +28,7 @@ constexpr size_t kResponseSize = 4096;
 constexpr size_t kWaitingMessages = 4096;
 constexpr size_t kWaitingBytes = 16 << 20;
 
-// What the libraries log is said better by our own errors; on the robot it would land in its log.
+// What the library logs is said better by our own errors; on the robot it would land in its log.
 void silence_libraries() {
     if (get_log_handle() != nullptr)
         return;
@@ -56,66 +53,90 @@ class Signal {
     Fd fd_{eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK | EFD_SEMAPHORE)};
 };
 
-// Between the thread of the broker library, whose callbacks carry no context, and the main one.
+// Between the broker's thread and the main one.
 struct inbox {
     std::mutex lock;
     std::deque<Message> messages;
+    std::string wifistat;
+    std::string why_down;  // not empty while there is no connection
+    bool is_final = false;
     size_t bytes = 0;   // of their payloads
     bool lost = false;  // some did not fit
     Signal arrived;
-    Signal connected;
-    bool was_connected = false;  // thread of the library only
+    Signal acknowledged;
+    Signal link_changed;
+    bool was_connected = false;
     tarn_lib *transport = nullptr;
-    std::thread runner;
 };
 inbox *current = nullptr;
 
-void on_connect(mqtt_app *) {
-    if (current->was_connected)
-        fputs("netwardenctl: the broker is back; what was sent meanwhile is lost\n", stderr);
-    current->was_connected = true;
-    current->connected.raise();
+std::string address() {
+    return printable(broker_settings().address);
 }
 
-void on_message(mqtt_app *, const mqtt_app_message *message) {
-    int type = 0;
-    if (get_tarn_message_type(current->transport, message->topic, &type) == 0) {
-        tarn_complete_transfer(tarn_get_req_handle_using_topic(current->transport, message->topic),
-                               message->payload);
-        return;
-    }
+void on_ready() {
     const std::lock_guard guard(current->lock);
-    const auto size = static_cast<size_t>(message->payload_len);
-    if (current->messages.size() >= kWaitingMessages || current->bytes + size > kWaitingBytes) {
+    current->why_down.clear();
+    if (std::exchange(current->was_connected, true))
+        notice("the broker is back; what was sent meanwhile is lost");
+    current->link_changed.raise();
+}
+
+void on_down(const std::string &why, bool final) {
+    const std::lock_guard guard(current->lock);
+    if (current->was_connected && current->why_down.empty())
+        notice("the connection to the broker at " + address() + " is lost (" + printable(why) +
+               "); trying again");
+    current->why_down = why;
+    current->is_final = final;
+    current->link_changed.raise();
+}
+
+bool take_transport_message(const char *topic, const std::string &payload) {
+    int type = 0;
+    if (get_tarn_message_type(current->transport, topic, &type) != 0)
+        return false;
+    if (type == TARN_ACK)
+        current->acknowledged.raise();
+    else
+        tarn_complete_transfer(tarn_get_req_handle_using_topic(current->transport, topic),
+                               payload.c_str());
+    return true;
+}
+
+void on_message(const char *topic, std::string payload) {
+    if (take_transport_message(topic, payload))
+        return;
+    const std::lock_guard guard(current->lock);
+    if (std::string_view(topic) == kOutbound) {
+        const Json root(json_loadb(payload.data(), payload.size(), 0, nullptr));
+        if (const json_t *state = json_object_get(root.get(), "wifistat"))
+            current->wifistat = compact(state);
+    }
+    if (current->messages.size() >= kWaitingMessages ||
+        current->bytes + payload.size() > kWaitingBytes) {
         if (!std::exchange(current->lost, true))
-            fputs("netwardenctl: messages come faster than they can be shown; some are lost\n",
-                  stderr);
+            notice("messages come faster than they can be shown; some are lost");
         return;
     }
-    current->messages.push_back({message->topic, std::string(message->payload, size)});
-    current->bytes += size;
+    current->bytes += payload.size();
+    timeval now{};
+    gettimeofday(&now, nullptr);
+    current->messages.push_back({topic, std::move(payload), now});
     current->arrived.raise();
 }
 
-int send_text(void *app, const char *topic, const char *text) {
-    return mqtt_app_publish(static_cast<mqtt_app *>(app), topic, static_cast<int>(strlen(text)),
-                            text);
+int send_text(void *broker, const char *topic, const char *text) {
+    return (*static_cast<std::unique_ptr<Broker> *>(broker))->publish(topic, text) ? 0 : -1;
 }
 
 }  // namespace
-
-std::string broker_address() {
-    const char *given = getenv("MQTT_APP_BROKER");
-    return given != nullptr && *given != '\0' ? given : "127.0.0.1:1883";
-}
 
 Connection::Connection(const std::vector<std::string> &topics, double limit_s) {
     current = new inbox;
     try {
         start(topics);
-        if (!current->connected.wait(deadline_after(limit_s)))
-            throw Failure(kNoAnswer,
-                          "no broker at " + printable(broker_address()) + ", or it refuses us");
+        await_broker(limit_s);
     } catch (...) {
         stop();
         throw;
@@ -126,33 +147,37 @@ Connection::~Connection() {
     stop();
 }
 
+void Connection::await_broker(double limit_s) {
+    const Deadline end = deadline_after(limit_s);
+    while (current->link_changed.wait(end)) {
+        const std::lock_guard guard(current->lock);
+        if (current->why_down.empty())
+            return;
+        if (current->is_final)
+            break;
+    }
+    const std::lock_guard guard(current->lock);
+    throw Failure(kNoAnswer, "no broker at " + address() + ": " +
+                                 (current->why_down.empty() ? format("no answer in %g s", limit_s)
+                                                            : printable(current->why_down)));
+}
+
 void Connection::start(const std::vector<std::string> &topics) {
-    std::vector<const char *> filters{kOurTopics};
-    for (const std::string &topic : topics)
-        filters.push_back(topic.c_str());
-    filters.push_back(nullptr);
+    std::vector<std::string> filters{kOurTopics};
+    filters.insert(filters.end(), topics.begin(), topics.end());
     silence_libraries();
-    app_ = mqtt_app_create("netwardenctl");
-    if (app_ == nullptr)
-        throw Failure(kNoAnswer, "the system has no file descriptor left");
-    if (mqtt_app_init(app_, filters.data(), on_message) != 0)
-        throw Failure(kUsage, "the broker is host:port or unix:/path, not \"" +
-                                  printable(broker_address()) + "\"");
-    mqtt_app_set_message_limit(app_, kMqttAppLargestMessage);  // of a home full of devices
-    mqtt_app_register_on_connect_cb(app_, on_connect);
-    transport_ = tarn_lib_init(send_text, app_, get_log_handle());
+    transport_ = tarn_lib_init(send_text, &broker_, get_log_handle());
     if (transport_ == nullptr)
         throw std::bad_alloc();
     tarn_lib_set_process(transport_, PROCESS_CLIENT);
     current->transport = transport_;
-    current->runner = std::thread([app = app_] { mqtt_app_run(app); });
+    broker_ = std::make_unique<Broker>(broker_settings(), std::move(filters),
+                                       BrokerEvents{on_message, on_ready, on_down});
 }
 
 void Connection::stop() {
     tarn_lib_exit(transport_);
-    mqtt_app_exit(app_);
-    if (current->runner.joinable())
-        current->runner.join();
+    broker_.reset();
     delete std::exchange(current, nullptr);
 }
 
@@ -184,15 +209,28 @@ std::optional<std::string> Connection::try_ask(const std::string &request, doubl
 std::string Connection::ask(const std::string &request, double limit_s) {
     if (const auto answer = try_ask(request, limit_s))
         return *answer;
-    throw Failure(kNoAnswer, "the broker at " + printable(broker_address()) +
+    throw Failure(kNoAnswer, "the broker at " + address() +
                                  " is there but netwarden does not answer within " +
                                  format("%g s", std::ceil(limit_s)));
 }
 
-void Connection::tell(const std::string &message) {
-    if (send_text(app_, kInbound, message.c_str()) != 0)
-        throw Failure(kNoAnswer, "the broker takes no more messages");
-    ask(R"({"get":"channel"})");
+void Connection::tell(const std::string &message, double limit_s) {
+    if (!broker_->publish(kInbound, message))
+        throw Failure(kNoAnswer, "the broker takes no message now");
+    ask(R"({"get":"channel"})", limit_s);
+}
+
+void Connection::announce(const std::string &event, double limit_s) {
+    tarn_req *const handle = tarn_alloc_req_handle(transport_);
+    const int result =
+        tarn_event_transfer(handle, PROCESS_CLIENT, PROCESS_NETWORK, event.c_str(), 0);
+    tarn_free_req_handle(handle);
+    if (result != 0)
+        throw Failure(kNoAnswer, "the broker takes no message now");
+    if (!current->acknowledged.wait(deadline_after(limit_s)))
+        throw Failure(kNoAnswer, "the broker at " + address() +
+                                     " is there but netwarden does not acknowledge within " +
+                                     format("%g s", limit_s));
 }
 
 std::optional<Message> Connection::next(Deadline end) {
@@ -203,6 +241,11 @@ std::optional<Message> Connection::next(Deadline end) {
     current->messages.pop_front();
     current->bytes -= first.payload.size();
     return first;
+}
+
+std::optional<std::string> Connection::last_wifistat() const {
+    const std::lock_guard guard(current->lock);
+    return current->wifistat.empty() ? std::nullopt : std::optional(current->wifistat);
 }
 
 }  // namespace ctl

@@ -1,6 +1,9 @@
 // The robot as seen over its broker. One connection at a time; main thread only.
 #pragma once
 
+#include <sys/time.h>
+
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -8,7 +11,6 @@
 
 #include "waiting.h"
 
-struct mqtt_app;
 struct tarn_lib;
 
 namespace ctl {
@@ -18,17 +20,22 @@ constexpr double kAnswerS = 3;  // for the broker, and for a request to the daem
 // Where the daemon hears apps and the robot's other processes.
 constexpr char kInbound[] = "brisk/network/events";
 
+// Where the daemon tells apps and everybody.
+constexpr char kOutbound[] = "network/events";
+
 struct Message {
     std::string topic;
     std::string payload;
+    timeval when{};  // it came
 };
 
-// The broker's address: from MQTT_APP_BROKER or the default.
-std::string broker_address();
+class Broker;
 
 class Connection {
   public:
-    // Connects and subscribes to the filters; Failure when there is no broker within `limit_s`.
+    // Connects and subscribes to the filters; Failure that says why when there is no connection
+    // within `limit_s` (0: waits for one). One that is lost later comes back by itself, which is
+    // told on standard error.
     explicit Connection(const std::vector<std::string> &topics = {}, double limit_s = kAnswerS);
     Connection(const Connection &) = delete;
     Connection &operator=(const Connection &) = delete;
@@ -41,17 +48,24 @@ class Connection {
 
     // Publishes for the daemon and returns when it has taken the message: it serves its messages in
     // order, so a request that is answered afterwards proves it.
-    void tell(const std::string &message);
+    void tell(const std::string &message, double limit_s = kAnswerS);
+
+    // Sends the daemon an event of a robot's process, which it acknowledges; Failure otherwise.
+    void announce(const std::string &event, double limit_s = kAnswerS);
 
     // The next message, or nothing at the deadline.
     std::optional<Message> next(Deadline end);
 
+    // What the daemon last published of its state, whoever has read it since: {"wifi":1,...}.
+    std::optional<std::string> last_wifistat() const;
+
   private:
+    void await_broker(double limit_s);
     void start(const std::vector<std::string> &topics);
     void stop();
 
-    mqtt_app *app_ = nullptr;
     tarn_lib *transport_ = nullptr;
+    std::unique_ptr<Broker> broker_;
 };
 
 }  // namespace ctl

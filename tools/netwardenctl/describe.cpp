@@ -8,21 +8,25 @@ namespace ctl {
 
 namespace {
 
-// By state, from -1 on.
-constexpr std::array<const char *, 13> kWifiStates{
-    "not yet known",
-    "off",
-    "connected",
-    "no network of that name answered",
-    "wrong password",
-    "no address from DHCP",
-    "network lost",
-    "the access point rejected the robot",
-    "as another process reports it",
-    "connecting",
-    "bad configuration: SSID or password",
-    "IP configuration, soft AP or station interface failed",
-    "station stopped",
+// By state, from -1 on: the name on a command line, and the meaning.
+struct state_row {
+    const char *name;
+    const char *meaning;
+};
+constexpr std::array kWifiStates{
+    state_row{"unknown", "not yet known"},
+    state_row{"off", "off"},
+    state_row{"connected", "connected"},
+    state_row{"no-network", "no network of that name answered"},
+    state_row{"wrong-password", "wrong password"},
+    state_row{"no-address", "no address from DHCP"},
+    state_row{"network-down", "network lost"},
+    state_row{"rejected", "the access point rejected the robot"},
+    state_row{"told", "as another process reports it"},
+    state_row{"connecting", "connecting"},
+    state_row{"bad-settings", "bad configuration: SSID or password"},
+    state_row{"not-applied", "IP configuration, soft AP or station interface failed"},
+    state_row{"stopped", "station stopped"},
 };
 
 struct word {
@@ -108,7 +112,7 @@ Line describe_netinfo(const std::string &, const json_t *value) {
 Line describe_wlcfg(const std::string &topic, const json_t *value) {
     const std::string addr = shown(value, "addr");
     const std::string addressing = addr.empty() ? ", DHCP" : ", static address " + addr;
-    if (topic != "network/events")
+    if (topic != kOutbound)
         return {"wlcfg", "the app sends settings: " + network_text(value) + addressing};
     return {"wlcfg", network_text(value) + ", " + security_text(number(value, "sec")) + addressing};
 }
@@ -174,8 +178,21 @@ constexpr std::array kKeys{
 
 std::string wifi_state_text(json_int_t state) {
     constexpr auto kStates = static_cast<json_int_t>(kWifiStates.size());
-    return state >= -1 && state < kStates - 1 ? kWifiStates[static_cast<size_t>(state + 1)]
+    return state >= -1 && state < kStates - 1 ? kWifiStates[static_cast<size_t>(state + 1)].meaning
                                               : "unknown state " + std::to_string(state);
+}
+
+std::vector<std::string> wifi_state_names() {
+    std::vector<std::string> names;
+    for (const state_row &row : kWifiStates)
+        names.emplace_back(row.name);
+    return names;
+}
+
+int wifi_state_named(const std::string &name) {
+    const auto row = std::find_if(kWifiStates.begin(), kWifiStates.end(),
+                                  [&](const state_row &each) { return each.name == name; });
+    return static_cast<int>(row - kWifiStates.begin()) - 1;
 }
 
 Line describe(const std::string &topic, const json_t *message) {

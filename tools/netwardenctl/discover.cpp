@@ -165,8 +165,8 @@ int discover(const Options &options, const DiscoverOptions &where) {
             continue;
         const Json robot = parse_masked(reply->text);
         if (!json_is_object(robot.get()))
-            fprintf(stderr, "netwardenctl: %s answers with what is no description: %s\n",
-                    address_text(reply->from).c_str(), printable(reply->text).c_str());
+            notice(address_text(reply->from) +
+                   " answers with what is no description: " + printable(reply->text));
         else if (options.json)
             print_json(*reply, robot.get());
         else

@@ -13,6 +13,7 @@
 
 #include "commands.h"
 #include "connection.h"
+#include "secret.h"
 #include "text.h"
 
 namespace ctl {
@@ -24,38 +25,8 @@ constexpr double kTakeS = 60;   // it ends its soft AP first
 constexpr double kWholeRunS = 180;
 constexpr double kEndS = 10;
 constexpr size_t kLongestSsid = 32;  // bytes, IEEE 802.11
-constexpr size_t kLongestSecret = 128;
 
 // --- secrets -------------------------------------------------------------------------------------
-
-// A line from the descriptor, without its end.
-std::string read_line(int fd, const std::string &name) {
-    std::string line;
-    for (char c = 0; wait_readable(fd, kNever);) {
-        const ssize_t got = read(fd, &c, 1);
-        if (got < 0)
-            throw Failure(kUsage, "cannot read " + name + ": " + strerror(errno));
-        if (got == 0 || c == '\n')
-            break;
-        line.push_back(c);
-        if (line.size() > kLongestSecret)
-            throw Failure(kUsage, name + ": longer than " + std::to_string(kLongestSecret));
-    }
-    if (line.ends_with('\r'))
-        line.pop_back();
-    if (line.empty())
-        throw Failure(kUsage, name + ": the first line is empty");
-    return line;
-}
-
-std::string read_secret_file(const std::string &path) {
-    if (path == "-")
-        return read_line(STDIN_FILENO, "standard input");
-    const Fd file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!file)
-        throw Failure(kUsage, "cannot open " + printable(path) + ": " + strerror(errno));
-    return read_line(file.get(), printable(path));
-}
 
 // The terminal does not show what is typed while this lives.
 class Silence {
@@ -84,7 +55,7 @@ std::string ask_for_secret(const std::string &prompt) {
         throw Failure(kUsage, "no terminal to ask for the password: --pass-file or --open");
     dprintf(terminal.get(), "%s", prompt.c_str());
     const Silence silence(terminal.get());
-    return read_line(terminal.get(), "the password");
+    return read_secret_line(terminal.get(), "the password");
 }
 
 // --- the settings --------------------------------------------------------------------------------
@@ -114,12 +85,26 @@ std::string ssid_of(const ProvisionOptions &settings) {
     return *ssid;
 }
 
+// What the robot could make no key of would cost its owner a minute to learn.
+void check_password(const std::string &pass) {
+    const size_t length = pass.size();
+    const bool is_wpa = length >= 8 && length <= 63;
+    const bool is_key = length == 64 && from_hex(pass);
+    const bool is_wep = length == 5 || length == 10 || length == 13 || length == 26;
+    if (!is_wpa && !is_key && !is_wep)
+        throw Failure(kUsage, "the password has " + std::to_string(length) +
+                                  " bytes: WPA takes 8 to 63, or a key of 64 hexadecimal digits; "
+                                  "WEP 5, 10, 13 or 26. Nothing was sent");
+}
+
 std::string settings_message(const ProvisionOptions &settings, const std::string &ssid) {
     std::string pass;  // sent empty for an open network: absent, an earlier one would stay
     if (!settings.pass_file.empty())
         pass = read_secret_file(settings.pass_file);
     else if (!settings.open)
         pass = ask_for_secret("password of " + printable(ssid) + ": ");
+    if (!settings.open)
+        check_password(pass);
     const Json root(json_pack("{s:{s:s, s:s}, s:b}", "wlcfg", "ssid", to_hex(ssid).c_str(), "pass",
                               to_hex(pass).c_str(), "wactivate", 1));
     if (settings.static_address)
@@ -155,7 +140,7 @@ bool is_command(const json_t *message, const Words &words) {
 }
 
 const std::vector<std::string> &steps() {
-    static const std::vector<std::string> topics{"network/events", "robot/debug", "local/cmd",
+    static const std::vector<std::string> topics{kOutbound, "robot/debug", "local/cmd",
                                                  "tarn/2/event/network/#"};
     return topics;
 }
@@ -253,7 +238,7 @@ void carry_out(Connection &robot, const Printer &printer, Deadline end, const Or
 }
 
 int carry_out(const Options &options, const Order &order) {
-    Connection robot(steps());
+    Connection robot(steps(), options.timeout_or(kAnswerS));
     carry_out(robot, Printer(options.json), deadline_after(options.timeout_or(kStartS)), order);
     return kDone;
 }
@@ -266,9 +251,10 @@ int provision(const Options &options, const ProvisionOptions &settings) {
     };
     const std::string message =
         plays("settings") ? settings_message(settings, ssid_of(settings)) : "";
-    Connection robot(steps());
+    const double limit = options.timeout_or(kAnswerS);
+    Connection robot(steps(), limit);
     const Printer printer(options.json);
-    robot.ask(R"({"get":"channel"})");
+    robot.ask(R"({"get":"channel"})", limit);
     const Deadline end = deadline_after(options.timeout_or(kWholeRunS));
     try {
         if (plays("start"))
@@ -278,7 +264,7 @@ int provision(const Options &options, const ProvisionOptions &settings) {
         if (plays("end"))
             finish(robot, printer);
     } catch (const Interrupted &) {
-        fputs("netwardenctl: the robot goes on provisioning; provision --abort ends it\n", stderr);
+        notice("the robot goes on provisioning; provision --abort ends it");
         throw;
     }
     if (settings.step.empty())
@@ -302,7 +288,7 @@ int train(const Options &options, bool follow) {
                       "already"};
     if (!follow)
         return carry_out(options, start);
-    Connection robot(steps());
+    Connection robot(steps(), options.timeout_or(kAnswerS));
     const Printer printer(options.json);
     const Deadline end = deadline_after(options.timeout_s);
     carry_out(robot, printer, std::min(end, deadline_after(kStartS)), start);

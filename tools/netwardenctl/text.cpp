@@ -1,12 +1,15 @@
 #include "text.h"
 
-#include <sys/time.h>
-
 #include <algorithm>
 #include <array>
+#include <atomic>
+#include <cerrno>
+#include <clocale>
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
+#include <cwchar>
 
 namespace ctl {
 
@@ -57,12 +60,10 @@ void mask(json_t *value) {
 // --- time ----------------------------------------------------------------------------------------
 
 // "12:34:56.789"; for programs with the date, and in UTC as RFC 3339 writes it.
-std::string time_text(bool for_programs) {
-    timeval now{};
-    gettimeofday(&now, nullptr);
+std::string time_text(timeval when, bool for_programs) {
     tm parts{};
-    (for_programs ? gmtime_r : localtime_r)(&now.tv_sec, &parts);
-    const int ms = static_cast<int>(now.tv_usec / 1000);
+    (for_programs ? gmtime_r : localtime_r)(&when.tv_sec, &parts);
+    const int ms = static_cast<int>(when.tv_usec / 1000);
     std::array<char, 32> date{};
     strftime(date.data(), date.size(), "%Y-%m-%dT", &parts);
     const std::string time =
@@ -70,10 +71,40 @@ std::string time_text(bool for_programs) {
     return for_programs ? date.data() + time + "Z" : time;
 }
 
-size_t columns_of(const std::string &text) {
-    return static_cast<size_t>(std::count_if(text.begin(), text.end(), [](char c) {
-        return (static_cast<unsigned char>(c) & 0xc0) != 0x80;  // not inside a UTF-8 sequence
-    }));
+timeval now() {
+    timeval time{};
+    gettimeofday(&time, nullptr);
+    return time;
+}
+
+// --- columns -------------------------------------------------------------------------------------
+
+// The C library knows the widths of characters in a UTF-8 locale only, whatever the user's is.
+size_t width_of(char32_t point) {
+    static const bool knows_widths = setlocale(LC_CTYPE, "C.UTF-8") != nullptr;
+    const int width = knows_widths ? wcwidth(static_cast<wchar_t>(point)) : 1;
+    return width < 0 ? 1 : static_cast<size_t>(width);
+}
+
+// Of a printable text.
+size_t columns_of(std::string_view text) {
+    size_t columns = 0;
+    while (!text.empty()) {
+        char32_t point = 0;
+        const size_t length = std::max<size_t>(decode(text, point), 1);
+        columns += width_of(point);
+        text.remove_prefix(length);
+    }
+    return columns;
+}
+
+std::atomic<bool> errors_are_json{false};
+
+void tell_aside(json_t *members, const std::string &text) {
+    const Json owned(members);
+    const std::string line =
+        errors_are_json ? compact(owned.get()) + "\n" : "netwardenctl: " + text + "\n";
+    fputs(line.c_str(), stderr);
 }
 
 }  // namespace
@@ -164,17 +195,77 @@ void print_table(const std::vector<std::vector<std::string>> &rows) {
 }
 
 void flush_output() {
-    if (fflush(stdout) != 0)
-        throw Interrupted();
+    if (fflush(stdout) == 0 && ferror(stdout) == 0)
+        return;
+    if (errno == EPIPE)
+        throw NobodyReads();
+    throw Failure(kNotWritten, std::string("cannot write the output: ") + strerror(errno));
 }
 
-void Printer::line(json_t *members, const Line &text) const {
+namespace {
+
+// How many letters are wrong, missing, too many or swapped with their neighbour.
+size_t letters_apart(std::string_view a, std::string_view b) {
+    std::vector<std::vector<size_t>> rows(a.size() + 1, std::vector<size_t>(b.size() + 1));
+    for (size_t i = 0; i <= a.size(); i++)
+        for (size_t j = 0; j <= b.size(); j++) {
+            size_t &here = rows[i][j];
+            if (i == 0 || j == 0) {
+                here = i + j;
+                continue;
+            }
+            here = std::min({rows[i - 1][j] + 1, rows[i][j - 1] + 1,
+                             rows[i - 1][j - 1] + (a[i - 1] != b[j - 1] ? 1 : 0)});
+            if (i > 1 && j > 1 && a[i - 1] == b[j - 2] && a[i - 2] == b[j - 1])
+                here = std::min(here, rows[i - 2][j - 2] + 1);
+        }
+    return rows[a.size()][b.size()];
+}
+
+}  // namespace
+
+std::vector<std::string> nearest(const std::string &word, const std::vector<std::string> &words) {
+    constexpr size_t kMost = 3;
+    constexpr size_t kLongest = 64;  // no word of ours is near to a longer one
+    std::vector<std::pair<size_t, std::string>> near;
+    for (const std::string &each : words) {
+        const bool is_begun = word.size() >= 2 && each.starts_with(word);
+        const size_t apart = is_begun                  ? 0
+                             : word.size() <= kLongest ? letters_apart(word, each)
+                                                       : kLongest;
+        if (apart <= std::max<size_t>(1, each.size() / 3))
+            near.emplace_back(apart, each);
+    }
+    std::stable_sort(near.begin(), near.end(),
+                     [](const auto &a, const auto &b) { return a.first < b.first; });
+    std::vector<std::string> found;
+    for (size_t i = 0; i < std::min(near.size(), kMost); i++)
+        found.push_back(near[i].second);
+    return found;
+}
+
+void speak_json(bool json) {
+    errors_are_json = json;
+}
+
+void notice(const std::string &text) {
+    tell_aside(json_pack("{s:s}", "notice", text.c_str()), text);
+}
+
+int complain(exit_code code, const std::string &text) {
+    tell_aside(json_pack("{s:s, s:i}", "error", text.c_str(), "code", static_cast<int>(code)),
+               text);
+    return code;
+}
+
+void Printer::line(timeval when, json_t *members, const Line &text) const {
     if (json_) {
-        const Json object(json_pack("{s:s}", "time", time_text(true).c_str()));
+        const Json object(json_pack("{s:s}", "time", time_text(when, true).c_str()));
         json_object_update(object.get(), members);
         puts(compact(object.get()).c_str());
     } else {
-        printf("%s  %-9s  %s\n", time_text(false).c_str(), text.what.c_str(), text.meaning.c_str());
+        printf("%s  %-9s  %s\n", time_text(when, false).c_str(), text.what.c_str(),
+               text.meaning.c_str());
     }
     flush_output();
 }
@@ -184,12 +275,12 @@ void Printer::message(const Message &message) const {
     const Line text = describe(message.topic, root.get());
     const Json members(json_pack("{s:s, s:O?, s:s}", "topic", printable(message.topic).c_str(),
                                  "message", root.get(), "meaning", text.meaning.c_str()));
-    line(members.get(), text);
+    line(message.when, members.get(), text);
 }
 
 void Printer::step(const std::string &what, const std::string &meaning) const {
     const Json members(json_pack("{s:s, s:s}", "step", what.c_str(), "meaning", meaning.c_str()));
-    line(members.get(), {what, meaning});
+    line(now(), members.get(), {what, meaning});
 }
 
 }  // namespace ctl

@@ -2,8 +2,10 @@
 
 #include <poll.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <system_error>
 
@@ -47,18 +49,30 @@ void catch_interrupts() {
     pthread_sigmask(SIG_BLOCK, &both, nullptr);
 }
 
+void catch_broken_pipes() {
+    struct sigaction nothing = {};
+    nothing.sa_handler = [](int) {};  // unlike being ignored it ends at exec
+    nothing.sa_flags = SA_RESTART;
+    sigaction(SIGPIPE, &nothing, nullptr);
+}
+
 bool wait_readable(int fd, Deadline end) {
     sigset_t none;
     sigemptyset(&none);
-    pollfd ready{fd, POLLIN, 0};
+    // Of the output only errors are asked for: the other end of a pipe is closed.
+    std::array<pollfd, 2> ready{pollfd{fd, POLLIN, 0}, pollfd{STDOUT_FILENO, 0, 0}};
     for (;;) {
         const timespec left = end == kNever ? timespec{} : time_until(end);
-        const int count = ppoll(&ready, 1, end == kNever ? nullptr : &left, &none);
+        const int count = ppoll(ready.data(), ready.size(), end == kNever ? nullptr : &left, &none);
         if (interrupted != 0 || is_interrupt_pending())
             throw Interrupted();
-        if (count >= 0)
-            return count > 0;
-        if (errno != EINTR)
+        if (count >= 0 && (ready[1].revents & POLLERR) != 0)
+            throw NobodyReads();
+        if (count >= 0 && (ready[0].revents != 0 || ready[1].revents == 0))
+            return ready[0].revents != 0;
+        if (count > 0)
+            ready[1].fd = -1;  // closed, or a terminal that is gone: the next write tells
+        if (count < 0 && errno != EINTR)
             throw std::system_error(errno, std::generic_category(), "poll");
     }
 }

@@ -13,7 +13,9 @@ enum exit_code : int {
     kRefused = 1,  // the robot said no, or failed
     kUsage = 2,
     kNoAnswer = 3,  // broker or robot
+    kNotWritten = 4,
     kInterrupted = 130,
+    kNobodyReads = 141,  // as the shell tells of a program that SIGPIPE ended
 };
 
 // Ends the command with its exit code and this text on standard error.
@@ -25,6 +27,9 @@ struct Failure : std::runtime_error {
 // Thrown by a wait on SIGINT or SIGTERM.
 struct Interrupted {};
 
+// Thrown when the reader of a pipe is gone: there is nobody to tell anything.
+struct NobodyReads {};
+
 using Clock = std::chrono::steady_clock;
 using Deadline = Clock::time_point;
 constexpr Deadline kNever = Deadline::max();
@@ -35,7 +40,12 @@ Deadline deadline_after(double seconds);
 // Before any thread is started.
 void catch_interrupts();
 
-// True when `fd` can be read, false at the deadline.
+// A broken pipe is told by the write, in every thread, and programs started from here get the
+// signal again. Also after whatever else has changed the process's signals.
+void catch_broken_pipes();
+
+// True when `fd` can be read, false at the deadline. NobodyReads as soon as standard output is a
+// pipe without a reader: whoever waits for minutes must not learn it from the next line only.
 bool wait_readable(int fd, Deadline end);
 
 }  // namespace ctl

@@ -1,17 +1,29 @@
 #include <cstdio>
 
+#include "broker.h"
 #include "commands.h"
 #include "connection.h"
+#include "machine.h"
+#include "state.h"
 #include "text.h"
 
 namespace ctl {
 
-int watch(const Options &options, long count) {
-    Connection robot({"network/events", "robot/debug", "local/cmd", kInbound});
+int watch(const Options &options, long count, const std::string &asked_interface) {
+    constexpr double kStateS = 1;
     const Printer printer(options.json);
     const Deadline end = deadline_after(options.timeout_s);
+    Connection robot({kOutbound, "robot/debug", "local/cmd", kInbound},
+                     options.timeout_or(kAnswerS));
     long seen = 0;
     try {
+        printer.step("listening", "to the robot at " + printable(broker_settings().address) +
+                                      "; Ctrl-C ends it");
+        const Described told = describe_robot(robot, kStateS);
+        const RobotState state =
+            told.robot ? present_state(robot, told, station_interface(asked_interface))
+                       : RobotState{std::nullopt, "not known: netwarden does not answer", ""};
+        printer.step("state", state.text());
         while (count == 0 || seen < count) {
             const auto message = robot.next(end);
             if (!message)
@@ -42,12 +54,19 @@ void print_devices(const json_t *devices) {
     print_table(rows);
 }
 
+// An empty home is no line, so that lines count devices.
+void print_objects(const json_t *devices) {
+    for (size_t i = 0; i < json_array_size(devices); i++)
+        puts(compact(json_array_get(devices, i)).c_str());
+}
+
 }  // namespace
 
 int list_devices(const Options &options) {
     constexpr double kListenS = 60;
-    Connection robot({"robot/debug"});
-    robot.ask(R"({"get":"channel"})");
+    const double limit = options.timeout_or(kAnswerS);
+    Connection robot({"robot/debug"}, limit);
+    robot.ask(R"({"get":"channel"})", limit);
     const Deadline end = deadline_after(options.timeout_or(kListenS));
     while (const auto message = robot.next(end)) {
         const Json root = parse_masked(message->payload);
@@ -55,7 +74,7 @@ int list_devices(const Options &options) {
         if (!json_is_array(devices))
             continue;
         if (options.json)
-            puts(compact(devices).c_str());
+            print_objects(devices);
         else
             print_devices(devices);
         flush_output();
