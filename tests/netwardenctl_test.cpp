@@ -213,6 +213,115 @@ TEST_F(Ctl, RestartsAndForgetsTheNetwork) {
     EXPECT_EQ(kvs_get("robot.name"), "Rosie");
 }
 
+// A machine on which all is well but for one thing at a time.
+TEST_F(Ctl, DoctorFindsWhatAPortForgot) {
+    const Broker broker;
+    give_address();
+    ASSERT_EQ(system("ip neigh replace 192.0.2.1 lladdr 02:00:00:00:00:01 dev wlan0"), 0);
+    kvs_set("product.robotid", "0123");
+    kvs_set("network.ssid", "486f6d65");
+    kvs_set("network.addr_type", "1");
+    kvs_set("network.ip_config", "sudo provision --clmode dhcp \n");
+    write_file("/etc/wpa_supplicant.conf",
+               "ctrl_interface=/var/run/wpa_supplicant\nctrl_interface_group=apps\n", 0600);
+    write_file("/var/run/wpa_supplicant/wlan0", "");
+    const auto tools = [] {
+        fake("sudo", R"([ "$1" != -n ] || shift; exec "$@")");
+        fake("iw", R"(echo 'Connected to 02:00:00:00:02:00 (on wlan0)'; echo '	 * AP')");
+        fake("wpa_cli", "echo wpa_state=COMPLETED");
+        fake("provision", "echo 'CL REG DOMAIN   : US'");
+        fake("version", "echo 'Product Version: 1'");
+        fake("network_dhcp_arp_control.sh", "exit 0");
+        fake("ifconfig", "echo wlan0 Link encap:Ethernet HWaddr 02:00:00:00:00:00");
+        fake("arping", "echo 'Unicast reply from 192.0.2.1 [02:00:00:00:00:01]'");
+    };
+    tools();
+    const std::string pid_file = "/var/run/udhcpc.wlan0.pid";
+    const auto run_client = [&](const std::string &line) {
+        write_file(pid_file, std::to_string(start(line)));
+    };
+    run_client("/run/fakes/dash -c \"trap : 16; echo >/tmp/trapped; while :; do sleep 1; done\"");
+    EXPECT_TRUE(eventually([] { return read_file("/tmp/trapped") != "<none>"; }));
+    const std::string client = read_file(pid_file);
+    start_daemon();
+    EXPECT_TRUE(eventually([&] { return run("get channel") == 0; }, std::chrono::seconds(20)));
+
+    // The image has no place for this one; everything else is well.
+    expect("doctor", 1,
+           {"FAULT  tool /usr/bin/webserver_control.sh  not there: the board's",
+            "\nnetwardenctl: 1 thing is not as netwarden needs it"});
+    EXPECT_THAT(out, Not(HasSubstr("\n?")));
+
+    struct Fault {
+        const char *check;
+        const char *advice;
+        std::function<void()> plant;
+    };
+    const auto remove = [](const std::string &path) { unlink(path.c_str()); };
+    const auto overwrite = [](const std::string &path, const char *text) {
+        write_file(path, text, 0600);
+    };
+    const std::vector<Fault> faults{
+        {"tool version", "board/install.sh", [&] { remove("/run/fakes/bin/version"); }},
+        {"ifconfig", "busybox", [] { fake("ifconfig", "echo 'ether 02:00:00:00:00:00'"); }},
+        {"ifstate", "ifup -a", [&] { remove("/run/ifstate"); }},
+        {"iw", "no end within its time", [] { fake("iw", "[ $1 = phy ] || sleep 100"); }},
+        {"soft AP", "no radio here", [] { fake("iw", "echo 'Not connected.'"); }},
+        {"provision", "CL REG DOMAIN", [] { fake("provision", "exit 3"); }},
+        {"version", "Product Version", [] { fake("version", "echo 1.2"); }},
+        {"sudo", "root may not", [] { fake("sudo", "exit 1"); }},
+        {"group", "groupadd", [&] { overwrite("/etc/group", "root:x:0:\n"); }},
+        {"store", "product.robotid", [&] { remove(kvs_path("product.robotid")); }},
+        {"saved network", "network.addr_type", [&] { remove(kvs_path("network.addr_type")); }},
+        {"supplicant's file", "ctrl_interface_group=apps",
+         [&] {
+             overwrite("/etc/wpa_supplicant.conf", "ctrl_interface=/var/run/wpa_supplicant\n");
+         }},
+        {"supplicant", "ifup wlan0", [&] { remove("/var/run/wpa_supplicant/wlan0"); }},
+        {"DHCP client", "does not take signal 16", [&] { run_client("sleep 100"); }},
+        {"arping", "iputils-arping",
+         [] { fake("arping", "echo '60 bytes from 02:00:00:00:00:01 (192.0.2.1)'"); }},
+    };
+    for (const auto &[check, advice, plant] : faults) {
+        const std::vector<std::string> kept{"/etc/group", "/etc/wpa_supplicant.conf",
+                                            kvs_path("product.robotid"),
+                                            kvs_path("network.addr_type")};
+        std::vector<std::string> texts;
+        for (const auto &path : kept)
+            texts.push_back(read_file(path));
+        plant();
+        EXPECT_EQ(run("doctor --json"), 1);
+        const auto at = out.find(std::string(R"({"check":")") + check + R"(","ok":false)");
+        EXPECT_NE(at, out.npos) << check << "\n" << out;
+        EXPECT_THAT(out.substr(std::min(at, out.size()), out.find('\n', at) - at),
+                    HasSubstr(advice))
+            << check;
+        tools();
+        for (size_t i = 0; i < kept.size(); i++)
+            write_file(kept[i], texts[i], 0600);
+        write_file("/run/ifstate", "");
+        write_file("/var/run/wpa_supplicant/wlan0", "");
+        write_file(pid_file, client);
+    }
+}
+
+TEST_F(Ctl, DoctorLooksAtTheBroker) {
+    expect("doctor --timeout 0.5", 1, {"FAULT  broker  ", "Connection refused"});
+    for (const auto &[settings, text] :
+         {std::pair{"listener 1883\n", "FAULT  broker                  listens to the whole home"},
+          std::pair{"listener 1883 127.0.0.1\nmessage_size_limit 100000\n",
+                    "FAULT  broker's limit          drops messages of 1 MiB"}}) {
+        write_file("/tmp/loose.conf", std::string("allow_anonymous true\nuser root\n") + settings);
+        const pid_t other = start("mosquitto -c /tmp/loose.conf 2>/dev/null");
+        EXPECT_TRUE(eventually([&] {
+            run("get channel --timeout 0.5");
+            return out.find("no broker") == out.npos;
+        }));
+        expect("doctor", 1, {text, "FAULT  netwarden               does not answer: systemctl"});
+        end_of(other, SIGKILL);
+    }
+}
+
 // A certificate of its own making, for a server and a client at 127.0.0.1, with its key.
 void make_certificate(const std::string &path) {
     EVP_PKEY *const key = EVP_EC_gen("P-256");

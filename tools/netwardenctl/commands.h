@@ -29,6 +29,9 @@ int wait_for_state(const Options &options, const std::string &state, const std::
 int restart_network(const Options &options, bool wait);
 int forget_network(const Options &options, bool yes);
 
+// --- doctor.cpp
+int examine_machine(const Options &options, const std::string &interface);
+
 // --- discover.cpp
 struct DiscoverOptions {
     std::string address;    // asks this one only

@@ -28,15 +28,6 @@ constexpr size_t kResponseSize = 4096;
 constexpr size_t kWaitingMessages = 4096;
 constexpr size_t kWaitingBytes = 16 << 20;
 
-// What the library logs is said better by our own errors; on the robot it would land in its log.
-void silence_libraries() {
-    if (get_log_handle() != nullptr)
-        return;
-    log_handle *const silent = log_open_default("netwardenctl");
-    log_set_level(silent, LOG_LEVEL_ERROR + 1);
-    exchange_log_handle(silent);
-}
-
 // Raised on one thread as often as the main one may go through its wait.
 class Signal {
   public:
@@ -165,7 +156,6 @@ void Connection::await_broker(double limit_s) {
 void Connection::start(const std::vector<std::string> &topics) {
     std::vector<std::string> filters{kOurTopics};
     filters.insert(filters.end(), topics.begin(), topics.end());
-    silence_libraries();
     transport_ = tarn_lib_init(send_text, &broker_, get_log_handle());
     if (transport_ == nullptr)
         throw std::bad_alloc();
@@ -218,6 +208,10 @@ void Connection::tell(const std::string &message, double limit_s) {
     if (!broker_->publish(kInbound, message))
         throw Failure(kNoAnswer, "the broker takes no message now");
     ask(R"({"get":"channel"})", limit_s);
+}
+
+bool Connection::send(const std::string &topic, const std::string &text) {
+    return broker_->publish(topic, text);
 }
 
 void Connection::announce(const std::string &event, double limit_s) {

@@ -50,6 +50,9 @@ class Connection {
     // order, so a request that is answered afterwards proves it.
     void tell(const std::string &message, double limit_s = kAnswerS);
 
+    // Publishes anything; false when it was not taken.
+    bool send(const std::string &topic, const std::string &text);
+
     // Sends the daemon an event of a robot's process, which it acknowledges; Failure otherwise.
     void announce(const std::string &event, double limit_s = kAnswerS);
 

@@ -12,6 +12,7 @@
 
 #include "broker.h"
 #include "commands.h"
+#include "log.h"
 #include "secret.h"
 #include "text.h"
 #include "waiting.h"
@@ -97,6 +98,14 @@ void add_questions(CLI::App &app, Arguments &a) {
         ->check(CLI::IsMember(wifi_state_names()));
     add_word(command(app, a, "get", "Ask for one thing", [&a] { return get(a.options, a.word); }),
              a, "what", {"channel", "discovery"});
+}
+
+void add_looks(CLI::App &app, Arguments &a) {
+    add_interface(command(app, a, "doctor",
+                          "Check that this machine has everything that netwarden needs, a line "
+                          "each: ok, or what to do. Best as root, on the robot itself",
+                          [&a] { return examine_machine(a.options, a.interface); }),
+                  a);
 }
 
 void add_changes(CLI::App &app, Arguments &a) {
@@ -253,6 +262,7 @@ void describe_arguments(CLI::App &app, Arguments &a) {
     app.get_formatter()->column_width(24);
     app.footer(kFooter);
     add_questions(app, a);
+    add_looks(app, a);
     add_listeners(app, a);
     add_changes(app, a);
     add_provisioning(app, a);
@@ -343,12 +353,28 @@ int parse_and_run(int argc, char **argv) {
     return arguments.action();
 }
 
+// What the robot's libraries log is said better by our own errors; on the robot it would land in
+// its log.
+void silence_libraries() {
+    log_handle *const silent = log_open_default("netwardenctl");
+    log_set_level(silent, LOG_LEVEL_ERROR + 1);
+    exchange_log_handle(silent);
+}
+
+// The robot's tools are where the daemon finds them, whoever looks.
+void complete_path() {
+    const std::string path = from_environment("PATH", "/usr/local/bin:/usr/bin:/bin");
+    setenv("PATH", (path + ":/usr/local/sbin:/usr/sbin:/sbin").c_str(), 1);
+}
+
 int netwardenctl(int argc, char **argv) {
     // A command line that cannot be understood is complained of as it asks, too.
     speak_json(std::any_of(argv, argv + argc,
                            [](const char *word) { return std::string_view(word) == "--json"; }));
     catch_interrupts();
     catch_broken_pipes();
+    silence_libraries();
+    complete_path();
     try {
         const int code = parse_and_run(argc, argv);
         flush_output();
