@@ -3,6 +3,9 @@
 #include <openssl/pem.h>
 #include <openssl/x509v3.h>
 #include <signal.h>
+#include <sys/stat.h>
+
+#include <sstream>
 
 #include "daemon.h"
 
@@ -320,6 +323,153 @@ TEST_F(Ctl, DoctorLooksAtTheBroker) {
         expect("doctor", 1, {text, "FAULT  netwarden               does not answer: systemctl"});
         end_of(other, SIGKILL);
     }
+}
+
+// What a report shows of a line, and what it must not.
+TEST_F(Ctl, ReportMasksWhatIsTheHomes) {
+    const std::pair<const char *, const char *> kLines[]{
+        {R"(psk="horse battery")", R"(psk="********")"},
+        {"\tPSK = 0123456789abcdef", "    PSK = ********"},
+        {"wep_key0=0102030405", "wep_key0=********"},
+        {R"(rx {"wlcfg":{"ssid":"4e696e65","pass":"6e\"ine","sec":4}})",
+         R"(rx {"wlcfg":{"ssid":"********","pass":"********","sec":4}})"},
+        {R"({\"pass\" : \"in \\\"two\\\"\", \"sec\":4})",
+         R"({\"pass\" : \"********\", \"sec\":4})"},
+        {R"({"pass":12345678,"n":1})", R"({"pass":********,"n":1})"},
+        {R"({?  "robotpass"?: "cut off by the l)", R"({?  "robotpass"?: "********)"},
+        {R"(SSID-TEMP-DISABLED id=0 ssid="a"b" reason=WRONG_KEY)",
+         R"(SSID-TEMP-DISABLED id=0 ssid="********" reason=WRONG_KEY)"},
+        {"Trying 02:11:22:33:44:55 (SSID='It's' freq=2437 MHz)",
+         "Trying MAC-1 (SSID='********' freq=2437 MHz)"},
+        {"ssid Strange Place", "ssid ********"},
+        {"bssid=02:11:22:33:44:55 scan_ssids: 2", "bssid=MAC-1 scan_ssids: 2"},
+        {"06-AA-BB-CC-DD-EE ff:ff:ff:ff:ff:ff", "MAC-2 ff:ff:ff:ff:ff:ff"},
+        {"at 12:34:56:78 passed, tokens", "at 12:34:56:78 passed, tokens"},
+        {"fe80::11:22ff:fe33:4455/64 2001:db8::1", "********/64 2001:db8::1"},
+        {"not Home but Homes, 486F6D65", "not ******** but Homes, ********"},
+        {"Caf\\xc3\\xa9 1 or Caf\303\251 1 or Caf\\u00e9 1", "******** or ******** or ********"},
+        {"\033[2Jred\a", "\\x1b[2Jred\\x07"},
+    };
+    kvs_set("network.ssid", "486f6d65");
+    write_file("/etc/wpa_supplicant.conf", "network={\n\tssid=436166c3a92031\n}\n");
+    std::string lines;
+    for (const auto &[line, shown] : kLines)
+        lines += std::string(line) + "\n";
+    write_file("/tmp/lines", lines);
+    write_file("/opt/halvik/bin/wifilogs.sh", "#!/run/fakes/dash\ncat /tmp/lines\n", 0755);
+    fake("ip", "exit 1");  // its addresses would be counted, too
+    EXPECT_EQ(run("report - --timeout 0.5"), 0);
+    std::istringstream shown(
+        out.substr(std::min(out.find("==== The Wi-Fi capture\n"), out.size())));
+    std::string line;
+    std::getline(shown, line);
+    for (const auto &[in, expected] : kLines) {
+        std::getline(shown, line);
+        EXPECT_EQ(line, expected) << in;
+    }
+}
+
+TEST_F(Ctl, ReportTellsAllButSecrets) {
+    setenv("NETWARDENCTL_USER", "maker", 1);
+    const std::vector<std::string> secrets{
+        "Zahnb\303\274rste", "correct horse", "hush hush",    "tok/4711+9",       "Number Nine",
+        "battery staple",    "let me in",     "old password", "02:11:22:33:44:55"};
+    setenv("NETWARDENCTL_PASSWORD", secrets[6].c_str(), 1);
+    const auto hex = [](const std::string &text) {
+        std::string digits;
+        for (const unsigned char c : text)
+            digits += "0123456789abcdef"[c >> 4], digits += "0123456789abcdef"[c & 15];
+        return digits;
+    };
+    kvs_set("network.ssid", hex(secrets[0]));
+    kvs_set("network.password", secrets[1]);
+    kvs_set("robot.password", secrets[2]);
+    kvs_set("vstream.session_token", secrets[3]);
+    kvs_set("maker.own", "not for others");
+    kvs_set("product.robotid", "0123");
+    write_file("/etc/wpa_supplicant.conf",
+               "ctrl_interface=/var/run/wpa_supplicant\nnetwork={\n\tssid=\"" + secrets[4] +
+                   "\"\n\tpsk=\"" + secrets[5] + "\"\n}\n");
+    const std::string chatter = secrets[0] + " " + hex(secrets[1]) + " " + secrets[2] + " " +
+                                secrets[3] + " " + secrets[4] + " " + secrets[5] + " " + secrets[6];
+    // As asked for: the newest first.
+    write_file(
+        "/tmp/journal",
+        "2026-11-24T02:09:00+0000 robot systemd[1]: netwarden.service: Main process exited, "
+        "code=killed\n"
+        "2026-11-24T02:08:00+0000 robot network[7]: [INFO] (src/gateway_pinger:118) No "
+        "connectivity but clean mission running or scheduled. Waiting to reboot...\n"
+        "2026-11-24T02:07:40+0000 robot network[7]: [INFO] (src/gateway_pinger:118) No "
+        "connectivity but clean mission running or scheduled. Waiting to reboot...\n"
+        "2026-11-24T02:07:40+0000 robot network[7]: [WARN] (src/gateway_pinger:94) no address "
+        "count, 2882\n"
+        "2026-11-24T02:06:00+0000 robot network[7]: [INFO] (src/wifi_control:90) writing with\n"
+        "                                           pass=" +
+            secrets[7] +
+            "\n"
+            "2026-11-24T02:05:00+0000 robot network[7]: [ERROR] (src/gateway_pinger:145) maximum "
+            "ping loss count, restarting network\n"
+            "2026-11-24T02:05:00+0000 robot network[7]: [WARN] (src/gateway_pinger:142) no ping "
+            "recv, loss counter = 3\n"
+            "2026-11-24T02:04:00+0000 robot network[7]: [INFO] " +
+            chatter + "\n");
+    fake("journalctl", R"(case " $* " in *' -r '*) cat /tmp/journal ;; esac)");
+    fake("wpa_cli", R"(printf 'wpa_state=COMPLETED\nbssid=)" + secrets[8] +
+                        R"(\nssid=Zahnb\\xc3\\xbcrste\n')");
+    fake("iw",
+         "echo \"Connected to " + secrets[8] + " (on wlan0)\"; echo 'SSID: " + secrets[0] + "'");
+    fake("dmesg", "echo 'wlan0: authenticate with " + secrets[8] + "'; sleep 100");
+    // Says more than fits.
+    write_file("/opt/halvik/bin/wifilogs.sh",
+               "#!/run/fakes/dash\necho '" + chatter + "'\nwhile :; do echo and on and on; done\n",
+               0755);
+    ASSERT_EQ(system(("echo 'rejected: " + chatter +
+                      "' | gzip -c | base64 >/tmp/syslog-prov-fail-wifilog.gz.base64")
+                         .c_str()),
+              0);
+    for (const std::string option : {"", " --json"}) {
+        unlink("/tmp/box");
+        expect("report /tmp/box --timeout 0.5" + option, 0, {"/tmp/box"});
+        struct stat info = {};
+        stat("/tmp/box", &info);
+        EXPECT_EQ(info.st_mode & 0777, 0600U);
+        EXPECT_LT(info.st_size, 2 << 20);
+        const std::string box = read_file("/tmp/box");
+        for (const std::string &secret : secrets)
+            for (const std::string &form : {secret, hex(secret)})
+                EXPECT_THAT(box, Not(HasSubstr(form)));
+        EXPECT_THAT(box, Not(HasSubstr("rste")));
+        EXPECT_THAT(box, Not(HasSubstr("not for others")));
+        for (const char *there : {"netwardenctl", "no broker at 127.0.0.1:1883", "maker.own",
+                                  "0123", "wpa_state=COMPLETED", "authenticate with MAC-1",
+                                  "bssid=MAC-1", "dmesg: no end within its time", "and on and on",
+                                  "the rest is cut", "rejected: ", "code=killed", "FAULT  broker"})
+            EXPECT_THAT(box, HasSubstr(there)) << option;
+        for (const char *decision :
+             option.empty()
+                 ? std::vector{"2026-11-24T02:05:00+0000  restart of the network: the gateway left "
+                               "3 pings in a row unanswered\n",
+                               "2026-11-24T02:07:40+0000  no reboot: no address in 2882 rounds of "
+                               "20 s, but a cleaning mission runs or is soon to; 2 times, the last "
+                               "2026-11-24T02:08:00+0000\n",
+                               "2026-11-24T02:09:00+0000  end of the daemon: code=killed\n"}
+                 : std::vector{
+                       R"({"time":"2026-11-24T02:05:00+0000","what":"restart of the network")"})
+            EXPECT_THAT(box, HasSubstr(decision));
+        if (!option.empty()) {
+            std::istringstream lines(box);
+            for (std::string line; std::getline(lines, line);)
+                EXPECT_TRUE(Json(json_loads(line.c_str(), 0, nullptr))) << line;
+        }
+    }
+    const std::string before = read_file("/tmp/box");
+    expect("report /tmp/box", 4, {"cannot make /tmp/box: File exists"});
+    EXPECT_EQ(read_file("/tmp/box"), before);
+    expect("report /tmp --broker 192.0.2.1:1883", 2, {"on the robot itself"});
+    const pid_t client = start_client("report /tmp/never");
+    EXPECT_TRUE(eventually([] { return read_file("/tmp/never") != "<none>"; }));
+    EXPECT_EQ(finish(client, SIGINT), 130);
+    EXPECT_EQ(read_file("/tmp/never"), "<none>");
 }
 
 // A certificate of its own making, for a server and a client at 127.0.0.1, with its key.

@@ -32,6 +32,9 @@ int forget_network(const Options &options, bool yes);
 // --- doctor.cpp
 int examine_machine(const Options &options, const std::string &interface);
 
+// --- report.cpp
+int report(const Options &options, const std::string &path, const std::string &interface);
+
 // --- discover.cpp
 struct DiscoverOptions {
     std::string address;    // asks this one only

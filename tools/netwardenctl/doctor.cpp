@@ -4,7 +4,6 @@
 #include <pwd.h>
 #include <signal.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -70,32 +69,8 @@ std::string what_came(const ToolResult &tool) {
 }
 
 // The core's own function in a process of its own: a tool that it waits for may hang.
-std::optional<bool> in_time(const std::function<bool()> &question) {
-    fflush(stdout);
-    const pid_t child = fork();
-    if (child == 0) {
-        setpgid(0, 0);
-        sigset_t none;
-        sigemptyset(&none);
-        pthread_sigmask(SIG_SETMASK, &none, nullptr);
-        if (freopen("/dev/null", "w", stderr) == nullptr)
-            _exit(1);
-        _exit(question() ? 0 : 1);
-    }
-    if (child < 0)
-        return std::nullopt;
-    setpgid(child, child);
-    constexpr useconds_t kPauseUs = 10'000;
-    int status = 0;
-    for (const Deadline end = deadline_after(kToolS); waitpid(child, &status, WNOHANG) == 0;) {
-        if (Clock::now() >= end) {
-            kill(-child, SIGKILL);
-            waitpid(child, &status, 0);
-            return std::nullopt;
-        }
-        usleep(kPauseUs);
-    }
-    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+bool holds_in_time(const std::function<bool()> &question) {
+    return run_apart([&] { return question() ? kDone : kRefused; }, kToolS).ok();
 }
 
 // --- tools ---------------------------------------------------------------------------------------
@@ -137,7 +112,7 @@ Verdict check_interface(const Patient &patient) {
 
 Verdict check_ifconfig(const Patient &patient) {
     wifi_set_station_interface_name(patient.station.c_str());
-    if (in_time([] { return wifi_check_sta_iface_available() == 0; }).value_or(false))
+    if (holds_in_time([] { return wifi_check_sta_iface_available() == 0; }))
         return ok("prints HWaddr");
     return fault("does not print HWaddr for " + printable(patient.station) +
                  ", which netwarden waits for at its start: busybox's does, net-tools' does not");
@@ -197,7 +172,7 @@ Verdict check_provision(const Patient &) {
 }
 
 Verdict check_version(const Patient &) {
-    return in_time([] { return pex_get_product_version_string() != nullptr; }).value_or(false)
+    return holds_in_time([] { return pex_get_product_version_string() != nullptr; })
                ? ok("tells the product's")
                : fault("sudo version prints no line \"Product Version: ...\"");
 }

@@ -115,29 +115,40 @@ std::string ToolResult::why() const {
     return "";
 }
 
-ToolResult run_tool(const std::vector<std::string> &command, double limit_s, size_t largest) {
+namespace {
+
+// The process's outcome when it has closed `fd`, or has been ended: first asked to, for it may have
+// started others.
+ToolResult await(pid_t child, int fd, double limit_s, size_t largest) {
     ToolResult result;
-    int ends[2];
-    if (pipe2(ends, O_CLOEXEC) != 0)
-        return result;
-    const Fd in(ends[0]);
-    Fd out(ends[1]);
-    const pid_t child = spawn(command, out.get());
-    out.reset();
-    if (child < 0)
-        return result;
+    const auto end_all = [child] {
+        constexpr int kPauses = 100;
+        constexpr useconds_t kPauseUs = 10'000;
+        int status = 0;
+        kill(-child, SIGTERM);
+        for (int i = 0; i < kPauses; i++) {
+            if (waitpid(child, &status, WNOHANG) == child) {
+                kill(-child, SIGKILL);
+                return status;
+            }
+            usleep(kPauseUs);
+        }
+        kill(-child, SIGKILL);
+        waitpid(child, &status, 0);
+        return status;
+    };
     bool in_time = false;
     try {
-        in_time = read_output(in.get(), deadline_after(limit_s), largest, result);
+        in_time = read_output(fd, deadline_after(limit_s), largest, result);
     } catch (...) {
-        kill(-child, SIGKILL);
-        waitpid(child, nullptr, 0);
+        end_all();
         throw;
     }
-    if (!in_time || result.cut)
-        kill(-child, SIGKILL);
     int status = 0;
-    waitpid(child, &status, 0);
+    if (!in_time || result.cut)
+        status = end_all();
+    else
+        waitpid(child, &status, 0);
     if (!in_time)
         result.end = ToolResult::too_slow;
     else if (result.cut)
@@ -150,6 +161,57 @@ ToolResult run_tool(const std::vector<std::string> &command, double limit_s, siz
         result.end = result.code == 0 ? ToolResult::done : ToolResult::failed;
     }
     return result;
+}
+
+// In the child: what it says goes to the pipe, and how it ends is its exit code.
+[[noreturn]] void be_a_tool(const std::function<int()> &work, int output) {
+    setpgid(0, 0);
+    const Fd nothing(open("/dev/null", O_RDONLY | O_CLOEXEC));
+    dup2(nothing.get(), STDIN_FILENO);
+    dup2(output, STDOUT_FILENO);
+    dup2(output, STDERR_FILENO);
+    speak_json(false);
+    int code = kRefused;
+    try {
+        code = work();
+    } catch (const Failure &failure) {
+        fflush(stdout);
+        code = complain(failure.code, failure.what());
+    } catch (...) {
+        code = kRefused;
+    }
+    fflush(stdout);
+    _exit(code);
+}
+
+}  // namespace
+
+ToolResult run_tool(const std::vector<std::string> &command, double limit_s, size_t largest) {
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0)
+        return {};
+    const Fd in(ends[0]);
+    Fd out(ends[1]);
+    const pid_t child = spawn(command, out.get());
+    out.reset();
+    return child < 0 ? ToolResult() : await(child, in.get(), limit_s, largest);
+}
+
+ToolResult run_apart(const std::function<int()> &work, double limit_s, size_t largest) {
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0)
+        return {};
+    const Fd in(ends[0]);
+    Fd out(ends[1]);
+    fflush(stdout);
+    const pid_t child = fork();
+    if (child == 0)
+        be_a_tool(work, out.get());
+    out.reset();
+    if (child < 0)
+        return {};
+    setpgid(child, child);
+    return await(child, in.get(), limit_s, largest);
 }
 
 std::optional<std::string> find_in_path(const std::string &tool) {

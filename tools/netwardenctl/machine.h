@@ -4,6 +4,7 @@
 
 #include <sys/types.h>
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -26,6 +27,10 @@ struct ToolResult {
 // ended after `limit_s`: some tools wait for a daemon that hangs.
 ToolResult run_tool(const std::vector<std::string> &command, double limit_s = 3,
                     size_t largest = 64 * 1024);
+
+// The same for work of our own, whose exit code and output these then are; before this process has
+// any threads.
+ToolResult run_apart(const std::function<int()> &work, double limit_s, size_t largest = 64 * 1024);
 
 std::optional<std::string> find_in_path(const std::string &tool);
 

@@ -106,6 +106,13 @@ void add_looks(CLI::App &app, Arguments &a) {
                           "each: ok, or what to do. Best as root, on the robot itself",
                           [&a] { return examine_machine(a.options, a.interface); }),
                   a);
+    add_interface(command(app, a, "report",
+                          "Write down all that is known of this robot's Wi-Fi, in one file for who "
+                          "is to find a fault. Secrets are masked",
+                          [&a] { return report(a.options, a.word, a.interface); }),
+                  a)
+        ->add_option("file", a.word,
+                     "A new file, or - for standard output (default: named after the time)");
 }
 
 void add_changes(CLI::App &app, Arguments &a) {
