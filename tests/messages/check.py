@@ -1,11 +1,12 @@
 #!/usr/bin/env python3
-"""Holds docs/messages.md and docs/asyncapi.yaml against each other, and recorded traffic against both.
+"""Holds docs/asyncapi.yaml against the rules of AsyncAPI, docs/messages.md and the words of the sources, and recorded
+traffic against it.
 
 usage: tests/messages/check.py [RESULTS...]
 
 RESULTS is what the lab keeps of a scenario, build/lab/results/SCENARIO: its file "messages" has lines
 "TIME TOPIC PAYLOAD".
-Exit code 1 when an example or a message does not fit; each is printed.
+Exit code 1 when anything does not fit; each fault is printed. AsyncAPI's own parser: tests/messages/parse.
 """
 
 import json
@@ -13,44 +14,11 @@ import pathlib
 import re
 import sys
 
-import jsonschema
-import yaml
+sys.dont_write_bytecode = True  # beside these files in the tree
+from contract import ROOT, Contract, check_form
+from words import check_words
 
-DOCS = pathlib.Path(__file__).resolve().parents[2] / "docs"
 EXAMPLE = re.compile(r"^```json (in|out) (\S+)[^\n]*\n(.*?)\n```$", re.M | re.S)
-
-
-class Contract:
-    def __init__(self):
-        with open(DOCS / "asyncapi.yaml", encoding="utf-8") as file:
-            self.document = yaml.safe_load(file)
-        self.channels = []
-        sent = {each["channel"]["$ref"] for each in self.document["operations"].values() if each["action"] == "send"}
-        sent |= {each["reply"]["channel"]["$ref"] for each in self.document["operations"].values() if "reply" in each}
-        taken = {each["channel"]["$ref"] for each in self.document["operations"].values() if each["action"] == "receive"}
-        for name, channel in self.document["channels"].items():
-            pattern = re.sub(r"\\\{\w+\\\}", "[^/]+", re.escape(channel["address"]))
-            here = f"#/channels/{name}"
-            self.channels.append((re.compile(pattern + "$"), list(channel["messages"]), here in sent, here in taken))
-
-    def kinds_at(self, topic, direction=None):
-        """The names of the messages that a topic may carry in this direction."""
-        kinds = []
-        for pattern, messages, sent, taken in self.channels:
-            if pattern.match(topic) and direction in (None, sent and "out", taken and "in"):
-                kinds += messages
-        return kinds
-
-    def fits(self, kind, payload):
-        schema = {"$ref": f"#/components/messages/{kind}/payload", "components": self.document["components"]}
-        return jsonschema.Draft7Validator(schema).is_valid(payload)
-
-    def kind_of(self, topic, payload, direction=None):
-        return next((kind for kind in self.kinds_at(topic, direction) if self.fits(kind, payload)), None)
-
-    def examples(self):
-        return {name: [each["payload"] for each in message.get("examples", [])]
-                for name, message in self.document["components"]["messages"].items()}
 
 
 def check_documents(contract):
@@ -58,7 +26,7 @@ def check_documents(contract):
     faults = []
     unseen = contract.examples()
     total = 0
-    for direction, topic, text in EXAMPLE.findall((DOCS / "messages.md").read_text(encoding="utf-8")):
+    for direction, topic, text in EXAMPLE.findall((ROOT / "docs/messages.md").read_text(encoding="utf-8")):
         total += 1
         payload = json.loads(text)
         kind = contract.kind_of(topic, payload, direction)
@@ -99,10 +67,12 @@ def main():
         return 0 if sys.argv[1] in ("-h", "--help") else 2
     contract = Contract()
     seen = {}
-    faults = check_documents(contract)
-    for path in sys.argv[1:]:
-        faults += check_traffic(contract, path, seen)
-    if sys.argv[1:] and not seen:
+    faults = check_form(contract)
+    if not faults:  # else nothing can be held against it
+        faults = check_documents(contract) + check_words(contract)
+        for path in sys.argv[1:]:
+            faults += check_traffic(contract, path, seen)
+    if sys.argv[1:] and not seen and not faults:
         faults.append("no message of netwarden in the traffic")
     for fault in faults:
         print(fault)
