@@ -97,8 +97,16 @@ manager() { local word=$1; shift; "${MANAGER}_$word" "$@"; }
 answered_since() { awk -v from="$1" '$1 > from { found = 1; exit } END { exit !found }' "$LAB_RESULTS/watcher.log"; }
 # answered SECONDS: the gateway answers, from now on.
 answered() { local from; from=$(uptime_s); wait_until "$1" answered_since "$from"; }
-# settled: it has answered for so long that nothing more is under way.
-settled() { answered 300 || fail "$MANAGER does not come home"; sleep 45; answered 300 || fail "$MANAGER does not stay at home"; }
+# settled: it has answered for so long that nothing more is under way; who never does is helped by a new start.
+settled() {
+    if ! answered 300; then
+        manager ends
+        manager starts
+        answered 300 || fail "$MANAGER does not come home"
+    fi
+    sleep 45
+    answered 300 || fail "$MANAGER does not stay at home"
+}
 # silence FROM: the longest pause between two answers since FROM, which is one; 0 for none over a second.
 silence() {
     awk -v from="$1" 'BEGIN { last = from } $1 > from { if ($1 - last > longest) longest = $1 - last; last = $1 }
@@ -114,7 +122,7 @@ comes_back() {
 
 # --- the rows -----------------------------------------------------------------------------------------------------------
 
-row_a() { manager ends; sleep 5; manager starts; comes_back; }
+row_a() { manager ends; sleep 40; manager starts; comes_back; }   # the kernel has forgotten what it heard
 row_b() { worst_in 60 home_ap_restart; }
 row_c() { home_ap_down; sleep 30; home_ap_up; comes_back; }
 row_d() { home_ap_down; sleep 180; home_ap_up; comes_back; }
@@ -160,7 +168,7 @@ worst_in() {
     from=$(uptime_s)
     "$@"
     sleep "$seconds"
-    if answered $NEVER_S; then silence "$from"; else echo never; fi
+    if wait_until $NEVER_S answered_since "$(uptime_s)"; then silence "$from"; else echo never; fi
 }
 
 # memory and processor of the manager itself; what it runs is counted with it, for its children end.

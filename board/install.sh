@@ -50,7 +50,7 @@ put 755 wifilogs.sh /opt/halvik/bin/wifilogs.sh
 for part in common.sh radio.sh; do
     put 644 "lib/$part" "/usr/lib/netwarden-board/$part"
 done
-for part in station softap setup udhcpc-relay; do
+for part in station joined softap setup udhcpc-relay; do
     put 755 "lib/$part" "/usr/lib/netwarden-board/$part"
 done
 put 644 www/index.html /usr/share/netwarden-board/www/index.html
