@@ -2,7 +2,7 @@
 
 robot_boot() {
     mkdir -p $LAB
-    sed -i '/!syslog/d' /etc/sudoers.d/netwarden   # each command through sudo is logged, for story and lab/compare
+    sed -i 's/!syslog, //' /etc/sudoers.d/netwarden   # each command through sudo is logged, for story and lab/compare
     : >"$LAB_LOG"
     : >"$LAB_MESSAGES"
     mark
