@@ -94,14 +94,14 @@ DaemonLog read_daemon_log() {
                   "SYSLOG_IDENTIFIER=network", "+", "UNIT=netwarden.service"},
                  kLimitS, kMostBytes);
     if ((journal.ok() || journal.end == ToolResult::too_slow) &&
-        take("journalctl", only_daemons(turned_round(lines_of(journal.output)))))
+        take("journalctl", only_daemons(turned_round(lines_of(journal.whole_lines())))))
         return log;
     for (const char *path : {"/var/log/messages", "/var/log/syslog", "/var/log/daemon.log"})
         if (const auto text = end_of_file(path))
             if (take(path, only_daemons(lines_of(*text))))
                 return log;
     const ToolResult ring = run_tool({"logread"}, kLimitS, kMostBytes);
-    if (ring.ok() && take("logread", only_daemons(lines_of(ring.output))))
+    if (ring.ok() && take("logread", only_daemons(lines_of(ring.whole_lines()))))
         return log;
     log.from.clear();
     log.why_not = "no line of it in the journal (" + (journal.ok() ? "empty" : journal.why()) +

@@ -115,6 +115,10 @@ std::string ToolResult::why() const {
     return "";
 }
 
+std::string ToolResult::whole_lines() const {
+    return cut || end == too_slow ? output.substr(0, output.rfind('\n') + 1) : output;
+}
+
 namespace {
 
 // The process's outcome when it has closed `fd`, or has been ended: first asked to, for it may have

@@ -21,7 +21,8 @@ struct ToolResult {
     bool cut = false;
 
     bool ok() const { return end == done; }
-    std::string why() const;  // "exit code 3", "no answer within 2 s"; for what is not ok
+    std::string whole_lines() const;  // without what is left of a line that was cut
+    std::string why() const;          // "exit code 3", "no answer within 2 s"; for what is not ok
 };
 // Runs the tool, found through PATH, without a shell and in a process group of its own, which is
 // ended after `limit_s`: some tools wait for a daemon that hangs.

@@ -72,8 +72,14 @@ std::string last_lines(const std::string &text, size_t most) {
     return text.substr(at);
 }
 
+// A line that is cut may hold half a secret, which nobody knows for one.
+std::string first_lines(const std::string &text) {
+    return text.size() > kLargestPart ? text.substr(0, text.rfind('\n', kLargestPart - 1) + 1)
+                                      : text;
+}
+
 void add(Finding &to, const std::string &title, const ToolResult &tool) {
-    to.text += (title.empty() ? "" : "-- " + title + "\n") + tool.output;
+    to.text += (title.empty() ? "" : "-- " + title + "\n") + tool.whole_lines();
     if (!to.text.empty() && !to.text.ends_with('\n'))
         to.text += '\n';
     const std::string why = tool.ok() ? (tool.cut ? "the rest is cut" : "") : tool.why();
@@ -297,7 +303,7 @@ Finding look_at_kernel(const Subject &subject) {
         found.text += std::string("-- ") + path + "\n" + read_text_file(path).value_or("(none)\n");
     constexpr size_t kRing = 4 << 20;
     ToolResult ring = run_tool({"dmesg"}, kToolS, kRing);
-    ring.output = last_lines(ring.output, kKernelLines);
+    ring.output = last_lines(ring.whole_lines(), kKernelLines);
     add(found, "dmesg", ring);
     return found;
 }
@@ -406,8 +412,7 @@ std::string collect(const Options &options, const std::string &station) {
     }
     for (const Part &part : kParts) {
         Finding found = part.look(subject);
-        found.text = privacy.clean(found.text.substr(0, kLargestPart));
-        found.text.resize(std::min(found.text.size(), kLargestPart));  // it may have grown
+        found.text = first_lines(privacy.clean(first_lines(found.text)));
         found.why_not = privacy.clean_line(found.why_not);
         clean_texts(privacy, found.data.get());
         report += written(part, found, options.json);
