@@ -296,12 +296,15 @@ int refuse_command(const CLI::App &app, const std::string &word) {
 
 int print_help(const CLI::App &app, const std::string &word) {
     const auto names = command_names(app);
-    if (word.empty())
-        fputs(app.help().c_str(), stdout);
+    if (word.empty())  // help() would print this command's own
+        fputs(app.get_formatter()
+                  ->make_help(&app, app.get_name(), CLI::AppFormatMode::Normal)
+                  .c_str(),
+              stdout);
     else if (std::find(names.begin(), names.end(), word) == names.end())
         return refuse_command(app, word);
     else
-        fputs(app.get_subcommand(word)->help().c_str(), stdout);
+        fputs(app.get_subcommand(word)->help(app.get_name()).c_str(), stdout);
     return kDone;
 }
 
