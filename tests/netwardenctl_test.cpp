@@ -405,6 +405,12 @@ TEST_F(Ctl, ReportTellsAllButSecrets) {
         "connectivity but clean mission running or scheduled. Waiting to reboot...\n"
         "2026-11-24T02:07:40+0000 robot network[7]: [WARN] (src/gateway_pinger:94) no address "
         "count, 2882\n"
+        "2026-11-24T02:06:40+0000 robot network[7]: [INFO] (src/gateway_pinger:134) restarting "
+        "network\n"
+        "2026-11-24T02:06:40+0000 robot network[7]: [INFO] (src/gateway_pinger:80) wifi is "
+        "disconnected\n"
+        "2026-11-24T02:06:20+0000 robot network[7]: [WARN] (src/gateway_pinger:94) no address "
+        "count, 7\n"
         "2026-11-24T02:06:00+0000 robot network[7]: [INFO] (src/wifi_control:90) writing with\n"
         "                                           pass=" +
             secrets[7] +
@@ -453,6 +459,9 @@ TEST_F(Ctl, ReportTellsAllButSecrets) {
              option.empty()
                  ? std::vector{"2026-11-24T02:05:00+0000  restart of the network: the gateway left "
                                "3 pings in a row unanswered\n",
+                               "2026-11-24T02:06:40+0000  restart of the network: no gateway to "
+                               "ping for "
+                               "minutes\n",
                                "2026-11-24T02:07:40+0000  no reboot: no address in 2882 rounds of "
                                "20 s, but a cleaning mission runs or is soon to; 2 times, the last "
                                "2026-11-24T02:08:00+0000\n",

@@ -123,6 +123,8 @@ std::string of_pings(const Counters &counters) {
 }
 
 std::string of_address(const Counters &counters) {
+    if (counters.without_address == 0)
+        return "no gateway to ping for minutes";
     return "no address in " + std::to_string(counters.without_address) + " rounds of 20 s";
 }
 
@@ -175,6 +177,8 @@ std::vector<Decision> decisions_in(const std::vector<std::string> &log) {
     const Kind *last = nullptr;
     for (const std::string &line : log) {
         count(line, "loss counter = ", counters.lost_pings);
+        if (line.find("wifi is disconnected") != line.npos)  // each round begins with it
+            counters.without_address = 0;
         count(line, "no address count, ", counters.without_address);
         const auto *const kind = std::find_if(kKinds.begin(), kKinds.end(), [&](const Kind &each) {
             return line.find(each.sign) != line.npos;
