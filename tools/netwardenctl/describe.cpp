@@ -184,6 +184,7 @@ std::string wifi_state_text(json_int_t state) {
 
 std::vector<std::string> wifi_state_names() {
     std::vector<std::string> names;
+    names.reserve(kWifiStates.size());
     for (const state_row &row : kWifiStates)
         names.emplace_back(row.name);
     return names;

@@ -65,6 +65,7 @@ struct Attributes {
 
 pid_t spawn(const std::vector<std::string> &command, int output) {
     std::vector<char *> arguments;
+    arguments.reserve(command.size() + 1);
     for (const std::string &word : command)
         arguments.push_back(const_cast<char *>(word.c_str()));
     arguments.push_back(nullptr);
@@ -224,7 +225,7 @@ std::optional<std::string> find_in_path(const std::string &tool) {
     const char *const path = getenv("PATH");
     std::istringstream folders(path != nullptr ? path : "/usr/sbin:/usr/bin:/sbin:/bin");
     for (std::string folder; std::getline(folders, folder, ':');) {
-        const std::string file = folder + "/" + tool;
+        const std::string file = fs::path(folder) / tool;
         if (access(file.c_str(), X_OK) == 0 && fs::is_regular_file(file))
             return file;
     }

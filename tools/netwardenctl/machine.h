@@ -27,17 +27,17 @@ struct ToolResult {
 // Runs the tool, found through PATH, without a shell and in a process group of its own, which is
 // ended after `limit_s`: some tools wait for a daemon that hangs.
 ToolResult run_tool(const std::vector<std::string> &command, double limit_s = 3,
-                    size_t largest = 64 * 1024);
+                    size_t largest = 1 << 16);
 
 // The same for work of our own, whose exit code and output these then are; before this process has
 // any threads.
-ToolResult run_apart(const std::function<int()> &work, double limit_s, size_t largest = 64 * 1024);
+ToolResult run_apart(const std::function<int()> &work, double limit_s, size_t largest = 1 << 16);
 
 std::optional<std::string> find_in_path(const std::string &tool);
 
 // At most `largest` bytes; nothing when it cannot be read, errno says why. Does not wait for the
 // other end of a pipe.
-std::optional<std::string> read_text_file(const std::string &path, size_t largest = 64 * 1024);
+std::optional<std::string> read_text_file(const std::string &path, size_t largest = 1 << 16);
 
 // The netwarden that runs here; the one of the smallest number where there are several.
 struct Daemon {

@@ -35,7 +35,7 @@ namespace {
 constexpr double kToolS = 5;
 constexpr double kDoctorS = 120;  // its tools have a limit each
 constexpr double kCaptureS = 60;  // as have those of the capture
-constexpr size_t kLargestPart = 256 * 1024;
+constexpr size_t kLargestPart = 1 << 18;
 constexpr size_t kLogLines = 500;
 constexpr size_t kKernelLines = 300;
 constexpr size_t kMostDecisions = 200;
@@ -226,7 +226,7 @@ Finding look_at_store(const Subject &) {
                                   : is_told(key) ? *value
                                                  : "******** (" + std::to_string(value->size()) +
                                                        (value->size() == 1 ? " byte)" : " bytes)");
-        found.text += key + " = " + shown + "\n";
+        found.text.append(key).append(" = ").append(shown).append("\n");
         json_object_set_new(found.data.get(), printable(key).c_str(),
                             json_string(printable(shown).c_str()));
     }
