@@ -2,6 +2,7 @@
 
 robot_boot() {
     mkdir -p $LAB
+    [[ ! -e /lab/put ]] || { networks_up; return; }   # a Debian, which boots itself (system_boots)
     sed -i 's/!syslog, //' /etc/sudoers.d/netwarden   # each command through sudo is logged, for story and lab/compare
     : >"$LAB_LOG"
     : >"$LAB_MESSAGES"
@@ -10,14 +11,18 @@ robot_boot() {
     rm -f /dev/log   # devices outlive the robots
     perl /lab/guest/syslogd "$LAB_LOG" 3>&- &
     expect "the system log" 5 test -S /dev/log
+    networks_up
+    ifup -a
+    broker_up
+}
+
+networks_up() {
     ip link set lo up
     phone ip link set lo up
     home ip link set lo up
     home ip link add br0 address 02:77:00:00:00:fe type bridge
     home ip addr add $HOME_GATEWAY/24 dev br0
     home ip link set br0 up
-    ifup -a
-    broker_up
 }
 
 robot_leave() {

@@ -206,6 +206,8 @@ more_in_tmp() { things_in_tmp | comm -13 $LAB/tmp.before -; }
 
 # storm_answers: each request has its answer, within three seconds.
 storm_answers() {
+    end asker
+    sleep 4
     awk '$2 ~ "^tarn/network/req/30/" { n = $2; sub(".*/", "", n); asked[n] = $1 }
          $2 ~ "^tarn/30/resp/network/" { n = $2; sub(".*/", "", n); answered[n] = $1 }
          END { for (n in asked) if (!(n in answered) || answered[n] - asked[n] > 3) { print n, asked[n], answered[n]; bad = 1 }
