@@ -2,6 +2,8 @@
 
 #include <fcntl.h>
 #include <openssl/evp.h>
+#include <poll.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <sys/sysinfo.h>
 #include <sys/wait.h>
@@ -22,8 +24,9 @@
 namespace {
 
 constexpr int kConfigError = 78;  // EX_CONFIG of sysexits.h
-constexpr size_t kPskBytes = 32;  // IEEE 802.11: a 256-bit PSK, 4096 rounds
+constexpr int kPskBytes = 32;     // IEEE 802.11: a 256-bit PSK, 4096 rounds
 constexpr int kPskRounds = 4096;
+constexpr int kPskLimitMs = 20'000;  // the slowest robot needs one
 constexpr int kMacOctets = 6;
 constexpr time_t kModifiedTogetherS = 120;
 
@@ -91,6 +94,42 @@ int lock_whole_file(int fd, short type) {
 }
 
 // Five pairs of digits, each with a colon behind it, begin here.
+using psk_bytes = std::array<unsigned char, kPskBytes>;
+
+bool derive_psk(const char *ssid, const char *passphrase, psk_bytes &psk) {
+    return PKCS5_PBKDF2_HMAC_SHA1(passphrase, static_cast<int>(strlen(passphrase)),
+                                  reinterpret_cast<const unsigned char *>(ssid),
+                                  static_cast<int>(strlen(ssid)), kPskRounds, kPskBytes,
+                                  psk.data()) == 1;
+}
+
+// In a process of its own: what libcrypto makes ready for this one key, two megabytes with its own
+// code and tables, would stay in memory for years.
+bool derive_psk_elsewhere(const char *ssid, const char *passphrase, psk_bytes &psk) {
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0)
+        return false;
+    const Fd from(ends[0]);
+    Fd to(ends[1]);
+    const pid_t child = fork();
+    if (child == 0) {
+        if (derive_psk(ssid, passphrase, psk))
+            (void)!write(to.get(), psk.data(), psk.size());
+        _exit(0);
+    }
+    to.reset();
+    // Another thread may have held a lock of libcrypto's when it was copied: not waited for longer.
+    pollfd key{from.get(), POLLIN, 0};
+    const bool is_here = child > 0 && poll(&key, 1, kPskLimitMs) == 1 &&
+                         read(from.get(), psk.data(), psk.size()) == ssize_t{kPskBytes};
+    if (child > 0) {
+        kill(child, SIGKILL);
+        while (waitpid(child, nullptr, 0) == -1 && errno == EINTR) {
+        }
+    }
+    return is_here;
+}
+
 bool is_mac_address(const char *text) {
     for (int group = 0; group < 5; group++, text += 3)
         if (!is_digit(text[0]) || !is_digit(text[1]) || text[2] != ':')
@@ -211,11 +250,8 @@ int non_print_char_check(const char *text) {
 int wpa_passphrase(const char *ssid, const char *passphrase, char *out, size_t capacity) {
     if (capacity < 2 * kPskBytes + 1)
         return 1;
-    std::array<unsigned char, kPskBytes> psk{};
-    if (PKCS5_PBKDF2_HMAC_SHA1(passphrase, static_cast<int>(strlen(passphrase)),
-                               reinterpret_cast<const unsigned char *>(ssid),
-                               static_cast<int>(strlen(ssid)), kPskRounds, psk.size(),
-                               psk.data()) != 1)
+    psk_bytes psk{};
+    if (!derive_psk_elsewhere(ssid, passphrase, psk) && !derive_psk(ssid, passphrase, psk))
         return 1;
     for (size_t i = 0; i < psk.size(); i++)
         snprintf(out + 2 * i, 3, "%02x", psk[i]);

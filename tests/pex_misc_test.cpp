@@ -1,6 +1,9 @@
 #include "pex_misc.h"
 
+#include <fcntl.h>
 #include <signal.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
 
 #include <cerrno>
 #include <cstring>
@@ -147,6 +150,16 @@ TEST_F(PexMisc, KeysAndUuids) {
     EXPECT_EQ(wpa_passphrase("IEEE", "password", key.data(), 65), 0);
     EXPECT_STREQ(key.c_str(), "f42c6fc52df0ebef9ebb4b90b38a5f902e83fe1b135a70e23aed762e9710a12e");
     EXPECT_EQ(key[65], '#');
+    const int before = static_cast<int>(open("/dev/null", O_RDONLY | O_CLOEXEC));
+    rlimit files{};
+    getrlimit(RLIMIT_NOFILE, &files);
+    const rlimit no_more_files{static_cast<rlim_t>(before), files.rlim_max};
+    close(before);  // no pipe to another process: derived in this one
+    setrlimit(RLIMIT_NOFILE, &no_more_files);
+    EXPECT_EQ(wpa_passphrase("IEEE", "password", key.data(), 65), 0);
+    setrlimit(RLIMIT_NOFILE, &files);
+    EXPECT_STREQ(key.c_str(), "f42c6fc52df0ebef9ebb4b90b38a5f902e83fe1b135a70e23aed762e9710a12e");
+    EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
     const std::string uuid = text_of(pex_generate_uuid_malloc());
     EXPECT_THAT(uuid, testing::MatchesRegex("[0-9A-F]{32}"));
     EXPECT_NE(uuid, text_of(pex_generate_uuid_malloc()));

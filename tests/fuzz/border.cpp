@@ -12,6 +12,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <cerrno>
 #include <cstring>
 #include <fstream>
 #include <iterator>
@@ -158,7 +159,11 @@ int open(const char *path, int flags, ...) {
     const std::string place = std::string_view(path).starts_with("/persist/") ? "/tmp" : "";
     return static_cast<int>(syscall(SYS_openat, AT_FDCWD, (place + path).c_str(), flags, mode));
 }
-// Thousands of rounds for each passphrase would be all that the fuzzer does.
+// Thousands of rounds for each passphrase, and a process, would be all that the fuzzer does.
+int pipe2(int *, int) {
+    errno = EMFILE;
+    return -1;
+}
 int PKCS5_PBKDF2_HMAC_SHA1(const char *pass, int length, const unsigned char *, int, int, int size,
                            unsigned char *out) {
     memset(out, length > 0 ? pass[length - 1] : 0, static_cast<size_t>(size));
