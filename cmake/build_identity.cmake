@@ -2,16 +2,21 @@
 #
 # Included, it makes the target `netwarden_identity`, which writes identity/build_identity.h at every build: a commit
 # since the configuration is another version. The file is left alone while nothing in it changes but the time, so the
-# date is that of the commit's first build here; with SOURCE_DATE_EPOCH it is that one.
+# date is that of the commit's first build here; with SOURCE_DATE_EPOCH it is that one. Whoever builds without git, or
+# wants the same bytes from any machine, says branch, hash and machine himself.
 if(NOT CMAKE_SCRIPT_MODE_FILE)
     set(NETWARDEN_BUILD_JOB 0 CACHE STRING "Number of the build job, 0 for a local build")
     set(NETWARDEN_BUILDER "" CACHE STRING "Who or what builds, may be empty")
+    set(NETWARDEN_BRANCH "" CACHE STRING "Branch of the sources, empty for git's")
+    set(NETWARDEN_HASH "" CACHE STRING "Hash of the sources, empty for git's")
+    set(NETWARDEN_BUILD_MACHINE "" CACHE STRING "Where this is built, empty for the host's name")
     set(identity_folder ${CMAKE_CURRENT_BINARY_DIR}/identity)
     file(MAKE_DIRECTORY ${identity_folder})
     add_custom_target(netwarden_identity
         COMMAND ${CMAKE_COMMAND}
             -D "source=${CMAKE_CURRENT_SOURCE_DIR}" -D "header=${identity_folder}/build_identity.h"
             -D "version=${PROJECT_VERSION}" -D "job=${NETWARDEN_BUILD_JOB}" -D "builder=${NETWARDEN_BUILDER}"
+            -D "branch=${NETWARDEN_BRANCH}" -D "hash=${NETWARDEN_HASH}" -D "machine=${NETWARDEN_BUILD_MACHINE}"
             -P ${CMAKE_CURRENT_LIST_FILE}
         BYPRODUCTS ${identity_folder}/build_identity.h
         COMMENT "Asking git for the version" VERBATIM)
@@ -24,7 +29,11 @@ unset(ENV{GIT_WORK_TREE})
 cmake_path(GET source PARENT_PATH around)
 set(ENV{GIT_CEILING_DIRECTORIES} "${around}")
 
+# git_output(VARIABLE DEFAULT ARGUMENTS...): what git says, unless the variable has been given.
 function(git_output variable default)
+    if(NOT "${${variable}}" STREQUAL "")
+        return()
+    endif()
     execute_process(COMMAND git -C "${source}" ${ARGN}
                     OUTPUT_VARIABLE output ERROR_QUIET OUTPUT_STRIP_TRAILING_WHITESPACE
                     RESULT_VARIABLE result)
@@ -36,7 +45,9 @@ endfunction()
 
 git_output(branch "release" rev-parse --abbrev-ref HEAD)
 git_output(hash "unknown" rev-parse --short=12 HEAD)
-cmake_host_system_information(RESULT machine QUERY HOSTNAME)
+if(machine STREQUAL "")
+    cmake_host_system_information(RESULT machine QUERY HOSTNAME)
+endif()
 
 function(identity_of date)
     string(CONFIGURE [[

@@ -8,6 +8,10 @@ target_compile_options(netwarden_flags INTERFACE
     # Headers without an extern "C" world outside: packed records are copied, never pointed into.
     $<$<BOOL:${NETWARDEN_WERROR}>:-Werror>)
 
+# The same bytes wherever the tree lies; a debugger is to find the sources, though.
+target_compile_options(netwarden_flags INTERFACE
+    $<$<NOT:$<CONFIG:Debug>>:-ffile-prefix-map=${CMAKE_CURRENT_SOURCE_DIR}=.>)
+
 if(NETWARDEN_SANITIZE)
     set(sanitize -fsanitize=${NETWARDEN_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
     # The core has no type information: what it allocates would be reported in a test as no object.
