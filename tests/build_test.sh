@@ -84,6 +84,26 @@ nameless() { build "$inside" && says "$inside" BRANCH release && says "$inside" 
 check "an export inside another repository is not that one's version" nameless
 in_a_hook() { GIT_DIR=$own/.git nameless; }
 check "not even while a command of that repository runs" in_a_hook
+told() {
+    cmake -S "$inside" -B "$inside/build" -D NETWARDEN_HASH=0123456789ab -D NETWARDEN_BRANCH=fleet \
+        -D NETWARDEN_BUILD_MACHINE=ours >"$work/out" && build "$inside" && says "$inside" BRANCH fleet &&
+        says "$inside" HASH 0123456789ab && says "$inside" BUILD_MACHINE ours
+}
+check "whoever builds it says what it is" told
+
+version=$(sed -n 's/^project(netwarden VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
+one_version() {
+    for text in "$(sed -n 's/^## \([0-9.]*\) .*/\1/p' CHANGELOG.md | head -1)" \
+        "$(sed -n '1s/.*(\(.*\)).*/\1/p' debian/changelog)" \
+        "$(sed -n 's/^NETWARDEN_VERSION = //p' packaging/buildroot/package/netwarden/netwarden.mk)" \
+        "$(basename packaging/yocto/meta-netwarden/recipes-connectivity/netwarden/*.bb .bb | sed 's/.*_//')"; do
+        [[ $text == "$version" ]] || { echo "$text is not $version"; return 1; }
+    done >"$work/out"
+    local contract
+    contract=$(sed -n 's/^  version: //p' docs/asyncapi.yaml)
+    sed -n '/^## /{n;n;p;q}' CHANGELOG.md | grep "Message contract ${contract}[:.]" >>"$work/out"
+}
+check "release notes, packages and recipes have the version of the sources" one_version
 
 # installed PREFIX SETTINGS: every file is under one of the two, and the texts name them.
 installed() {
