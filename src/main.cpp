@@ -1,5 +1,6 @@
 #include "main.h"
 
+#include <malloc.h>
 #include <unistd.h>
 
 #include <array>
@@ -406,6 +407,10 @@ int netwarden_main(int argc, char **argv) {
     options given;
     if (const auto exit_code = parse_command_line(argc, argv, given))
         return *exit_code;
+#ifdef M_ARENA_MAX
+    mallopt(M_ARENA_MAX,
+            1);  // else each of nine threads that hardly allocate keeps a heap of its own
+#endif
     start(given);
     supervise();
 }
