@@ -55,6 +55,7 @@ system netwardenctl doctor >"$LAB_RESULTS/doctor.before" 2>&1 || true
 
 step "the network is saved as the documents say, the service enabled: connected"
 save_network
+kvs_set product.robotid 0123456789ABCDEF
 listens
 system systemctl enable --now netwarden
 wait_state 1 120
