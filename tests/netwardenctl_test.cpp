@@ -309,6 +309,28 @@ TEST_F(Ctl, DoctorFindsWhatAPortForgot) {
     }
 }
 
+TEST_F(Ctl, DoctorLooksWhereTheDaemonDoes) {
+    const std::string own = getenv("PATH");
+    const auto place = [](const std::string &folder) {
+        write_file(folder + "/version", "#!/bin/sh\n", 0700);
+        return "tool version            " + folder + "/version\n";
+    };
+    const std::string of_service = place("/tmp/service");
+    fake("systemctl", "echo LANG=C PATH=/tmp/service:" + own + " TERM=dumb");
+    expect("doctor --timeout 0.5", 1, {of_service.c_str()});
+    fake("systemctl", "echo LANG=C");
+    run("doctor --timeout 0.5");
+    EXPECT_THAT(out, Not(HasSubstr(of_service)));
+
+    const std::string of_process = place("/tmp/process");
+    fake("systemctl", "echo PATH=/tmp/service:" + own);
+    EXPECT_EQ(symlink("/run/fakes/dash", "/tmp/netwarden"), 0);
+    start("env PATH=/tmp/process:" + own +
+          " /tmp/netwarden -c \"echo >/tmp/runs; while :; do sleep 1; done\"");
+    EXPECT_TRUE(eventually([] { return read_file("/tmp/runs") != "<none>"; }));
+    expect("doctor --timeout 0.5", 1, {of_process.c_str()});
+}
+
 TEST_F(Ctl, DoctorLooksAtTheBroker) {
     expect("doctor --timeout 0.5", 1, {"FAULT  broker  ", "Connection refused"});
     for (const auto &[settings, text] :

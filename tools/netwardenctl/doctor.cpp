@@ -467,6 +467,9 @@ int examine_machine(const Options &options, const std::string &asked_interface) 
                (std::string(kBoardTools) + ":" + (path != nullptr ? path : kUsualPath)).c_str(), 1);
     }
     const Patient patient = examine(asked_interface);
+    // A shell's may find others of these names, or none.
+    if (const auto path = daemon_path(patient.daemon))
+        setenv("PATH", path->c_str(), 1);
     Report report(options.json);
     for (const Tool &tool : kTools)
         report.line(std::string("tool ") + tool.name, check_tool(tool));

@@ -7,6 +7,7 @@
 #include <signal.h>
 #include <spawn.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -262,7 +263,30 @@ std::vector<std::string> arguments_of(const std::string &process) {
     return words;
 }
 
+std::optional<std::string> path_among(const std::string &words, char separator) {
+    constexpr std::string_view kName = "PATH=";
+    std::istringstream text(words);
+    for (std::string word; std::getline(text, word, separator);)
+        if (word.starts_with(kName))
+            return word.substr(kName.size());
+    return std::nullopt;
+}
+
 }  // namespace
+
+std::optional<std::string> daemon_path(const std::optional<Daemon> &daemon) {
+    if (daemon) {
+        const std::string process = "/proc/" + std::to_string(daemon->process);
+        struct stat info = {};
+        if (stat(process.c_str(), &info) == 0 && (info.st_uid == 0 || info.st_uid == geteuid()))
+            if (const auto text = read_text_file(process + "/environ"))
+                return path_among(*text, '\0');
+    }
+    const ToolResult service =
+        run_tool({"systemctl", "show", "--property=Environment", "--value", "netwarden.service"});
+    return service.ok() ? path_among(service.output.substr(0, service.output.find('\n')), ' ')
+                        : std::nullopt;
+}
 
 std::optional<Daemon> find_daemon() {
     std::optional<Daemon> found;

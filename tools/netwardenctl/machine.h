@@ -47,6 +47,10 @@ struct Daemon {
 };
 std::optional<Daemon> find_daemon();
 
+// The PATH in which it looks for its tools: that of the process, else of its service; nothing where
+// neither tells. Of root's or one's own only: whoever chooses it chooses what runs.
+std::optional<std::string> daemon_path(const std::optional<Daemon> &daemon);
+
 // The station: as asked for, else as the running daemon was told, else wlan0.
 std::string station_interface(const std::string &asked);
 
