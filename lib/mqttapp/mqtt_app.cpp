@@ -101,6 +101,7 @@ struct mqtt_app {
     // The thread of mqtt_app_run only.
     Client client;
     link_state link = link_state::down;
+    int failure = MOSQ_ERR_SUCCESS;  // of a callback: it ends the connection
     bool reported_down = false;
     bool has_acknowledged = false;             // the broker, something on this connection
     std::vector<std::string> retained_topics;  // those that the log names already
@@ -199,10 +200,14 @@ bool parse_broker(std::string_view text, endpoint &to) {
 
 // All on the thread of mqtt_app_run.
 
+// A connection without its subscriptions is deaf: the next one may get the memory for them.
 void subscribe(mqtt_app *app) {
     for (const std::string &topic : app->topics)
-        if (const int error = mosquitto_subscribe(app->client.get(), nullptr, topic.c_str(), kQos))
+        if (const int error =
+                mosquitto_subscribe(app->client.get(), nullptr, topic.c_str(), kQos)) {
             LOGE("subscribing to %s failed: %s", topic.c_str(), mosquitto_strerror(error));
+            app->failure = error;
+        }
 }
 
 void on_connect(mosquitto * /*client*/, void *context, int code) {
@@ -329,6 +334,7 @@ bool open_connection(mqtt_app *app) {
     mosquitto_publish_callback_set(client, on_publish);
     mosquitto_message_callback_set(client, on_message);
     app->link = link_state::connecting;
+    app->failure = MOSQ_ERR_SUCCESS;
     app->has_acknowledged = false;
     const int error =
         mosquitto_connect_async(client, app->broker.host.c_str(), app->broker.port, kKeepAliveS);
@@ -384,6 +390,8 @@ int serve(mqtt_app *app) {
         error = mosquitto_loop_write(client, 1);
     if (error == MOSQ_ERR_SUCCESS && (fds[0].revents & ~POLLOUT) != 0)
         error = mosquitto_loop_read(client, 1);
+    if (error == MOSQ_ERR_SUCCESS)
+        error = app->failure;
     if (error == MOSQ_ERR_SUCCESS)
         error = mosquitto_loop_misc(client);
     if (error == MOSQ_ERR_SUCCESS && app->link == link_state::up)
