@@ -1,5 +1,6 @@
 #include "main.h"
 
+#include <cxxabi.h>
 #include <malloc.h>
 #include <unistd.h>
 
@@ -7,8 +8,10 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <exception>
 #include <optional>
 #include <string_view>
+#include <typeinfo>
 #include <utility>
 
 #include "device_network_hop.h"
@@ -145,6 +148,18 @@ std::optional<int> parse_command_line(int argc, char **argv, options &result) {
     if (failed)
         return usage_error();
     return std::nullopt;
+}
+
+// --- short of memory -----------------------------------------------------------------------------
+
+// Where the C++ library gets no memory and nobody has an answer to that, the process ends, in one
+// line, and its supervisor starts it again: a robot that was short of memory for a moment must not
+// go on with half a thought.
+[[noreturn]] void end_process() {
+    const std::type_info *const error = abi::__cxa_current_exception_type();
+    const std::string_view name = error != nullptr ? error->name() : "no exception";
+    const bool is_memory = name == "St9bad_alloc" || name == "St20bad_array_new_length";
+    log_die("netwarden: %s", is_memory ? "out of memory" : name.data());
 }
 
 // --- start-up ------------------------------------------------------------------------------------
@@ -404,6 +419,7 @@ void *mqtt_app_main(void * /*unused*/) {
 }
 
 int netwarden_main(int argc, char **argv) {
+    std::set_terminate(end_process);
     options given;
     if (const auto exit_code = parse_command_line(argc, argv, given))
         return *exit_code;
