@@ -9,6 +9,10 @@ size_t pex_kvs_get_key_data_size(const char *key);                       // byte
 // The value, freed by the caller; null when missing, empty or unreadable.
 char *pex_kvs_get_key_str_malloc(const char *key);
 
+// The same, but outlasts a shortage of memory or descriptors: for those who would take a value that
+// they cannot read for one that was never saved. Null with the errno of a shortage that went on.
+char *pex_kvs_get_key_str_at_last_malloc(const char *key);
+
 // Stores a text; values of secret keys are logged as "*". 0 or -1.
 int pex_kvs_set_key_str(const char *key, const char *value);
 

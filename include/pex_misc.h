@@ -2,7 +2,9 @@
 #pragma once
 
 #include <sys/types.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -12,6 +14,25 @@
 #include <string_view>
 
 #include "owned.h"
+
+// Whether an errno says that memory, descriptors or processes were short, and may not be soon.
+bool pex_is_shortage(int error);
+
+// Tries until it succeeds, but only while that fails with the errno of a shortage, and ten times at
+// most, a second apart: for what would be missed much longer than the shortage lasts. Whether it
+// succeeded; else errno is that of the last try.
+template <typename Attempt>
+bool pex_outlast_shortage(const Attempt &attempt) {
+    constexpr int kTries = 10;
+    for (int tries = 1;; tries++) {
+        errno = 0;
+        if (attempt())
+            return true;
+        if (!pex_is_shortage(errno) || tries == kTries)
+            return false;
+        sleep(1);
+    }
+}
 
 // Runs a command line through the shell, waits for it without a limit, and logs its outcome under
 // the module's name. 0 or -1; `detail` (may be null) gets the exit code or an errno.
@@ -25,8 +46,9 @@ struct command_outcome {
     int value;
 };
 
-// Runs a command line through the C library's system(), says nothing to the log, and leaves errno
-// as that left it. Each caller makes of the outcome what it has promised its own callers.
+// Runs a command line through the C library's system(), outlasts a shortage of processes, says
+// nothing to the log, and leaves errno as system() left it. Each caller makes of the outcome what
+// it has promised its own callers.
 command_outcome pex_run(const char *command);
 
 // The rest of a stream as text, freed by the caller, `*length` with its terminator; null and 0

@@ -15,6 +15,7 @@
 #include "device_tracking.h"
 #include "home_device_list.h"
 #include "log.h"
+#include "pex_misc.h"
 #include "pthread_utils.h"
 #include "wifi_netinfo.h"
 
@@ -119,8 +120,11 @@ bool sweep() {
         LOGI("no IP address");
     const uint32_t hosts = count_hosts(info.mask);
     const size_t workers = (hosts + kRangeSize - 1) / kRangeSize;
-    const std::unique_ptr<ping_range[]> ranges(new (std::nothrow) ping_range[workers]{});
-    if (!ranges) {
+    std::unique_ptr<ping_range[]> ranges;
+    if (!pex_outlast_shortage([&] {
+            ranges.reset(new (std::nothrow) ping_range[workers]{});
+            return ranges != nullptr;
+        })) {
         LOGE("calloc error");
         return false;
     }

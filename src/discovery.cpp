@@ -59,7 +59,7 @@ struct shared_state {
 shared_state &shared = *new shared_state;
 
 std::string saved(const char *key, size_t longest) {
-    const MallocText value(pex_kvs_get_key_str_malloc(key));
+    const MallocText value(pex_kvs_get_key_str_at_last_malloc(key));
     return value ? std::string(value.get()).substr(0, longest) : std::string();
 }
 
@@ -102,8 +102,11 @@ void fetch_capabilities() {
 }
 
 Fd open_socket() {
-    Fd listener(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    if (!listener) {
+    Fd listener;
+    if (!pex_outlast_shortage([&] {
+            listener.reset(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+            return static_cast<bool>(listener);
+        })) {
         LOGE("discovery socket init failed with error %s", strerrordesc_np(errno));
         return {};
     }
@@ -158,10 +161,11 @@ addresses read_addresses() {
 }
 
 std::string robot_name() {
-    const MallocText name(pex_kvs_get_key_str_malloc(kvs_key::kRobotName));
+    const MallocText name(pex_kvs_get_key_str_at_last_malloc(kvs_key::kRobotName));
     if (name)
         return name.get();
-    pex_kvs_set_key_str(kvs_key::kRobotName, "robot");
+    if (!pex_is_shortage(errno))  // else there may be one
+        pex_kvs_set_key_str(kvs_key::kRobotName, "robot");
     LOGE("Could not get robot name key");
     return "robot";
 }
@@ -322,7 +326,11 @@ int discovery_init() {
 
 void *discovery_main(void * /*unused*/) {
     const Fd listener(discovery_init());
-    const MallocText reply(static_cast<char *>(malloc(kReplySize)));
+    MallocText reply;
+    pex_outlast_shortage([&] {
+        reply.reset(static_cast<char *>(malloc(kReplySize)));
+        return reply != nullptr;
+    });
     if (!listener || !reply) {
         LOGE("Discovery init failed.");
         return nullptr;

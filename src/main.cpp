@@ -183,15 +183,19 @@ struct worker {
 
 void start_thread(const worker &thread) {
     LOGD("%s", thread.announcement);
-    if (pthread_create_detached_thread(nullptr, thread.body, nullptr, thread.name) == 0)
+    if (pex_outlast_shortage([&] {
+            return pthread_create_detached_thread(nullptr, thread.body, nullptr, thread.name) == 0;
+        }))
         return;
     LOGE("%s", thread.failure);
     park();
 }
 
 void open_log() {
-    exchange_log_handle(log_open("network", LOG_LEVEL_INFO, nullptr, 0, 1, 0, 0, 1));
-    if (get_log_handle() != nullptr)
+    if (pex_outlast_shortage([] {
+            exchange_log_handle(log_open("network", LOG_LEVEL_INFO, nullptr, 0, 1, 0, 0, 1));
+            return get_log_handle() != nullptr;
+        }))
         return;
     LOGE("log_open failed");
     park();
@@ -210,13 +214,17 @@ void wait_for_the_robot() {
 }
 
 void connect_libraries() {
-    exchange_mqtt_app(mqtt_client_init(on_mqtt_app_message));
-    if (get_mqtt_app() == nullptr) {
+    if (!pex_outlast_shortage([] {
+            exchange_mqtt_app(mqtt_client_init(on_mqtt_app_message));
+            return get_mqtt_app() != nullptr;
+        })) {
         LOGE("mqtt_client_init_failed");
         park();
     }
-    exchange_network_tarn_handle(network_tarn_init());
-    if (get_network_tarn_handle() == nullptr) {
+    if (!pex_outlast_shortage([] {
+            exchange_network_tarn_handle(network_tarn_init());
+            return get_network_tarn_handle() != nullptr;
+        })) {
         LOGE("network_tarn_init failed");
         park();
     }
@@ -243,7 +251,7 @@ void ensure_active_interface() {
 
 // Also without the key: an absent one resets the domain.
 void apply_regulatory_domain() {
-    const MallocText domain(pex_kvs_get_key_str_malloc(kvs_key::kRegdom));
+    const MallocText domain(pex_kvs_get_key_str_at_last_malloc(kvs_key::kRegdom));
     if (wifi_regdom_utils_set_regdomain(domain.get()) != 0)
         LOGE("failed to set regdomain");
     if (!domain)
@@ -269,7 +277,7 @@ void bring_wifi_into_a_known_state() {
     wifi_network_disconnect();
     wifi_init_netinfo();
     wifi_init_wifistat();
-    const MallocText ssid(pex_kvs_get_key_str_malloc(kvs_key::kSsid));
+    const MallocText ssid(pex_kvs_get_key_str_at_last_malloc(kvs_key::kSsid));
     if (ssid) {
         wifi_start_sta_from_kvs_configuration();
         return;

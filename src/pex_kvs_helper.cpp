@@ -107,6 +107,15 @@ char *pex_kvs_get_key_str_malloc(const char *key) {
     return pex_kvs_get_key_str(key, value.get(), &length) == 0 ? value.release() : nullptr;
 }
 
+char *pex_kvs_get_key_str_at_last_malloc(const char *key) {
+    char *value = nullptr;
+    pex_outlast_shortage([&] {
+        value = pex_kvs_get_key_str_malloc(key);
+        return value != nullptr;
+    });
+    return value;
+}
+
 int pex_kvs_set_key_str(const char *key, const char *value) {
     if (key == nullptr || value == nullptr)
         return -1;

@@ -29,6 +29,7 @@ constexpr int kPskRounds = 4096;
 constexpr int kPskLimitMs = 20'000;  // the slowest robot needs one
 constexpr int kMacOctets = 6;
 constexpr time_t kModifiedTogetherS = 120;
+constexpr int kNoShell = 127;  // of POSIX shells, and what glibc makes of a process that is none
 
 // The value of a hexadecimal digit, -1 for anything else (a terminator too).
 int digit_value(char c) {
@@ -139,6 +140,11 @@ bool is_mac_address(const char *text) {
 
 }  // namespace
 
+bool pex_is_shortage(int error) {
+    return error == ENOMEM || error == EMFILE || error == ENFILE || error == EAGAIN ||
+           error == ENOBUFS;
+}
+
 // --- commands and streams ------------------------------------------------------------------------
 
 int pex_system(const char *module, const char *command, int *detail) {
@@ -165,7 +171,12 @@ int pex_system(const char *module, const char *command, int *detail) {
 }
 
 command_outcome pex_run(const char *command) {
-    const int status = system(command);
+    int status = -1;
+    pex_outlast_shortage([&] {
+        status = system(command);
+        const bool may_be_none = WIFEXITED(status) && WEXITSTATUS(status) == kNoShell;
+        return status != -1 && !(may_be_none && pex_is_shortage(errno));
+    });
     if (status == -1)
         return {errno == ECHILD ? command_end::reaped : command_end::not_run, -1};
     return outcome_of(status);

@@ -72,7 +72,8 @@ int pthread_create_detached_thread(pthread_t *id, void *(*routine)(void *), void
     }
     pthread_t unused;
     Start start{routine, argument, name};
-    if (pthread_create(id != nullptr ? id : &unused, attributes.get(), run, &start) != 0) {
+    errno = pthread_create(id != nullptr ? id : &unused, attributes.get(), run, &start);
+    if (errno != 0) {
         LOGE("Failed to create thread");
         return -1;
     }

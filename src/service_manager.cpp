@@ -13,6 +13,7 @@
 
 #include "log.h"
 #include "owned.h"
+#include "pex_misc.h"
 
 #define LOG_SOURCE "src/service_manager"
 
@@ -30,7 +31,11 @@ Fd connect_to(std::string_view name) {
     name.copy(address.sun_path, name.size());
     if (name[0] == '@')
         address.sun_path[0] = '\0';
-    Fd made(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    Fd made;
+    pex_outlast_shortage([&] {
+        made.reset(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+        return static_cast<bool>(made);
+    });
     const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size());
     if (!made || connect(made.get(), reinterpret_cast<sockaddr *>(&address), length) != 0)
         return Fd();

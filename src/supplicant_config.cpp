@@ -229,7 +229,7 @@ bool write_config_file(const char *text, bool is_logged) {
 // --- the settings --------------------------------------------------------------------------------
 
 std::string saved_text(const char *key) {
-    const MallocText value(pex_kvs_get_key_str_malloc(key));
+    const MallocText value(pex_kvs_get_key_str_at_last_malloc(key));
     return value ? value.get() : "";
 }
 

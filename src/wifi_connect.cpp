@@ -52,9 +52,10 @@ void apply_saved_ip_config(const char *ip_config) {
 
 bool load_addr_type() {
     json_t *raw = nullptr;
-    const int result = kvs_get_json_from_key(kvs_key::kAddrType, JSON_INTEGER, &raw);
+    const bool is_read = pex_outlast_shortage(
+        [&] { return kvs_get_json_from_key(kvs_key::kAddrType, JSON_INTEGER, &raw) == 0; });
     const Json value(raw);
-    if (result != 0 || !value) {
+    if (!is_read || !value) {
         LOGE("kvs_get_json_from_key failed");
         return false;
     }
@@ -135,9 +136,9 @@ void wifi_start_sta_from_kvs_configuration() {
     const StationOperation operation;
     if (wifi_link_is_started())
         return;
-    const MallocText ssid(pex_kvs_get_key_str_malloc(kvs_key::kSsid));
-    const MallocText pass(pex_kvs_get_key_str_malloc(kvs_key::kPassword));
-    const MallocText ip_config(pex_kvs_get_key_str_malloc(kvs_key::kIpConfig));
+    const MallocText ssid(pex_kvs_get_key_str_at_last_malloc(kvs_key::kSsid));
+    const MallocText pass(pex_kvs_get_key_str_at_last_malloc(kvs_key::kPassword));
+    const MallocText ip_config(pex_kvs_get_key_str_at_last_malloc(kvs_key::kIpConfig));
     if (!ssid) {
         LOGE("failed to get ssid");
         return;

@@ -149,7 +149,7 @@ std::optional<std::string> ip_config_line() {
     std::string pending = wifictl_copy_pending().ip_config;
     if (!pending.empty())
         return pending;
-    const MallocText saved(pex_kvs_get_key_str_malloc(kvs_key::kIpConfig));
+    const MallocText saved(pex_kvs_get_key_str_at_last_malloc(kvs_key::kIpConfig));
     if (!saved)
         return std::nullopt;
     return saved.get();
