@@ -18,18 +18,17 @@
 // Whether an errno says that memory, descriptors or processes were short, and may not be soon.
 bool pex_is_shortage(int error);
 
-// Tries until it succeeds, but only while that fails with the errno of a shortage, and ten times at
-// most, a second apart: for what would be missed much longer than the shortage lasts. Whether it
-// succeeded; else errno is that of the last try.
-template <typename Attempt>
-bool pex_outlast_shortage(const Attempt &attempt) {
+// What `make` makes, tried anew while that is nothing (false, null, empty) with the errno of a
+// shortage, but ten times at most, a second apart: for what would be missed much longer than the
+// shortage lasts. After nothing, errno is that of the last try.
+template <typename Make>
+auto pex_outlast_shortage(const Make &make) {
     constexpr int kTries = 10;
     for (int tries = 1;; tries++) {
         errno = 0;
-        if (attempt())
-            return true;
-        if (!pex_is_shortage(errno) || tries == kTries)
-            return false;
+        auto made = make();
+        if (made || !pex_is_shortage(errno) || tries == kTries)
+            return made;
         sleep(1);
     }
 }

@@ -120,11 +120,9 @@ bool sweep() {
         LOGI("no IP address");
     const uint32_t hosts = count_hosts(info.mask);
     const size_t workers = (hosts + kRangeSize - 1) / kRangeSize;
-    std::unique_ptr<ping_range[]> ranges;
-    if (!pex_outlast_shortage([&] {
-            ranges.reset(new (std::nothrow) ping_range[workers]{});
-            return ranges != nullptr;
-        })) {
+    const auto ranges = pex_outlast_shortage(
+        [&] { return std::unique_ptr<ping_range[]>(new (std::nothrow) ping_range[workers]{}); });
+    if (!ranges) {
         LOGE("calloc error");
         return false;
     }

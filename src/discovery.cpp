@@ -102,11 +102,9 @@ void fetch_capabilities() {
 }
 
 Fd open_socket() {
-    Fd listener;
-    if (!pex_outlast_shortage([&] {
-            listener.reset(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-            return static_cast<bool>(listener);
-        })) {
+    Fd listener =
+        pex_outlast_shortage([] { return Fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)); });
+    if (!listener) {
         LOGE("discovery socket init failed with error %s", strerrordesc_np(errno));
         return {};
     }
@@ -326,11 +324,8 @@ int discovery_init() {
 
 void *discovery_main(void * /*unused*/) {
     const Fd listener(discovery_init());
-    MallocText reply;
-    pex_outlast_shortage([&] {
-        reply.reset(static_cast<char *>(malloc(kReplySize)));
-        return reply != nullptr;
-    });
+    const auto reply =
+        pex_outlast_shortage([] { return MallocText(static_cast<char *>(malloc(kReplySize))); });
     if (!listener || !reply) {
         LOGE("Discovery init failed.");
         return nullptr;

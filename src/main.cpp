@@ -192,10 +192,9 @@ void start_thread(const worker &thread) {
 }
 
 void open_log() {
-    if (pex_outlast_shortage([] {
-            exchange_log_handle(log_open("network", LOG_LEVEL_INFO, nullptr, 0, 1, 0, 0, 1));
-            return get_log_handle() != nullptr;
-        }))
+    exchange_log_handle(pex_outlast_shortage(
+        [] { return log_open("network", LOG_LEVEL_INFO, nullptr, 0, 1, 0, 0, 1); }));
+    if (get_log_handle() != nullptr)
         return;
     LOGE("log_open failed");
     park();
@@ -214,17 +213,13 @@ void wait_for_the_robot() {
 }
 
 void connect_libraries() {
-    if (!pex_outlast_shortage([] {
-            exchange_mqtt_app(mqtt_client_init(on_mqtt_app_message));
-            return get_mqtt_app() != nullptr;
-        })) {
+    exchange_mqtt_app(pex_outlast_shortage([] { return mqtt_client_init(on_mqtt_app_message); }));
+    if (get_mqtt_app() == nullptr) {
         LOGE("mqtt_client_init_failed");
         park();
     }
-    if (!pex_outlast_shortage([] {
-            exchange_network_tarn_handle(network_tarn_init());
-            return get_network_tarn_handle() != nullptr;
-        })) {
+    exchange_network_tarn_handle(pex_outlast_shortage(network_tarn_init));
+    if (get_network_tarn_handle() == nullptr) {
         LOGE("network_tarn_init failed");
         park();
     }

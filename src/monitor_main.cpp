@@ -11,10 +11,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <string>
 #include <utility>
 
 #include "log.h"
-#include "owned.h"
 #include "pex_misc.h"
 #include "pthread_utils.h"
 #include "wpa_ctrl.h"
@@ -118,26 +118,7 @@ void wlan_monitor_close_connection() {
 
 // A link that cannot be opened now would be missing until the next connect: months, if all is well.
 wpa_ctrl *open_at_last(const char *path) {
-    wpa_ctrl *opened = nullptr;
-    pex_outlast_shortage([&] {
-        opened = wpa_ctrl_open(path);
-        return opened != nullptr || stop.is_set();
-    });
-    return opened;
-}
-
-MallocText socket_path_malloc(const char *ifname) {
-    if (ifname == nullptr)
-        return nullptr;
-    const size_t size = strlen(ifname) + sizeof kSocketDirectory + 1;
-    MallocText path;
-    pex_outlast_shortage([&] {
-        path.reset(static_cast<char *>(malloc(size)));
-        return path != nullptr;
-    });
-    if (path && snprintf(path.get(), size, "%s/%s", kSocketDirectory, ifname) < 0)
-        path.reset();
-    return path;
+    return pex_outlast_shortage([&] { return wpa_ctrl_open(path); });
 }
 
 bool open_command_connection(const char *path) {
@@ -148,10 +129,12 @@ bool open_command_connection(const char *path) {
 
 // The monitor connection's descriptor, or -1.
 int wlan_monitor_open_connection(const char *ifname) {
-    const MallocText path = socket_path_malloc(ifname);
-    if (!path || !open_command_connection(path.get()))
+    if (ifname == nullptr)
         return -1;
-    monitor_connection = open_at_last(path.get());
+    const std::string path = std::string(kSocketDirectory) + "/" + ifname;
+    if (!open_command_connection(path.c_str()))
+        return -1;
+    monitor_connection = open_at_last(path.c_str());
     if (monitor_connection == nullptr)
         return -1;  // commands are served still; the next attach drops what is half open
     if (wpa_ctrl_attach_within(monitor_connection, {kReplyMs, stop.descriptor()}) != 0) {
@@ -381,10 +364,7 @@ wlan_monitor_message wlan_monitor_parse(const char *datagram) {
 
 void wlan_monitor_init(const char *ifname, wlan_monitor_event_cb callback) {
     free(std::exchange(interface_name, nullptr));
-    pex_outlast_shortage([&] {
-        interface_name = strdup(ifname);
-        return interface_name != nullptr;
-    });
+    interface_name = pex_outlast_shortage([&] { return strdup(ifname); });
     if (interface_name == nullptr)
         LOGE("Failed to allocate memory for ifname: %s\n", ifname);
     event_callback = callback;

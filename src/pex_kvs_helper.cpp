@@ -108,19 +108,17 @@ char *pex_kvs_get_key_str_malloc(const char *key) {
 }
 
 char *pex_kvs_get_key_str_at_last_malloc(const char *key) {
-    char *value = nullptr;
-    pex_outlast_shortage([&] {
-        value = pex_kvs_get_key_str_malloc(key);
-        return value != nullptr;
-    });
-    return value;
+    return pex_outlast_shortage([&] { return pex_kvs_get_key_str_malloc(key); });
 }
 
 int pex_kvs_set_key_str(const char *key, const char *value) {
     if (key == nullptr || value == nullptr)
         return -1;
     LOGD("setting %s to %s", key, is_secret(key) ? "*" : value);
-    return pex_kvs_set_key(key, value, strlen(value));
+    // A network saved without its name would be none after the next boot.
+    const bool is_saved =
+        pex_outlast_shortage([&] { return pex_kvs_set_key(key, value, strlen(value)) == 0; });
+    return is_saved ? 0 : -1;
 }
 
 int pex_kvs_key_exists(const char *key) {

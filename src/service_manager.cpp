@@ -31,11 +31,8 @@ Fd connect_to(std::string_view name) {
     name.copy(address.sun_path, name.size());
     if (name[0] == '@')
         address.sun_path[0] = '\0';
-    Fd made;
-    pex_outlast_shortage([&] {
-        made.reset(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-        return static_cast<bool>(made);
-    });
+    Fd made = pex_outlast_shortage(
+        [] { return Fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)); });
     const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size());
     if (!made || connect(made.get(), reinterpret_cast<sockaddr *>(&address), length) != 0)
         return Fd();
