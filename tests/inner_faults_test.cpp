@@ -56,7 +56,7 @@ struct judgement {
 constexpr judgement kJudgements[]{
     // No command runs any more on a robot without the resources for this one, and that is meant:
     // the service manager misses the daemon's word and starts it again.
-    {"silence", "process", "Failed to run command sudo hostapd_cli -ip2p0 all_sta"},
+    {"silence", "memory process", "Failed to run command sudo hostapd_cli -ip2p0 all_sta"},
     {"silence", "memory", "malloc failed"},
     // What was to be stored is not. One key, and none that was not to be stored.
     {"network.", "file write", ""},
