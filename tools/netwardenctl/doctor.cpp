@@ -35,8 +35,6 @@ constexpr double kToolS = 5;
 constexpr char kSupplicantFile[] = "/etc/wpa_supplicant.conf";
 constexpr char kSupplicantSockets[] = "/var/run/wpa_supplicant";
 constexpr char kDhcpPidFile[] = "/var/run/udhcpc.wlan0.pid";  // whatever the station's name
-// Where the Debian package keeps busybox's tools, which netwarden finds before others.
-constexpr char kBoardTools[] = "/usr/lib/netwarden-board/bin";
 constexpr char kRelay[] = "/usr/lib/netwarden-board/udhcpc-relay";
 
 struct Verdict {
@@ -461,11 +459,6 @@ Patient examine(const std::string &asked_interface) {
 }  // namespace
 
 int examine_machine(const Options &options, const std::string &asked_interface) {
-    if (access(kBoardTools, X_OK) == 0) {
-        const char *const path = getenv("PATH");
-        setenv("PATH",
-               (std::string(kBoardTools) + ":" + (path != nullptr ? path : kUsualPath)).c_str(), 1);
-    }
     const Patient patient = examine(asked_interface);
     // A shell's may find others of these names, or none.
     if (const auto path = daemon_path(patient.daemon))

@@ -224,7 +224,7 @@ std::optional<std::string> find_in_path(const std::string &tool) {
     if (tool.find('/') != tool.npos)
         return access(tool.c_str(), X_OK) == 0 ? std::optional(tool) : std::nullopt;
     const char *const path = getenv("PATH");
-    std::istringstream folders(path != nullptr ? path : kUsualPath);
+    std::istringstream folders(path != nullptr ? path : "/usr/sbin:/usr/bin:/sbin:/bin");
     for (std::string folder; std::getline(folders, folder, ':');) {
         const std::string file = fs::path(folder) / tool;
         if (access(file.c_str(), X_OK) == 0 && fs::is_regular_file(file))

@@ -33,7 +33,6 @@ ToolResult run_tool(const std::vector<std::string> &command, double limit_s = 3,
 // any threads.
 ToolResult run_apart(const std::function<int()> &work, double limit_s, size_t largest = 1 << 16);
 
-constexpr char kUsualPath[] = "/usr/sbin:/usr/bin:/sbin:/bin";  // where there is no PATH
 std::optional<std::string> find_in_path(const std::string &tool);
 
 // At most `largest` bytes; nothing when it cannot be read, errno says why. Does not wait for the
