@@ -16,9 +16,10 @@ system_pid() { pgrep -P "$(<$LAB/system.pid)"; }
 system() { nsenter -t "$(system_pid)" -m -p -r -w -- "$@"; }
 system_runs() { system systemctl is-system-running | grep -qE 'running|degraded'; }
 system_reboots() {
+    pkill -KILL mosquitto_sub || true   # the recorder: it would wait for its broker
     system systemctl reboot || true
     expect "the end of the system" 90 gone "$(<$LAB/system.pid)"
-    pkill -KILL -f '^(mosquitto_sub|/?[^ ]*wpa_supplicant|[^ ]*udhcpc)' || true
+    pkill -KILL -f '^[^ ]*(wpa_supplicant|udhcpc)' || true
     rm $LAB/system.pid
     ip link set wlan0 down   # as the machine's power has been away
     ip addr flush dev wlan0

@@ -256,16 +256,22 @@ BrokerSettings &broker_settings() {
 }
 
 Broker::Broker(const BrokerSettings &settings, std::vector<std::string> topics, BrokerEvents events)
-    : line_(std::make_shared<Line>(settings, std::move(topics), std::move(events))) {
-    std::thread([line = line_] { line->run(); }).detach();
-}
+    : line_(std::make_shared<Line>(settings, std::move(topics), std::move(events))),
+      thread_([line = line_] { line->run(); }) {}
 
 Broker::~Broker() {
     std::unique_lock guard(line_->calling);
     line_->stop = true;
     line_->changed.notify_all();
-    if (!line_->changed.wait_for(guard, kFarewell, [this] { return line_->ended; }))
+    const bool has_ended =
+        line_->changed.wait_for(guard, kFarewell, [this] { return line_->ended; });
+    guard.unlock();
+    if (has_ended) {
+        thread_.join();
+    } else {
+        thread_.detach();
         left_threads++;
+    }
 }
 
 bool Broker::publish(const std::string &topic, const std::string &text) {

@@ -6,6 +6,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace ctl {
@@ -50,6 +51,7 @@ class Broker {
   private:
     struct Line;
     std::shared_ptr<Line> line_;
+    std::thread thread_;
 };
 
 // Whether a thread is still in a system call, a name's lookup say: then the process must end
