@@ -20,4 +20,5 @@ refute_reboot
 step "the next cleaning is 900 away: reboot"
 peers_next_cleaning 900
 expect_log 'No connectivity, rebooting' 60
-expect_reboot 5
+refute_reboot   # it waits ten seconds before it does
+expect_reboot 11
