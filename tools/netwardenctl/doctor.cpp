@@ -77,7 +77,8 @@ bool holds_in_time(const std::function<bool()> &question) {
 
 struct Tool {
     const char *name;
-    const char *from;  // where a missing one comes from
+    const char *from;               // where a missing one comes from
+    const char *without = nullptr;  // what netwarden does less then; null: it cannot be without
 };
 constexpr std::array kTools{
     Tool{"sudo", "install the package sudo"},
@@ -89,7 +90,8 @@ constexpr std::array kTools{
     Tool{"hostapd_cli", "install the package hostapd"},
     Tool{"iw", "install the package iw"},
     Tool{"arping", "install the package iputils-arping"},
-    Tool{"avahi-browse", "install the package avahi-utils"},
+    Tool{"avahi-browse", "install the package avahi-utils",
+         "the census does not hear devices that announce themselves"},
     Tool{"provision", "the board's: board/install.sh, or the maker's own"},
     Tool{"network_device_interfaces_control.sh", "the board's: board/install.sh"},
     Tool{"network_dhcp_arp_control.sh", "the board's: board/install.sh"},
@@ -100,7 +102,11 @@ constexpr std::array kTools{
 
 Verdict check_tool(const Tool &tool) {
     const auto path = find_in_path(tool.name);
-    return path ? ok(*path) : fault(std::string("not there: ") + tool.from);
+    if (path)
+        return ok(*path);
+    if (tool.without != nullptr)
+        return unknown(std::string("not there, so ") + tool.without + ": " + tool.from);
+    return fault(std::string("not there: ") + tool.from);
 }
 
 Verdict check_interface(const Patient &patient) {
