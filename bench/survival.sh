@@ -4,8 +4,9 @@
 MANAGER=${MANAGER:-netwarden} ROWS=${ROWS:-a b c d e f g h i k idle} ROUNDS=${ROUNDS:-3}
 declare -r NEVER_S=200
 
-# --- the managers: NAME_begins makes the home known to it and starts it, NAME_starts, NAME_ends
-# (the radio is off then), NAME_killed (nobody could tidy up); NAME_pid is its process, NAME_wifi the one that speaks to the radio.
+# --- the managers: NAME_begins makes the home known to it and starts it, NAME_starts, NAME_ends (the radio is off then),
+# NAME_killed (nobody could tidy up); NAME_pid is its process, NAME_wifi the one that speaks to the radio. What a manager has
+# no word of its own for is done as other_WORD says, with its name.
 
 netwarden_begins() { save_network; kvs_set product.robotid 0123456789ABCDEF; start_daemon; }
 netwarden_starts() { start_daemon; }
@@ -25,16 +26,16 @@ bus_is_up() {
     udevadm trigger --action=add
     udevadm settle
 }
-# other_ends NAME: the manager and the supplicant that the message bus has started for it.
+# The manager, where it still runs, and the supplicant that the message bus has started for it.
 other_ends() {
-    [[ ! -e $LAB/$1.pid ]] || end "$1"
+    if [[ -e $LAB/$1.pid ]] && kill -0 "$(other_pid "$1")"; then end "$1"; fi
     pkill -x wpa_supplicant && sleep 1 || true
     ip addr flush dev wlan0
     ip link set wlan0 down
 }
-# other_killed NAME: its supplicant stays, as it does when a manager crashes.
-other_killed() { end "$1" -KILL; }
-supplicant_of_bus() { pgrep -x wpa_supplicant; }
+other_killed() { end "$1" -KILL; }   # its supplicant stays, as it does when a manager crashes
+other_pid() { cat "$LAB/$1.pid"; }
+other_wifi() { pgrep -x wpa_supplicant; }
 
 networkmanager_begins() {
     bus_is_up
@@ -58,10 +59,6 @@ CONNECTION
     networkmanager_starts
 }
 networkmanager_starts() { background networkmanager NetworkManager --no-daemon; }
-networkmanager_ends() { other_ends networkmanager; }
-networkmanager_killed() { other_killed networkmanager; }
-networkmanager_pid() { cat $LAB/networkmanager.pid; }
-networkmanager_wifi() { supplicant_of_bus; }
 
 connman_begins() {
     bus_is_up
@@ -71,10 +68,6 @@ connman_begins() {
     connman_starts
 }
 connman_starts() { background connman connmand --nodaemon --device=wlan0; }
-connman_ends() { other_ends connman; }
-connman_killed() { other_killed connman; }
-connman_pid() { cat $LAB/connman.pid; }
-connman_wifi() { supplicant_of_bus; }
 
 iwd_begins() {
     bus_is_up
@@ -84,13 +77,10 @@ iwd_begins() {
     iwd_starts
 }
 iwd_starts() { background iwd /usr/libexec/iwd --interfaces wlan0; }
-iwd_ends() { other_ends iwd; }
-iwd_killed() { other_killed iwd; }
-iwd_pid() { cat $LAB/iwd.pid; }
-iwd_wifi() { iwd_pid; }
+iwd_wifi() { other_pid iwd; }
 
 # manager WORD...: what the manager at hand does.
-manager() { local word=$1; shift; "${MANAGER}_$word" "$@"; }
+manager() { if declare -F "${MANAGER}_$1" >/dev/null; then "${MANAGER}_$1"; else "other_$1" "$MANAGER"; fi; }
 
 # --- what the watcher saw -----------------------------------------------------------------------------------------------
 
