@@ -69,31 +69,29 @@ CLI::Validator between(double low, double high) {
         "");
 }
 
-CLI::App *add_interface(CLI::App *to, Arguments &a) {
-    to->add_option("--interface", a.interface,
-                   "The station's interface (default: the running daemon's, else wlan0)")
+// One that looks at a station's interface.
+CLI::App *command_at(CLI::App &app, Arguments &a, const char *name, const char *help,
+                     Action action) {
+    CLI::App *const each = command(app, a, name, help, std::move(action));
+    each->add_option("--interface", a.interface,
+                     "The station's interface (default: the running daemon's, else wlan0)")
         ->type_name("NAME");
-    return to;
+    return each;
 }
 
 void add_questions(CLI::App &app, Arguments &a) {
-    add_interface(command(app, a, "status",
-                          "State, address, gateway, signal, how the last provisioning ended, and "
-                          "who the robot is",
-                          [&a] { return show_status(a.options, a.interface); }),
-                  a);
-    add_interface(command(app, a, "link",
-                          "Signal, channel and access point, measured on the robot itself. Needs "
-                          "no broker",
-                          [&a] { return show_link(a.options, a.interface); }),
-                  a);
-    CLI::App *const waiting = add_interface(
-        command(app, a, "wait", "Wait until the robot is connected (60 s); at once when it is so",
-                [&a] {
-                    return wait_for_state(a.options, a.word.empty() ? "connected" : a.word,
-                                          a.interface);
-                }),
-        a);
+    command_at(app, a, "status",
+               "State, address, gateway, signal, how the last provisioning ended, and "
+               "who the robot is",
+               [&a] { return show_status(a.options, a.interface); });
+    command_at(app, a, "link",
+               "Signal, channel and access point, measured on the robot itself. Needs "
+               "no broker",
+               [&a] { return show_link(a.options, a.interface); });
+    CLI::App *const waiting = command_at(
+        app, a, "wait", "Wait until the robot is connected (60 s); at once when it is so", [&a] {
+            return wait_for_state(a.options, a.word.empty() ? "connected" : a.word, a.interface);
+        });
     waiting->add_option("--state", a.word, "Or in this state")
         ->check(CLI::IsMember(wifi_state_names()));
     add_word(command(app, a, "get", "Ask for one thing", [&a] { return get(a.options, a.word); }),
@@ -101,16 +99,14 @@ void add_questions(CLI::App &app, Arguments &a) {
 }
 
 void add_looks(CLI::App &app, Arguments &a) {
-    add_interface(command(app, a, "doctor",
-                          "Check that this machine has everything that netwarden needs, a line "
-                          "each: ok, or what to do. Best as root, on the robot itself",
-                          [&a] { return examine_machine(a.options, a.interface); }),
-                  a);
-    add_interface(command(app, a, "report",
-                          "Write down all that is known of this robot's Wi-Fi, in one file for who "
-                          "is to find a fault. Secrets are masked",
-                          [&a] { return report(a.options, a.word, a.interface); }),
-                  a)
+    command_at(app, a, "doctor",
+               "Check that this machine has everything that netwarden needs, a line "
+               "each: ok, or what to do. Best as root, on the robot itself",
+               [&a] { return examine_machine(a.options, a.interface); });
+    command_at(app, a, "report",
+               "Write down all that is known of this robot's Wi-Fi, in one file for who "
+               "is to find a fault. Secrets are masked",
+               [&a] { return report(a.options, a.word, a.interface); })
         ->add_option("file", a.word,
                      "A new file, or - for standard output (default: named after the time)");
 }
@@ -133,12 +129,10 @@ void add_changes(CLI::App &app, Arguments &a) {
 
 void add_listeners(CLI::App &app, Arguments &a) {
     constexpr double kMostMessages = 1e9;
-    add_interface(
-        command(app, a, "watch",
-                "Show the present state, and what the robot tells and is told, a line each, until "
-                "Ctrl-C (--timeout)",
-                [&a] { return watch(a.options, a.count, a.interface); }),
-        a)
+    command_at(app, a, "watch",
+               "Show the present state, and what the robot tells and is told, a line each, until "
+               "Ctrl-C (--timeout)",
+               [&a] { return watch(a.options, a.count, a.interface); })
         ->add_option("--count", a.count, "End after so many messages")
         ->type_name("N")
         ->check(between(1, kMostMessages));
