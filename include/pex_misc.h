@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <ctime>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -56,6 +57,8 @@ char *pex_read_terminated_stream(FILE *stream, size_t *length);
 
 // Waits 10 s, flushes the file systems and reboots the robot. The shell's status.
 int pex_system_reboot();
+// The same, but what is asked at the last moment may call it off: then there is no status.
+std::optional<int> pex_system_reboot_unless(bool (*is_forbidden)());
 
 // Upper-case hexadecimal text, freed by the caller; null without memory.
 char *hex_encode_str_malloc(const void *bytes, size_t count);

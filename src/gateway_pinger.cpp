@@ -105,15 +105,16 @@ class Watchdog {
         }
     }
 
-    // A failed question for the next cleaning gives 0 and so forbids the reboot.
+    // A failed question for the next cleaning gives 0 and so forbids the reboot. A mission that
+    // begins while the reboot is on its way calls it off.
     static void reboot_unless_cleaning() {
-        if (gateway_pinger_get_mission_in_progress() == 0 &&
-            gateway_pinger_get_next_cleaning() >= kSafeToReboot) {
+        const auto in_mission = [] { return gateway_pinger_get_mission_in_progress() != 0; };
+        if (!in_mission() && gateway_pinger_get_next_cleaning() >= kSafeToReboot) {
             LOGE("No connectivity, rebooting");
-            pex_system_reboot();
-        } else {
-            LOGI("No connectivity but clean mission running or scheduled. Waiting to reboot...");
+            if (pex_system_reboot_unless(in_mission))
+                return;
         }
+        LOGI("No connectivity but clean mission running or scheduled. Waiting to reboot...");
     }
 
     bool have_ping_command() {

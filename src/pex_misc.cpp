@@ -206,10 +206,16 @@ char *pex_read_terminated_stream(FILE *stream, size_t *length) {
     return text.release();
 }
 
-int pex_system_reboot() {
+std::optional<int> pex_system_reboot_unless(bool (*is_forbidden)()) {
     sleep(10);
     sync();
+    if (is_forbidden())
+        return std::nullopt;
     return system("sudo /sbin/reboot");
+}
+
+int pex_system_reboot() {
+    return pex_system_reboot_unless([] { return false; }).value_or(-1);
 }
 
 // --- hexadecimal text and keys -------------------------------------------------------------------

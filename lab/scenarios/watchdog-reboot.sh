@@ -1,5 +1,5 @@
 # The station cannot be brought up at all (the saved key fits no kind of network): after the limit of three
-# watchdog cycles the network is restarted; later the robot reboots, but never into a planned cleaning.
+# watchdog cycles the network is restarted; later the robot reboots, but never into a cleaning.
 # limit: 900 s
 save_network "$HOME_SSID" seven77
 kvs_set network.watchdog_interval_min 3
@@ -17,8 +17,17 @@ expect_log 'No connectivity but clean mission running or scheduled. Waiting to r
 expect_log 'no address count, 7' 120
 refute_reboot
 
-step "the next cleaning is 900 away: reboot"
+step "the next cleaning is 900 away, but a mission begins in the ten seconds before the reboot: none"
 peers_next_cleaning 900
+expect_log 'No connectivity, rebooting' 60
+mark
+app_says '{"cleanMissionStatus":{"cycle":"clean","phase":"run"}}'
+expect_log 'Waiting to reboot' 20
+refute_reboot
+
+step "the mission is over: reboot"
+mark
+app_says '{"cleanMissionStatus":{"cycle":"none","phase":"charge"}}'
 expect_log 'No connectivity, rebooting' 60
 refute_reboot   # it waits ten seconds before it does
 expect_reboot 11
