@@ -103,6 +103,7 @@ struct mqtt_app {
     link_state link = link_state::down;
     int failure = MOSQ_ERR_SUCCESS;  // of a callback: it ends the connection
     bool reported_down = false;
+    bool reported_refusal = false;
     bool has_acknowledged = false;             // the broker, something on this connection
     std::vector<std::string> retained_topics;  // those that the log names already
 
@@ -213,12 +214,13 @@ void subscribe(mqtt_app *app) {
 void on_connect(mosquitto * /*client*/, void *context, int code) {
     auto *app = static_cast<mqtt_app *>(context);
     if (code != 0) {  // the client ends the connection
-        if (!app->reported_down)
+        if (!app->reported_refusal)
             LOGW("the broker refused us: %s", mosquitto_connack_string(code));
+        app->reported_refusal = true;
         return;
     }
     app->link = link_state::up;
-    app->reported_down = false;
+    app->reported_down = app->reported_refusal = false;
     subscribe(app);
     if (app->on_connect != nullptr)
         app->on_connect(app);
@@ -410,12 +412,13 @@ void back_off(mqtt_app *app, seconds delay) {
     }
 }
 
-// Serves one connection until it breaks. True when it was good for something: a broker that lets
-// us in and throws us out at once, over a message it cannot bear, is left alone longer each time.
+// Serves one connection until it breaks. False when the broker is to be left alone longer than the
+// last time: it refuses us, or it lets us in and throws us out at once, over a message it cannot
+// bear. One that is not there restarts, and what others tell it before we are back is lost to us.
 bool serve_connection(mqtt_app *app, seconds long_enough) {
     const auto start = Clock::now();
     if (!open_connection(app))
-        return false;
+        return true;
     int error = MOSQ_ERR_SUCCESS;
     while (!app->stop && error == MOSQ_ERR_SUCCESS)
         error = serve(app);

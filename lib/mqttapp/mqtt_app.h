@@ -39,8 +39,9 @@ int mqtt_app_register_on_connect_cb(mqtt_app *app, mqtt_app_connect_cb on_connec
 // with a line in the log. Before mqtt_app_run. 0, or non-zero for a null or negative argument.
 int mqtt_app_set_message_limit(mqtt_app *app, int bytes);
 
-// Serves the connection: connects, reconnects after 1 s to 30 s, receives and sends. Returns 0
-// after mqtt_app_exit only, or at once -1 when `app` was not initialised or runs already.
+// Serves the connection: connects, receives and sends, and tries again each second while there is
+// no broker, ever later (up to 30 s) while it refuses us. Returns 0 after mqtt_app_exit only, or at
+// once -1 when `app` was not initialised or runs already.
 int mqtt_app_run(mqtt_app *app);
 
 // Queues `length` bytes for the broker and returns: 0, EINVAL for a handle that has ended or what
