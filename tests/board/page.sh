@@ -112,9 +112,9 @@ tells_each_verdict() {
         : >/tmp/calls
         post 'T&net=486f6d65&pass=tulip+%25%5c%20&addr=10.0.0.2&mask=255.255.255.0&gw=10.0.0.1'
         [ "$(status)" = 303 ]
-        until_true 10 in_phase failed
+        until_true 60 in_phase failed
         [ "$(sed -n 's/REASON=//p' $page_dir/state)" = "$reason" ]
-        until_true 10 gone $page_dir/busy
+        until_true 60 gone $page_dir/busy
         [ "$(cat /tmp/calls)" = '--json --timeout 400 provision --step settings --hex --ssid 486f6d65 --pass-file - --static --addr 10.0.0.2 --mask 255.255.255.0 --gw 10.0.0.1' ]
         [ "$(cat /tmp/secret; echo .)" = $'tulip %\\ \n.' ]
         get
